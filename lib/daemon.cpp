@@ -1,0 +1,177 @@
+#include "daemon.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+namespace {
+
+constexpr int kSignals = 65;
+
+struct signal_entry {
+    struct sigaction action;
+    int flags;
+    signal_handler_t handler;
+    std::atomic<int> received;
+};
+static_assert(std::atomic<int>::is_always_lock_free, "the catcher needs a lock-free counter");
+
+signal_entry signal_table[kSignals];
+
+void signal_catcher(int signo) {
+    if (signo >= 0 && signo < kSignals) signal_table[signo].received.fetch_add(1);
+}
+
+bool is_fault_signal(int signo) {
+    return signo == SIGILL || signo == SIGABRT || signo == SIGBUS || signo == SIGFPE ||
+           signo == SIGSEGV || signo == SIGSYS;
+}
+
+std::mutex daemon_mutex;
+std::string pidfile_path;  // guarded by daemon_mutex
+int pidfile_fd = -1;       // guarded by daemon_mutex; open for the life of the process
+
+void remove_pidfile_locked() {
+    if (pidfile_path.empty()) return;
+    unlink(pidfile_path.c_str());
+    pidfile_path.clear();
+    if (pidfile_fd >= 0) {
+        close(pidfile_fd);
+        pidfile_fd = -1;
+    }
+}
+
+int write_pidfile(const char* name) {
+    std::string path;
+    if (name[0] == '/') {
+        path = name;
+    } else {
+        char buf[PATH_MAX + 1];
+        int n = snprintf(buf, sizeof buf, "%s%c%s%s", getuid() == 0 ? "/var/run" : "/tmp", '/',
+                         name, ".pid");
+        if (n < 0 || n >= PATH_MAX) {
+            errno = ENAMETOOLONG;
+            return -1;
+        }
+        path = buf;
+    }
+    if (path.size() >= PATH_MAX) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+
+    std::lock_guard<std::mutex> guard(daemon_mutex);
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) return -1;
+    struct flock lk{};
+    lk.l_type = F_WRLCK;
+    lk.l_whence = SEEK_SET;
+    if (fcntl(fd, F_SETLK, &lk) < 0) {
+        close(fd);
+        return -1;
+    }
+    if (pidfile_fd >= 0) close(pidfile_fd);
+    pidfile_fd = fd;
+    pidfile_path = path;
+
+    char text[32];
+    int len = snprintf(text, sizeof text, "%d\n", static_cast<int>(getpid()));
+    if (pwrite(fd, text, len, 0) != len) {
+        remove_pidfile_locked();
+        return -1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int signal_set_handler(int signo, int flags, signal_handler_t handler) {
+    if (signo < 0 || signo >= kSignals) return -1;
+    signal_entry& e = signal_table[signo];
+    memset(&e.action, 0, sizeof e.action);
+    sigemptyset(&e.action.sa_mask);
+    sigaddset(&e.action.sa_mask, signo);
+    e.action.sa_flags = flags;
+    e.flags = flags;
+    e.handler = handler;
+    e.received = 0;
+
+    if (handler == SIG_DFL || handler == SIG_IGN || is_fault_signal(signo)) {
+        e.action.sa_handler = handler;
+    } else {
+        e.action.sa_handler = signal_catcher;
+    }
+    return sigaction(signo, &e.action, nullptr);
+}
+
+void signal_handle_all() {
+    for (int signo = 0; signo < kSignals; ++signo) {
+        signal_entry& e = signal_table[signo];
+        if (e.received.load() == 0) continue;
+        sigset_t old;
+        pthread_sigmask(SIG_BLOCK, &e.action.sa_mask, &old);
+        if (e.handler != SIG_DFL && e.handler != SIG_IGN && e.handler) e.handler(signo);
+        e.received = 0;
+        pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    }
+}
+
+int daemon_init(const char* name) {
+    int socktype;
+    socklen_t optlen = sizeof socktype;
+    bool from_inetd = getsockopt(0, SOL_SOCKET, SO_TYPE, &socktype, &optlen) == 0;
+    bool from_init = getppid() == 1;
+
+    if (!from_init && !from_inetd) {
+        pid_t pid = fork();
+        if (pid < 0) return -1;
+        if (pid > 0) exit(0);
+        setsid();
+    }
+    if (chdir("/") < 0) return -1;
+    umask(0);
+
+    long limit = sysconf(_SC_OPEN_MAX);
+    if (limit <= 0) limit = 1024;
+    // Only descriptors inherited from the parent are closed: everything this
+    // program opens for itself (configured database files included) is
+    // close-on-exec and must stay open.
+    for (int fd = from_inetd ? 3 : 0; fd < limit; ++fd) {
+        int fl = fcntl(fd, F_GETFD);
+        if (fl < 0 || (fl & FD_CLOEXEC)) continue;
+        close(fd);
+    }
+    if (!from_inetd) {
+        int fd = open("/dev/null", O_RDWR);
+        if (fd != 0) {
+            if (fd >= 0) close(fd);
+            return -1;
+        }
+        dup2(0, 1);
+        dup2(0, 2);
+    }
+
+    if (!name) return 0;
+    return write_pidfile(name);
+}
+
+int daemon_close() {
+    std::lock_guard<std::mutex> guard(daemon_mutex);
+    remove_pidfile_locked();
+    return 0;
+}
+
+std::string daemon_pidfile() {
+    std::lock_guard<std::mutex> guard(daemon_mutex);
+    return pidfile_path;
+}

@@ -1,0 +1,36 @@
+// Daemon support: deferred signal handling and detaching with a locked pid file.
+//
+// Contract:
+//  - signal_set_handler() is called before any thread exists; the catcher it
+//    installs only counts deliveries (async-signal-safe) and may run in any
+//    thread. Fault signals (SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGSYS)
+//    run their handler at once instead.
+//  - signal_handle_all() runs, in the calling thread (the main thread), the
+//    handler of every signal counted since its last call, once per signal.
+//  - daemon_init() detaches (fork + new session unless started by init or
+//    inetd), moves to "/", redirects 0-2 to /dev/null and writes and locks the
+//    pid file. Descriptors that this program opened for itself (all of them
+//    close-on-exec) survive; every descriptor inherited from the parent
+//    (never close-on-exec, since exec drops those) is closed. The pid file
+//    descriptor stays open so that its lock lasts as long as the process.
+#pragma once
+
+#include <csignal>
+#include <string>
+
+using signal_handler_t = void (*)(int);
+
+// handler may be SIG_DFL or SIG_IGN. Returns 0, or -1 when the system refuses.
+int signal_set_handler(int signo, int flags, signal_handler_t handler);
+
+void signal_handle_all();
+
+// Returns 0 on success, -1 on failure. name: absolute pid file path, or a name
+// turned into /var/run/<name>.pid (superuser) or /tmp/<name>.pid (others).
+int daemon_init(const char* name);
+
+// Removes the pid file, if one was written. Returns 0.
+int daemon_close();
+
+// The pid file path that daemon_init() wrote, or an empty text.
+std::string daemon_pidfile();

@@ -1,0 +1,32 @@
+// Logger: one line per call to a log file, standard error and optionally the
+// system log.
+//
+// Contract:
+//  - write_log() may be called from any thread at any time, also before
+//    logger_init(). It never fails towards the caller.
+//  - logger_init() and set_log_level() are meant for the main thread; they may
+//    run while other threads log (the settings are swapped safely).
+//  - Line format: "MM/DD/YY HH:MM:SS:  LEVEL[pid]: file:line in function: text"
+//    ("MM/DD/YY HH:MM:SS:  VERBOSE[pid]: text" for level 5).
+//  - A message of level L is written when L + log_level - 5 >= 0.
+#pragma once
+
+enum log_levels {
+    L_DEBUG = 0,
+    L_EVENT = 1,
+    L_NOTICE = 2,
+    L_WARNING = 3,
+    L_ERROR = 4,
+    L_VERBOSE = 5,
+};
+
+// path: log file, null or empty = standard error; to_syslog: copy every line to
+// the system log; disable: 1 = write nothing at all. Returns 0.
+int logger_init(const char* path, int level, int to_syslog, int disable);
+
+void set_log_level(int level);
+
+void write_log(int level, const char* file, int line, const char* function, const char* format,
+               ...) __attribute__((format(printf, 5, 6)));
+
+#define LOG(level, ...) write_log(level, __FILE_NAME__, __LINE__, __func__, __VA_ARGS__)

@@ -1,0 +1,253 @@
+#include "billing/templates.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "db/registry.h"
+#include "logger.h"
+
+namespace {
+
+struct placeholder {
+    const char* token;
+    size_t len;
+};
+
+#define PH(t) {t, sizeof(t) - 1}
+// The placeholders each routine knows, in the order they are tried.
+const placeholder fields_set[] = {PH("%exten%"), PH("%name%"),         PH("%lang%"),
+                                  PH("%share%"), PH("%date%"),         PH("%current_date%"),
+                                  PH("%time%"),  PH("%current_time%"), PH("%seqno%")};
+const placeholder strings_set[] = {PH("%exten%"), PH("%date%"), PH("%current_date%"),
+                                   PH("%time%"), PH("%current_time%"), PH("%seqno%")};
+const placeholder param_set[] = {PH("%param%"), PH("%exten%"),        PH("%date%"),
+                                 PH("%current_date%"), PH("%time%"), PH("%current_time%"),
+                                 PH("%seqno%")};
+#undef PH
+
+struct placeholder_set {
+    const placeholder* begin;
+    size_t count;
+};
+
+placeholder_set set_of(template_kind kind) {
+    switch (kind) {
+        case TEMPLATE_FIELDS:
+            return {fields_set, std::size(fields_set)};
+        case TEMPLATE_STRINGS:
+            return {strings_set, std::size(strings_set)};
+        case TEMPLATE_PARAM:
+            break;
+    }
+    return {param_set, std::size(param_set)};
+}
+
+// Index of the placeholder at `at`, or -1.
+int match(const placeholder_set& set, const char* at) {
+    for (size_t i = 0; i < set.count; ++i)
+        if (strncmp(at, set.begin[i].token, set.begin[i].len) == 0) return static_cast<int>(i);
+    return -1;
+}
+
+// A template with an unknown "%" stops its thread for good: it says so once
+// and then sleeps without end.
+[[noreturn]] void hang_on_unknown(const char* q, const char* at) {
+    LOG(L_ERROR,
+        "Unknown placeholder at \"%.20s\" in template \"%s\": the statement can never be "
+        "built and this thread stops here",
+        at, q);
+    for (;;) sleep(3600);
+}
+
+void append_strftime(std::string& out, const char* format, const struct tm& tmv) {
+    char scratch[32] = "";
+    strftime(scratch, sizeof scratch, format, &tmv);
+    out += scratch;
+}
+
+void append_now(std::string& out, const char* format) {
+    time_t now = time(nullptr);
+    struct tm tmv;
+    localtime_r(&now, &tmv);
+    append_strftime(out, format, tmv);
+}
+
+// The substitution skeleton shared by the three routines: `value` appends the
+// value of placeholder `index` of `set`.
+template <typename Value>
+std::string substitute(const char* q, template_kind kind, const char* echo, Value value) {
+    std::string out;
+    const char* p = strchr(q, '%');
+    if (!p) {
+        out = q;
+    } else {
+        placeholder_set set = set_of(kind);
+        const char* cursor = p;
+        const char* copied = q;
+        for (;;) {
+            out.append(copied, cursor);
+            int i = match(set, cursor);
+            if (i < 0) hang_on_unknown(q, cursor);
+            value(out, i);
+            cursor += set.begin[i].len;
+            copied = cursor;
+            const char* next = strchr(cursor, '%');
+            if (!next) break;
+            cursor = next;
+        }
+        out += cursor;
+    }
+    printf("%s%s\n", echo, out.c_str());
+    return out;
+}
+
+void append_text(std::string& out, const char* s) {
+    if (s) out += s;
+}
+
+void append_field_text(std::string& out, const fias_field_t* f) {
+    if (f && f->value && f->value->str) out += *f->value->str;
+}
+
+// Shared by prepare_query2 and prepare_query3, whose sets differ only by %param%.
+std::string prepare_strings(const dbdriver_t* drv, const char* q, template_kind kind,
+                            const char* echo, const char* param, const char* rn,
+                            const char* da, const char* ti, const char* seq) {
+    const placeholder_set set = set_of(kind);
+    return substitute(q, kind, echo, [&](std::string& out, int i) {
+        std::string_view token = set.begin[i].token;
+        if (token == "%param%") append_text(out, param);
+        else if (token == "%exten%") append_text(out, rn);
+        else if (token == "%date%") append_text(out, da);
+        else if (token == "%current_date%") append_now(out, drv->dateformat);
+        else if (token == "%time%") append_text(out, ti);
+        else if (token == "%current_time%") append_now(out, drv->timeformat);
+        else append_text(out, seq);
+    });
+}
+
+}  // namespace
+
+std::string prepare_query(const dbdriver_t* drv, const char* q, const fias_field_t* rn,
+                          const fias_field_t* name, const fias_field_t* lang,
+                          const fias_field_t* shared, const fias_field_t* date,
+                          const fias_field_t* tim, const fias_field_t* seq) {
+    return substitute(q, TEMPLATE_FIELDS, "query: ", [&](std::string& out, int i) {
+        std::string_view token = fields_set[i].token;
+        if (token == "%exten%") {
+            append_field_text(out, rn);
+        } else if (token == "%name%") {
+            append_field_text(out, name);
+        } else if (token == "%lang%") {
+            append_field_text(out, lang);
+        } else if (token == "%share%") {
+            out += std::to_string(shared && shared->value ? shared->value->bval : 0);
+        } else if (token == "%date%") {
+            if (date && date->value) {
+                // The month goes in unchanged as the zero-based month: a
+                // numeric month format shows the following month.
+                struct tm tmv{};
+                tmv.tm_year = date->value->date.year + 100;
+                tmv.tm_mon = date->value->date.month;
+                tmv.tm_mday = date->value->date.day;
+                append_strftime(out, drv->dateformat, tmv);
+            }
+        } else if (token == "%current_date%") {
+            append_now(out, drv->dateformat);
+        } else if (token == "%time%") {
+            // Filled only when a date is given too.
+            if (date && date->value && tim && tim->value) {
+                struct tm tmv{};
+                tmv.tm_hour = tim->value->time.hour;
+                tmv.tm_min = tim->value->time.min;
+                tmv.tm_sec = tim->value->time.sec;
+                append_strftime(out, drv->timeformat, tmv);
+            }
+        } else if (token == "%current_time%") {
+            append_now(out, drv->timeformat);
+        } else {
+            append_field_text(out, seq);
+        }
+    });
+}
+
+std::string prepare_query2(const dbdriver_t* drv, const char* q, const char* rn, const char* da,
+                           const char* ti, const char* seq) {
+    return prepare_strings(drv, q, TEMPLATE_STRINGS, "1query: ", nullptr, rn, da, ti, seq);
+}
+
+std::string prepare_query3(const dbdriver_t* drv, const char* q, const char* param,
+                           const char* rn, const char* da, const char* ti, const char* seq) {
+    return prepare_strings(drv, q, TEMPLATE_PARAM, "1query: ", param, rn, da, ti, seq);
+}
+
+int template_unknown_placeholder(template_kind kind, const char* q) {
+    placeholder_set set = set_of(kind);
+    for (const char* p = strchr(q, '%'); p; p = strchr(p, '%')) {
+        int i = match(set, p);
+        if (i < 0) return static_cast<int>(p - q);
+        p += set.begin[i].len;
+    }
+    return -1;
+}
+
+service_string split_service(const std::string& value) {
+    service_string s;
+    size_t colon = value.find(':');
+    if (colon == std::string::npos) {
+        s.driver = "sqlite";
+        return s;
+    }
+    s.driver = value.substr(0, colon);
+    s.statement = value.substr(colon + 1);
+    s.has_statement = true;
+    return s;
+}
+
+void warn_service_strings(const config& cfg) {
+    struct entry {
+        const char* key;
+        const opt_text& value;
+        template_kind kind;
+        bool own_driver;  // marks run on the driver of their pass
+    };
+    const entry entries[] = {
+        {"bareon", cfg.bareon, TEMPLATE_FIELDS, true},
+        {"bareoff", cfg.bareoff, TEMPLATE_FIELDS, true},
+        {"dndon", cfg.dndon, TEMPLATE_FIELDS, true},
+        {"dndoff", cfg.dndoff, TEMPLATE_FIELDS, true},
+        {"wakeup_set", cfg.wakeup_set, TEMPLATE_FIELDS, true},
+        {"wakeup_clear", cfg.wakeup_clear, TEMPLATE_FIELDS, true},
+        {"checkin", cfg.checkin, TEMPLATE_FIELDS, true},
+        {"checkout", cfg.checkout, TEMPLATE_FIELDS, true},
+        {"billmark", cfg.billmark, TEMPLATE_STRINGS, false},
+        {"billok", cfg.billok, TEMPLATE_FIELDS, true},
+        {"room_status", cfg.room_state, TEMPLATE_STRINGS, true},
+        {"wakeup_result", cfg.wakeup_result, TEMPLATE_STRINGS, true},
+        {"billcalls", cfg.billcalls, TEMPLATE_STRINGS, true},
+        {"wrmark", cfg.wrmark, TEMPLATE_STRINGS, false},
+        {"remark", cfg.remark, TEMPLATE_STRINGS, false},
+    };
+    for (const entry& e : entries) {
+        if (!e.value) continue;
+        service_string s = split_service(*e.value);
+        if (!s.has_statement) {
+            LOG(L_WARNING,
+                "services:%s = \"%s\" has no \":\" and so no statement: it is never run",
+                e.key, e.value->c_str());
+            continue;
+        }
+        int at = template_unknown_placeholder(e.kind, s.statement.c_str());
+        if (at >= 0)
+            LOG(L_WARNING,
+                "services:%s has an unknown placeholder at \"%.20s\": the thread that fills it "
+                "will stop there",
+                e.key, s.statement.c_str() + at);
+        if (e.own_driver && !find_dbdriver_in(cfg.dbdrivers, s.driver.c_str()))
+            LOG(L_WARNING, "services:%s names the database \"%s\", which no section defines",
+                e.key, s.driver.c_str());
+    }
+}

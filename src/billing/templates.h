@@ -1,0 +1,53 @@
+// Statement templates: service strings ("driver:statement") and placeholder
+// substitution.
+//
+// Contract: re-entrant; may be called from any thread at the same time.
+//  - prepare_query*() fill "%...%" placeholders and echo the finished statement
+//    on standard output ("query: " / "1query: "). Values are put in as they
+//    are; the result grows to hold them.
+//  - A "%" that starts no placeholder known to the routine never returns: the
+//    calling thread logs one ERROR naming the template and then blocks for
+//    good without using the CPU. Configuration load warns about such
+//    templates beforehand (warn_service_strings).
+#pragma once
+
+#include <string>
+
+#include "config.h"
+#include "db/driver.h"
+#include "fias/packet.h"
+
+// Which routine fills a template; each knows its own placeholder set.
+enum template_kind {
+    TEMPLATE_FIELDS,   // prepare_query: FIAS fields
+    TEMPLATE_STRINGS,  // prepare_query2: texts
+    TEMPLATE_PARAM,    // prepare_query3: texts and %param%
+};
+
+std::string prepare_query(const dbdriver_t* drv, const char* q, const fias_field_t* rn,
+                          const fias_field_t* name, const fias_field_t* lang,
+                          const fias_field_t* shared, const fias_field_t* date,
+                          const fias_field_t* tim, const fias_field_t* seq);
+
+std::string prepare_query2(const dbdriver_t* drv, const char* q, const char* rn, const char* da,
+                           const char* ti, const char* seq);
+
+std::string prepare_query3(const dbdriver_t* drv, const char* q, const char* param,
+                           const char* rn, const char* da, const char* ti, const char* seq);
+
+// Position of the first "%" in `q` that starts no placeholder known to `kind`,
+// or -1 when the template is sound.
+int template_unknown_placeholder(template_kind kind, const char* q);
+
+// A service string split at its first ":". Without ":", driver is "sqlite"
+// and has_statement is false.
+struct service_string {
+    std::string driver;
+    std::string statement;
+    bool has_statement = false;
+};
+service_string split_service(const std::string& value);
+
+// Logs a WARNING for every service string of `cfg` that can never work as
+// written: no ":", an unknown placeholder, or a driver no section defines.
+void warn_service_strings(const config& cfg);

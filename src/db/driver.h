@@ -1,0 +1,93 @@
+// Database records: one named database with its formats, connection settings
+// and operations.
+//
+// Contract:
+//  - A dbdriver_t owns its handle (the driver kind's connection state). The
+//    operations keep the result codes of the drivers: 0 success, negative
+//    failure; is_connected() answers non-zero when connect() must be called.
+//  - Every use of a record is made under its lock, from the connection test to
+//    the end of its result:
+//        std::lock_guard<dbdriver_t> guard(*drv);
+//        if (drv->is_connected()) drv->reconnect();
+//        drv->query(...); while (drv->fetch_row() == 0) ...; drv->free_result();
+//    No thread holds two record locks at once.
+//  - Records made by a configuration load belong to that configuration
+//    snapshot (see config.h) and live as long as somebody holds it. The
+//    internal database record `sqliteint` lives for the whole process.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <string>
+
+// The connection state of one driver kind (SQLite file, internal SQLite,
+// MySQL). Implementations take no lock themselves: callers hold the record's.
+class db_handle {
+public:
+    virtual ~db_handle() = default;
+    virtual int connect(const char* host, uint16_t port, const char* user, const char* password,
+                        const char* database) = 0;
+    virtual int query(const char* statement) = 0;
+    virtual int fetch_row() = 0;
+    virtual int fetch_int_field(int num, int* val) = 0;
+    virtual int fetch_char_field(int num, char* val, int len) = 0;
+    virtual int fetch_float_field(int num, float* val) = 0;
+    virtual int numrets() = 0;
+    virtual void free_result() = 0;
+    virtual void close() = 0;
+    virtual int is_connected() = 0;
+    virtual void lock() = 0;
+    virtual void unlock() = 0;
+};
+
+struct dbdriver_t {
+    std::unique_ptr<db_handle> dbhandle;
+    char name[16] = "";
+    char dateformat[16] = "%Y-%m-%d";
+    char timeformat[16] = "%H:%M:%S";
+    std::string host;
+    std::string user;
+    std::string password;
+    std::string database;
+    int port = 0;
+
+    dbdriver_t() = default;
+    dbdriver_t(const dbdriver_t&) = delete;
+    dbdriver_t& operator=(const dbdriver_t&) = delete;
+
+    // The twelve operations, forwarded to the handle.
+    int connect(const char* h, uint16_t p, const char* u, const char* pw, const char* db) {
+        return dbhandle->connect(h, p, u, pw, db);
+    }
+    int query(const char* statement) { return dbhandle->query(statement); }
+    int fetch_row() { return dbhandle->fetch_row(); }
+    int fetch_int_field(int num, int* val) { return dbhandle->fetch_int_field(num, val); }
+    int fetch_char_field(int num, char* val, int len) {
+        return dbhandle->fetch_char_field(num, val, len);
+    }
+    int fetch_float_field(int num, float* val) { return dbhandle->fetch_float_field(num, val); }
+    int numrets() { return dbhandle->numrets(); }
+    void free_result() { dbhandle->free_result(); }
+    void close() { dbhandle->close(); }
+    int is_connected() { return dbhandle->is_connected(); }
+    void lock() { dbhandle->lock(); }
+    void unlock() { dbhandle->unlock(); }
+
+    // connect() with the record's own settings (the connection test's order to
+    // reconnect). The port is handed over as a 16-bit number.
+    int reconnect() {
+        return connect(host.empty() ? nullptr : host.c_str(), static_cast<uint16_t>(port),
+                       user.empty() ? nullptr : user.c_str(),
+                       password.empty() ? nullptr : password.c_str(),
+                       database.empty() ? nullptr : database.c_str());
+    }
+
+    // Copies a name or format into one of the 16-byte fields, cut to 15 characters.
+    static void set_text16(char (&field)[16], const char* text) {
+        snprintf(field, sizeof field, "%s", text ? text : "");
+    }
+};
+
+using dbdriver_ptr = std::shared_ptr<dbdriver_t>;

@@ -1,0 +1,218 @@
+#include "db/sqlite.h"
+
+#include <sqlite3.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <list>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "logger.h"
+
+const char* const sql_create_rooms =
+    "create table rooms (room varchar(8), ci_date date, citime time, calls integer, primary "
+    "key(room))";
+
+const char* const sql_create_table =
+    "create table if not exists `cdrcache` (       `accountcode` varchar(20) NOT NULL default "
+    "'',       `src` varchar(80) NOT NULL default '',       `dst` varchar(80) NOT NULL default "
+    "'',       `dcontext` varchar(80) NOT NULL default '',       `clid` varchar(80) NOT NULL "
+    "default '',       `channel` varchar(80) NOT NULL default '',       `dstchannel` "
+    "varchar(80) NOT NULL default '',       `lastapp` varchar(80) NOT NULL default '',       "
+    "`lastdata` varchar(80) NOT NULL default '',       `start` datetime NOT NULL default "
+    "'0000-00-00 00:00:00',       `answer` datetime NOT NULL default '0000-00-00 00:00:00',     "
+    "  `end` datetime NOT NULL default '0000-00-00 00:00:00',       `duration` int(11) NOT NULL "
+    "default '0',       `billsec` int(11) NOT NULL default '0',       `disposition` "
+    "varchar(45) NOT NULL default '',       `amaflags` int(11) NOT NULL default '',       "
+    "`c_from` varchar(80) NOT NULL default '',       `c_to` varchar(80) NOT NULL default '',    "
+    "   `cost` varchar(20) NOT NULL default '',       `callclass` int(11) NOT NULL default "
+    "'0',       `faxdata` varchar(255) NOT NULL default '',       `userfield` varchar(255) NOT "
+    "NULL default '',       `uniqueid` varchar(32) NOT NULL default '');";
+
+const char* const sql_create_table_index =
+    "CREATE INDEX IF NOT EXISTS `idx_cdrcache_c_from_start` ON `cdrcache` (`c_from`,`start`)";
+
+namespace {
+
+struct row_t {
+    std::vector<std::string> vals;
+    std::vector<std::string> colnames;
+    int colcount = 0;
+};
+
+struct sqlite_closer {
+    void operator()(sqlite3* db) const { sqlite3_close(db); }
+};
+
+// One SQLite connection and the rows of its last statement. The two kinds of
+// record (file database, internal database) differ only in their record.
+class sqlite_handler_t final : public db_handle {
+public:
+    int connect(const char*, uint16_t, const char*, const char*, const char* database) override {
+        if (initialized_) return 0;
+        reset();
+        initialized_ = 1;
+        sqlite3* db = nullptr;
+        int rc = sqlite3_open_v2(database ? database : "", &db,
+                                 SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+        sqlite_.reset(db);
+        if (rc == SQLITE_OK) return 0;
+        LOG(L_ERROR, "Error connecting to %s sqlite db", database ? database : "");
+        sqlite_.reset();
+        initialized_ = 0;
+        return -2;
+    }
+
+    int query(const char* statement) override {
+        free_result();
+        if (!sqlite_) {
+            // Closed for good (see close()): the statement fails as SQLite
+            // would fail it on a missing connection.
+            LOG(L_ERROR, "Sqlite query error: %s, ext.errcode %d", sqlite3_errstr(SQLITE_MISUSE),
+                SQLITE_MISUSE);
+            return -1;
+        }
+        char* err = nullptr;
+        int rc = sqlite3_exec(sqlite_.get(), statement, &sqlite_handler_t::sq_callback, this, &err);
+        if (rc != SQLITE_OK) {
+            LOG(L_ERROR, "Sqlite query error: %s, ext.errcode %d",
+                err ? err : sqlite3_errstr(rc), sqlite3_extended_errcode(sqlite_.get()));
+            sqlite3_free(err);
+            return -1;
+        }
+        sqlite3_free(err);
+        return 0;
+    }
+
+    int fetch_row() override {
+        if (!rows_) {
+            cur_row_ = nullptr;
+            return -1;
+        }
+        if (!walking_) {
+            walking_ = true;
+            next_ = rows_->begin();
+        }
+        if (next_ == rows_->end()) {
+            // End reported: the walk starts again at the first row next time.
+            walking_ = false;
+            cur_row_ = nullptr;
+            return -1;
+        }
+        cur_row_ = &*next_;
+        ++next_;
+        return 0;
+    }
+
+    int fetch_int_field(int num, int* val) override {
+        const std::string* v;
+        if (int rc = field(num, &v)) return rc;
+        *val = static_cast<int>(strtol(v->c_str(), nullptr, 0));
+        return 0;
+    }
+
+    int fetch_char_field(int num, char* val, int len) override {
+        const std::string* v;
+        if (int rc = field(num, &v)) return rc;
+        if (len <= 0) return 0;
+        memset(val, 0, len);
+        memcpy(val, v->data(), std::min(v->size(), static_cast<size_t>(len)));
+        return 0;
+    }
+
+    int fetch_float_field(int num, float* val) override {
+        const std::string* v;
+        if (int rc = field(num, &v)) return rc;
+        *val = strtof(v->c_str(), nullptr);
+        return 0;
+    }
+
+    int numrets() override { return rows_ ? static_cast<int>(rows_->size()) : -1; }
+
+    void free_result() override {
+        rows_.reset();
+        cur_row_ = nullptr;
+        walking_ = false;
+    }
+
+    void close() override { sqlite_.reset(); }
+
+    int is_connected() override { return initialized_ ? 0 : 1; }
+
+    void lock() override { mutex_.lock(); }
+    void unlock() override { mutex_.unlock(); }
+
+private:
+    static int sq_callback(void* arg, int colcount, char** values, char** names) {
+        auto* h = static_cast<sqlite_handler_t*>(arg);
+        if (!h->rows_) h->rows_ = std::make_unique<std::list<row_t>>();
+        row_t row;
+        row.colcount = colcount;
+        for (int i = 0; i < colcount; ++i) {
+            row.vals.emplace_back(values[i] ? values[i] : "");
+            row.colnames.emplace_back(names[i] ? names[i] : "");
+        }
+        h->rows_->push_back(std::move(row));
+        return 0;
+    }
+
+    // The value of field `num` of the current row: -1 no row, -2 no such field.
+    int field(int num, const std::string** v) const {
+        if (!cur_row_) return -1;
+        if (num < 0 || num >= cur_row_->colcount) return -2;
+        *v = &cur_row_->vals[num];
+        return 0;
+    }
+
+    void reset() {
+        sqlite_.reset();
+        free_result();
+        initialized_ = 0;
+    }
+
+    std::unique_ptr<sqlite3, sqlite_closer> sqlite_;
+    std::unique_ptr<std::list<row_t>> rows_;
+    std::list<row_t>::iterator next_;
+    bool walking_ = false;
+    const row_t* cur_row_ = nullptr;
+    int initialized_ = 0;
+    std::mutex mutex_;
+};
+
+void init_record(dbdriver_t& drv, const char* name) {
+    drv.dbhandle = std::make_unique<sqlite_handler_t>();
+    dbdriver_t::set_text16(drv.name, name);
+}
+
+// The internal database record is never destroyed: detached threads may still
+// use it while the process exits.
+union immortal_driver {
+    dbdriver_t drv;
+    immortal_driver() : drv() { init_record(drv, "sqlite-int"); }
+    ~immortal_driver() {}
+};
+immortal_driver internal_db;
+
+}  // namespace
+
+dbdriver_t& sqliteint = internal_db.drv;
+
+dbdriver_ptr sqlite_create_drv(const char* name) {
+    auto drv = std::make_shared<dbdriver_t>();
+    init_record(*drv, name);
+    return drv;
+}
+
+int open_states_file(const char* statesfile) {
+    std::lock_guard<dbdriver_t> guard(sqliteint);
+    if (sqliteint.connect(nullptr, 0, nullptr, nullptr, statesfile) != 0) return -1;
+    if (sqliteint.query("select count(*) from rooms") < 0) sqliteint.query(sql_create_rooms);
+    if (sqliteint.query("select count(*) from cdrcache") < 0) {
+        sqliteint.query(sql_create_table);
+        sqliteint.query(sql_create_table_index);
+    }
+    sqliteint.free_result();
+    return 0;
+}

@@ -1,0 +1,112 @@
+// FIAS records in memory: the packet model and the static record catalogue.
+//
+// Contract:
+//  - The catalogue `fias_packets` is read-only and shared by all threads.
+//  - A packet is owned by the thread that made it (fias_packet_ptr); values
+//    belong to their slot and texts to their value.
+//  - fias_set_packet_field() compares names without regard to case and fills
+//    the last matching slot; fias_get_field() compares exactly and returns the
+//    first slot with a value. A value that carries text carries nothing else.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+enum fias_packet_code {
+    FIAS_UNKNOWN = 0,
+    FIAS_LS = 1,
+    FIAS_LA = 2,
+    FIAS_LD = 3,
+    FIAS_LR = 4,
+    FIAS_DR = 5,
+    FIAS_GI = 6,
+    FIAS_GO = 7,
+    FIAS_RE = 8,
+    FIAS_WC = 9,
+    FIAS_WR = 10,
+    FIAS_WA = 11,
+    FIAS_PS = 12,
+    FIAS_PA = 13,
+};
+
+enum fias_value_type : uint8_t {
+    FIAS_TYPE_STR = 0,
+    FIAS_TYPE_INT = 1,
+    FIAS_TYPE_DATE = 2,
+    FIAS_TYPE_TIME = 3,
+    FIAS_TYPE_BOOL = 4,
+};
+
+constexpr int FIAS_MAX_FIELDS = 10;
+
+struct fias_date_t {
+    uint8_t year = 0;  // two digits, as on the wire
+    uint8_t month = 0;
+    uint8_t day = 0;
+    uint8_t reserve = 0;
+};
+
+struct fias_time_t {
+    uint8_t hour = 0;
+    uint8_t min = 0;
+    uint8_t sec = 0;
+    uint8_t reserve = 0;
+};
+
+struct fias_value_t {
+    std::optional<std::string> str;  // absent = no text
+    uint32_t ival = 0;
+    int32_t bval = 0;
+    fias_date_t date;
+    fias_time_t time;
+};
+
+struct fias_field_t {
+    char name[3] = "";  // empty = unused slot
+    uint8_t type = FIAS_TYPE_STR;
+    std::unique_ptr<fias_value_t> value;  // null = no value in this packet
+};
+
+struct fias_packet_t {
+    char packet[3] = "";
+    int32_t packet_code = FIAS_UNKNOWN;
+    char desc[64] = "";
+    int32_t num_fields = 0;
+    fias_field_t fields[FIAS_MAX_FIELDS];
+};
+
+using fias_packet_ptr = std::unique_ptr<fias_packet_t>;
+
+// One catalogue row: what a packet of that type is made from.
+struct fias_catalogue_row {
+    const char* packet;
+    int32_t packet_code;
+    const char* desc;
+    int32_t num_fields;
+    struct {
+        const char* name;
+        uint8_t type;
+    } fields[FIAS_MAX_FIELDS];
+};
+
+// The catalogue, in its fixed order ("PA" before "PS"), closed by a row whose
+// num_fields is 0.
+extern const fias_catalogue_row fias_packets[];
+
+// A new packet for `type` without values, or null for a code no row has.
+fias_packet_ptr fias_create_packet(int type);
+
+// A new packet from a catalogue row (no values).
+fias_packet_ptr fias_packet_from_row(const fias_catalogue_row& row);
+
+// Releases a packet (kept for symmetry; dropping the pointer does the same).
+void fias_free_packet(fias_packet_ptr& p);
+
+// The first slot named exactly `field` that has a value, or null.
+fias_field_t* fias_get_field(fias_packet_t* p, const char* field);
+
+// Gives the last slot named `field` (any case) a copy of `val`. A name that no
+// slot has is ignored.
+void fias_set_packet_field(fias_packet_t* p, const char* field, const fias_value_t* val);

@@ -1,0 +1,158 @@
+// orlanbeck: middle layer between a hotel's PMS (FIAS over TCP) and an Asterisk
+// exchange (SQL templates on its databases, and the Manager interface).
+#include <getopt.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "config.h"
+#include "daemon.h"
+#include "db/sqlite.h"
+#include "logger.h"
+#include "process.h"
+
+namespace {
+
+int foreground = 0;
+int console_log = 0;
+bool config_given = false;
+
+const struct option longopts[] = {
+    {"config", required_argument, nullptr, 'c'},
+    {"foreground", no_argument, nullptr, 'f'},
+    {"log-to-console", no_argument, nullptr, 'd'},
+    {"help", no_argument, nullptr, 'h'},
+    {nullptr, 0, nullptr, 0},
+};
+
+void usage(char** argv) {
+    fprintf(stderr, "\n");
+    fprintf(stderr, "Orlanbeck: middle layer FIAS application.\n\n");
+    fprintf(stderr, "Usage:\n");
+    fprintf(stderr, "%s [options]\n\n", argv[0]);
+    fprintf(stderr, "Where options are:\n");
+    fprintf(stderr, "\t-c <path>, --config=<path>\tuse custom config file \n");
+    fprintf(stderr, "\t-f, --foreground \t\trun in foreground mode\n");
+    fprintf(stderr, "\t-d, --log-to-console\t\tlog to console (requires -f)\n");
+    fprintf(stderr, "\t-h, --help\t\t\tshow this text\n");
+    fprintf(stderr, "\n\n");
+}
+
+void get_options(int argc, char** argv) {
+    opterr = 0;  // the usage text is the only complaint
+    int c;
+    while ((c = getopt_long(argc, argv, "c:fdsh", longopts, nullptr)) != -1) {
+        switch (c) {
+            case 'c':
+                config_file = optarg;
+                config_given = true;
+                break;
+            case 'f':
+                foreground = 1;
+                break;
+            case 'd':
+                console_log = 1;
+                break;
+            case 'h':
+            case '?':
+                usage(argv);
+                exit(0);
+            default:  // -s is accepted and ignored
+                break;
+        }
+    }
+    if (console_log && !foreground) {
+        usage(argv);
+        exit(0);
+    }
+}
+
+// Ends the process without running static destructors: detached worker
+// threads may still be running and must not see their globals torn down.
+[[noreturn]] void leave(int status) {
+    fflush(nullptr);
+    _exit(status);
+}
+
+void sig_term(int signo) {
+    LOG(L_NOTICE, "Caught signal %d. Exiting.", signo);
+    free_confvals();
+    doexit = 1;
+    // The billing thread is detached: shutdown never waits for a worker.
+    if (!foreground) daemon_close();
+    leave(0);
+}
+
+void apply_logger(const config& cfg) {
+    logger_init(console_log ? "" : cfg.logfile.c_str(), cfg.loglevel, cfg.logtype,
+                cfg.disable_log);
+}
+
+void sig_hup(int) {
+    std::string copy = config_file;
+    LOG(L_NOTICE, "Hangup. Reloading configuration.");
+    free_confvals();
+    if (load_conf(copy.c_str()) < 0) {
+        LOG(L_ERROR, "Unable to open configuration file %s. Exiting...", copy.c_str());
+        doexit = 1;
+        leave(0);
+    }
+    apply_logger(*current_config());
+}
+
+void install_signal_handlers() {
+    signal_set_handler(SIGHUP, 0, sig_hup);
+    signal_set_handler(SIGTERM, 0, sig_term);
+    signal_set_handler(SIGTERM, 0, sig_term);
+    signal_set_handler(SIGCHLD, 0, SIG_IGN);
+    signal_set_handler(SIGUSR1, 0, SIG_IGN);
+    signal_set_handler(SIGUSR2, 0, SIG_IGN);
+    signal_set_handler(SIGINT, 0, sig_term);
+    signal_set_handler(SIGABRT, 0, sig_term);
+    signal_set_handler(SIGQUIT, 0, sig_term);
+    signal_set_handler(SIGKILL, 0, sig_term);  // refused by the system, as expected
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc > 1) get_options(argc, argv);
+    if (!config_given) config_file = "/etc/orlanbeck.conf";
+
+    if (load_conf(config_file.c_str()) < 0) {
+        fprintf(stderr, "\nUnable to open configuration file %s. Exiting...\n\n",
+                config_file.c_str());
+        exit(0);
+    }
+
+    pid_t pid = foreground ? 0 : fork();
+    if (pid != 0) {
+        // The parent (or a failed fork) is done.
+        free_confvals();
+        exit(0);
+    }
+
+    if (!foreground) {
+        install_signal_handlers();
+        const char* name = strrchr(argv[0], '/');
+        daemon_init(name ? name + 1 : argv[0]);
+    }
+
+    config_ptr cfg = current_config();
+    apply_logger(*cfg);
+
+    if (open_states_file(cfg->statesfile.c_str()) != 0) {
+        LOG(L_ERROR, "Unable to open states file %s", cfg->statesfile.c_str());
+        leave(1);
+    }
+    cfg.reset();
+
+    for (;;) {
+        signal_handle_all();
+        usleep(1000000);
+    }
+}

@@ -1,0 +1,3 @@
+#include "process.h"
+
+std::atomic<int> doexit{0};

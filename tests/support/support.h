@@ -1,0 +1,84 @@
+// Test support: temporary folders, child processes with captured output, and
+// a look into SQLite files.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+// A fresh folder under $TMPDIR (or /tmp), removed with its content at the end.
+class temp_dir {
+public:
+    temp_dir();
+    ~temp_dir();
+    temp_dir(const temp_dir&) = delete;
+    temp_dir& operator=(const temp_dir&) = delete;
+    const std::string& path() const { return path_; }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+void write_file(const std::string& path, const std::string& text);
+std::string read_file(const std::string& path);
+
+// Polls `cond` every 20 ms until it holds or `timeout` passes.
+bool wait_until(const std::function<bool()>& cond,
+                std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+// A program run as a child; its standard output and error are collected
+// (merged, in arrival order) by a reader thread.
+class child_process {
+public:
+    child_process() = default;
+    ~child_process();
+    child_process(const child_process&) = delete;
+    child_process& operator=(const child_process&) = delete;
+
+    // Starts argv[0] with the arguments; `stdin_text`, when given, is fed to
+    // its standard input (which is then closed). false when it cannot start.
+    bool start(const std::vector<std::string>& argv, const std::string* stdin_text = nullptr);
+
+    pid_t pid() const { return pid_; }
+    std::string output() const;
+    // Waits until the output holds `text` (true) or `timeout` passes (false).
+    bool wait_output(const std::string& text,
+                     std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+    size_t count(const std::string& text) const;
+    void signal(int signo) const;
+    // Waits for the child to end; its exit status, or -1 on time-out or when it
+    // was killed by a signal (then *signo is set when given).
+    int wait_exit(std::chrono::milliseconds timeout = std::chrono::seconds(10),
+                  int* signo = nullptr);
+    bool running();
+    // SIGKILL and reap, if still running.
+    void stop();
+
+private:
+    pid_t pid_ = -1;
+    int out_fd_ = -1;
+    bool reaped_ = false;
+    int status_ = 0;
+    std::thread reader_;
+    mutable std::mutex mutex_;
+    std::string output_;  // guarded by mutex_
+};
+
+// Rows of `sql` on the SQLite file `path`, every value as text (NULL = "NULL").
+std::vector<std::vector<std::string>> sqlite_rows(const std::string& path, const std::string& sql);
+// Runs statements on the SQLite file `path`; false (with a test failure) on error.
+bool sqlite_exec(const std::string& path, const std::string& sql);
+// The schema as `sqlite3 FILE .schema` shows it (the statements of sqlite_master).
+std::string sqlite_schema(const std::string& path);
+
+// Paths of the built programs and the source tree (set by the build).
+std::string orlanbeck_binary();
+std::string source_dir();
+std::string pms_sim_binary();
+std::string mgr_sim_binary();
