@@ -1,0 +1,165 @@
+// Asterisk Manager simulator: a loopback server that speaks enough of the
+// Manager protocol for the daemon's CDR capture (banner, Login, Cdr events).
+//
+// Contract:
+//  - mgr_sim::start() listens on 127.0.0.1 (port 0 picks a free one, see
+//    port()) and runs one server thread that accepts sessions and answers
+//    their actions. The thread blocks in poll() while idle. The destructor
+//    stops it and closes every connection.
+//  - All public members may be called from any thread. Sending calls block
+//    until the sockets took the bytes (a burst goes "as fast as the socket
+//    takes it"); they return the number of sessions the text was sent to.
+//  - On connect a session gets "Asterisk Call Manager/9.0.0\r\n". A Login
+//    action is answered with
+//        "Response: Success\r\nMessage: Authentication accepted\r\n\r\n", or
+//        "Response: Error\r\nMessage: Authentication failed\r\n\r\n"
+//    after which the connection is closed (refuse mode, or user/secret not
+//    the ones set with set_credentials). An "ActionID" of the action is
+//    echoed after "Response". Logoff, Ping and other actions get plausible
+//    answers.
+//  - Cdr events go only to logged-in sessions, and (while the filter is on, the
+//    default) only to those whose login asked for "Events: on" (or yes, true,
+//    all), a list holding "cdr", or no Events header at all, as the exchange
+//    does. The default login of the daemon ("Events: call") gets none unless
+//    the filter is switched off.
+//  - Raw text goes to every open session, logged in or not.
+//
+// Script lines (run_line(), run_script(), the mgr_sim program): one command a
+// line, words separated by blanks; a word may be quoted with "..." and a
+// backslash takes the next character literally. Blank lines and lines
+// starting with '#' are ignored.
+//    cdr SRC DST START BILLSEC [Header=value ...]
+//        one Cdr event. START is "YYYY-MM-DDTHH:MM:SS" (or '_' for 'T'), or
+//        "now". Header=value replaces a header of that name or appends one
+//        (From, To, Cost, CallClass, FaxData ...); Header= makes it empty;
+//        -Header removes it.
+//    burst N SRC DST START BILLSEC [Header=value ...]
+//        N such events, each with its own UniqueID, as fast as possible.
+//    raw TEXT         TEXT with \r \n \t \\ escapes, to every open session.
+//    drop             closes every connection.
+//    refuse on|off    refuse (or accept) the following logins.
+//    filter on|off    the event-class filter for Cdr events.
+//    before-answer TEXT   raw text (escapes as for raw) sent after a login
+//                         is read and before it is answered; empty: none.
+//    wait-login [N] [SECONDS]  waits until N logins (default 1) have been
+//                         accepted in total (default 10 s).
+//    sleep SECONDS    pauses (fractions allowed).
+//    quit             ends the script.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+// One Cdr event: its headers in the order they are sent.
+struct mgr_cdr_event {
+    std::vector<std::pair<std::string, std::string>> headers;
+
+    // The event of a call from `src` to `dst` that started at `start`
+    // ("YYYY-MM-DD HH:MM:SS") and was billed `billsec` seconds, with the
+    // exchange's header order: Event, Privilege, AccountCode, Source,
+    // Destination, DestinationContext, CallerID, Channel, DestinationChannel,
+    // LastApplication, LastData, StartTime, AnswerTime, EndTime, Duration,
+    // BillableSeconds, Disposition, AMAFlags, UniqueID, UserField.
+    static mgr_cdr_event make(const std::string& src, const std::string& dst,
+                              const std::string& start, int billsec);
+
+    // Replaces the first header named `name` (any case), or appends it.
+    mgr_cdr_event& set(const std::string& name, const std::string& value);
+    mgr_cdr_event& remove(const std::string& name);
+    // The value of header `name`, or "".
+    std::string get(const std::string& name) const;
+    // The wire text: "Name: value\r\n" per header and an empty line.
+    std::string text() const;
+};
+
+struct mgr_sim_options {
+    int port = 0;         // 0: pick a free port
+    bool refuse = false;  // refuse every login
+    bool filter = true;   // honour the event classes of the login
+    // When set, only this user and secret are accepted.
+    bool check_credentials = false;
+    std::string user;
+    std::string secret;
+    // Transcript: called (from any thread, one call at a time) with the
+    // session number, "<-" (received) or "->" (sent), and the text.
+    std::function<void(int, const char*, const std::string&)> transcript;
+};
+
+class mgr_sim {
+public:
+    explicit mgr_sim(mgr_sim_options opts = {});
+    ~mgr_sim();
+    mgr_sim(const mgr_sim&) = delete;
+    mgr_sim& operator=(const mgr_sim&) = delete;
+
+    // Listens and starts the server thread; false when the port cannot be bound.
+    bool start();
+    int port() const { return port_; }
+
+    void set_refuse(bool refuse);
+    void set_filter(bool filter);
+    void set_credentials(const std::string& user, const std::string& secret);
+    // Raw text sent after a login is read and before it is answered ("": none).
+    void set_before_answer(const std::string& text);
+
+    // Sending; the result is the number of sessions reached.
+    int send_cdr(const mgr_cdr_event& ev);
+    // `n` copies of `ev`, the UniqueID of each made unique ("<base>.<i>").
+    int send_burst(const mgr_cdr_event& ev, int n);
+    int send_raw(const std::string& text);
+    // Closes every open connection (the server keeps listening).
+    void drop();
+
+    // What happened so far.
+    int open_sessions() const;
+    int logins() const;           // Login actions received
+    int accepted_logins() const;  // of those, accepted
+    // The bytes of every Login action received, in order (with their "\r\n").
+    std::vector<std::string> login_texts() const;
+    // Waits until `n` logins have been accepted in total; false on time-out.
+    bool wait_logins(int n, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+
+    // Runs one script line (see above); 0, or -1 for a line it does not
+    // understand (with a reason in *error when given). "quit" gives 1.
+    int run_line(const std::string& line, std::string* error = nullptr);
+
+private:
+    struct session;
+    using session_ptr = std::shared_ptr<session>;
+
+    void serve();
+    void accept_one();
+    void on_readable(const session_ptr& s);
+    void on_action(const session_ptr& s, const std::string& block);
+    // `what`, when given, is noted in the transcript instead of `text` ("": nothing).
+    bool send_to(const session_ptr& s, const std::string& text, const char* what = nullptr);
+    std::vector<session_ptr> snapshot(bool cdr_only) const;
+    void note(int id, const char* dir, const std::string& text);
+    void wake();
+
+    mgr_sim_options opts_;
+    int port_ = 0;
+    int listen_fd_ = -1;
+    int wake_fd_ = -1;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    std::vector<session_ptr> sessions_;  // guarded by mutex_
+    int next_id_ = 1;
+    int logins_ = 0;
+    int accepted_ = 0;
+    std::vector<std::string> login_texts_;
+    std::string before_answer_;
+    std::mutex transcript_mutex_;
+    std::atomic<long> unique_counter_{0};
+};
