@@ -1,0 +1,31 @@
+// Room registry: fills the `rooms` table of the internal database with the
+// hotel's rooms at start-up, from numbered keys of the configuration file
+// (rooms:room1, rooms:room2, ...) or from an LDAP directory (rooms:type = ldap).
+//
+// Contract:
+//  - Called once by the main thread at start-up, after the internal database
+//    (`sqliteint`) has been opened and before any other thread exists. Each
+//    row is written under the `sqliteint` lock all the same.
+//  - Rows are written with "replace into", so a room that is already there
+//    is rewritten with `calls` 0. Rows are never removed here.
+//  - Failures are reported through the log only; start-up goes on.
+//  - The texts passed in are only read during the call; nothing is kept.
+#pragma once
+
+// Reads the section [rooms] of the file named by `config_file` (parsed again
+// for this purpose) and loads the rooms from the source chosen by rooms:type:
+// absent or empty = numbered keys, beginning with "ldap" (any case) = LDAP,
+// anything else = nothing.
+void load_rooms_conf();
+
+// Loads every value of `attribute` in the first entry that a search under
+// `base` with `filter` and `scope` ("sub...", "base...", "one...", anything
+// else or null = subtree) finds on host:port. `user` null = anonymous bind.
+// `timelimit` is the server-side search time limit in seconds (0 = none).
+// Returns 0 on success (also when the states file cannot be opened, which is
+// logged), -1 no LDAP handle (or base, filter or attribute missing), -2 bind
+// failed, -3 search failed, -4 no entry found, -5 the entry has no value of
+// the attribute.
+int load_rooms_ldap(const char* host, int port, int version, int timelimit, const char* user,
+                    const char* password, const char* base, const char* scope, const char* filter,
+                    const char* attribute);
