@@ -1,0 +1,27 @@
+// MySQL driver: databases on a MySQL or MariaDB server, reached through the
+// MariaDB client library.
+//
+// Contract:
+//  - A record owns its connection and its result; both are released when the
+//    record goes. connect() always makes a fresh connection (the previous one
+//    is closed first) and returns 0, -1 (client object cannot be made) or -2
+//    (server refused or unreachable).
+//  - Results are streamed: fetch_row() starts reading the result of the last
+//    statement and returns 0 (row current), -1 (no result) or -2 (no more
+//    rows); numrets() counts the rows read so far, 0 before the first
+//    fetch_row(). query() drops a result that was not freed.
+//  - The field readers accept numeric columns only: text, date and time
+//    columns answer -3, also for the text reader. SQL NULL reads as empty
+//    text / 0. The text reader copies at most len - 1 characters and writes
+//    no terminator: callers pass a zeroed buffer.
+//  - is_connected() pings the server: 1 when it must be reconnected.
+//  - The operations take no lock; callers hold the record's lock (driver.h).
+//  - No configuration type word selects this driver; only mysql_create_drv()
+//    makes it.
+#pragma once
+
+#include "db/driver.h"
+
+// A new MySQL driver named `name` (cut to 15 characters), port 3306, not
+// connected.
+dbdriver_ptr mysql_create_drv(const char* name);
