@@ -1,0 +1,117 @@
+#include "fias/codec.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+// A two-character pair of a date or time, read with automatic base: a pair
+// with a leading zero is octal, so "08" and "09" read as 0.
+uint8_t read_pair(const char* p) {
+    char pair[3] = {p[0], p[1], '\0'};
+    return static_cast<uint8_t>(strtoul(pair, nullptr, 0));
+}
+
+void read_value(fias_field_t& f, const char* begin, const char* end) {
+    auto v = std::make_unique<fias_value_t>();
+    const size_t len = static_cast<size_t>(end - begin);
+    switch (f.type) {
+        case FIAS_TYPE_DATE:
+            if (len == 6) {
+                v->date.year = read_pair(begin);
+                v->date.month = read_pair(begin + 2);
+                v->date.day = read_pair(begin + 4);
+            }
+            break;
+        case FIAS_TYPE_TIME:
+            if (len == 6) {
+                v->time.hour = read_pair(begin);
+                v->time.min = read_pair(begin + 2);
+                v->time.sec = read_pair(begin + 4);
+            }
+            break;
+        case FIAS_TYPE_BOOL:
+            v->bval = begin[0] == 'Y' ? 1 : 0;
+            break;
+        case FIAS_TYPE_INT: {
+            std::string digits(begin, len);
+            v->ival = static_cast<uint32_t>(strtoul(digits.c_str(), nullptr, 0));
+            break;
+        }
+        default:
+            v->str.emplace(begin, len);
+            break;
+    }
+    f.value = std::move(v);
+}
+
+// The value text of one field as it goes on the wire, or nothing when a text
+// slot has no text.
+std::optional<std::string> value_text(const fias_field_t& f) {
+    const fias_value_t& v = *f.value;
+    char buf[32];
+    switch (f.type) {
+        case FIAS_TYPE_DATE:
+            snprintf(buf, sizeof buf, "%02u%02u%02u", v.date.year, v.date.month, v.date.day);
+            return buf;
+        case FIAS_TYPE_TIME:
+            snprintf(buf, sizeof buf, "%02u%02u%02u", v.time.hour, v.time.min, v.time.sec);
+            return buf;
+        case FIAS_TYPE_BOOL:
+            return v.bval ? "Y" : "N";
+        case FIAS_TYPE_INT: {
+            // The PMS is sent the number of decimal digits, not the number.
+            int digits = snprintf(buf, sizeof buf, "%d", static_cast<int>(v.ival));
+            snprintf(buf, sizeof buf, "%d", digits);
+            return buf;
+        }
+        default:
+            return v.str;
+    }
+}
+
+}  // namespace
+
+fias_packet_ptr fias_parse_packet(const char* line, int /*packetlen*/) {
+    if (!line) return nullptr;
+
+    char type[3] = {line[0], line[0] ? line[1] : '\0', '\0'};
+    const fias_catalogue_row* row = fias_packets;
+    while (row->num_fields != 0 && strcmp(row->packet, type) != 0) row++;
+    if (row->num_fields == 0) return nullptr;
+
+    fias_packet_ptr p = fias_packet_from_row(*row);
+    const size_t line_len = strlen(line);
+    for (fias_field_t& f : p->fields) {
+        // An unused slot searches for the bare "|" and so picks up the value
+        // of the line's first field; it is never looked up by name.
+        const bool unused = f.name[0] == '\0';
+        char needle[4] = "|";
+        strncat(needle, f.name, 2);
+        const char* at = strstr(line, needle);
+        if (!at) continue;
+        const size_t start = static_cast<size_t>(at - line) + 3;
+        const char* end = start <= line_len ? strchr(line + start, '|') : nullptr;
+        if (!end) {
+            if (unused) continue;
+            return nullptr;  // a field value without its closing "|"
+        }
+        read_value(f, line + start, end);
+    }
+    return p;
+}
+
+std::string fias_packet_to_str(const fias_packet_t* p) {
+    if (!p) return {};
+    std::string out;
+    out.reserve(64);
+    out.append(p->packet).append("|");
+    for (const fias_field_t& f : p->fields) {
+        if (!f.value) continue;
+        std::optional<std::string> text = value_text(f);
+        if (!text) continue;
+        out.append(f.name).append(*text).append("|");
+    }
+    return out;
+}

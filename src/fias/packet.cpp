@@ -1,0 +1,125 @@
+#include "fias/packet.h"
+
+#include <strings.h>
+
+#include <cstring>
+
+// Row order decides the order of the link records sent at start-up; "PA"
+// stands before "PS" on purpose.
+const fias_catalogue_row fias_packets[] = {
+    {"LS", FIAS_LS, "Link start", 2, {{"DA", FIAS_TYPE_DATE}, {"TI", FIAS_TYPE_TIME}}},
+    {"LA", FIAS_LA, "Link active", 2, {{"DA", FIAS_TYPE_DATE}, {"TI", FIAS_TYPE_TIME}}},
+    {"LD",
+     FIAS_LD,
+     "Link description",
+     4,
+     {{"DA", FIAS_TYPE_DATE}, {"TI", FIAS_TYPE_TIME}, {"V#", FIAS_TYPE_STR}, {"IF", FIAS_TYPE_STR}}},
+    {"LR", FIAS_LR, "Link record", 2, {{"RI", FIAS_TYPE_STR}, {"FL", FIAS_TYPE_STR}}},
+    {"DR", FIAS_DR, "Description record", 2, {{"DA", FIAS_TYPE_DATE}, {"TI", FIAS_TYPE_TIME}}},
+    {"GI",
+     FIAS_GI,
+     "Guest checkin",
+     4,
+     {{"RN", FIAS_TYPE_STR}, {"GN", FIAS_TYPE_STR}, {"GL", FIAS_TYPE_STR}, {"GS", FIAS_TYPE_BOOL}}},
+    {"GO",
+     FIAS_GO,
+     "Guest checkout",
+     4,
+     {{"RN", FIAS_TYPE_STR}, {"GN", FIAS_TYPE_STR}, {"GL", FIAS_TYPE_STR}, {"GS", FIAS_TYPE_BOOL}}},
+    {"RE",
+     FIAS_RE,
+     "Room equipment",
+     4,
+     {{"RN", FIAS_TYPE_STR}, {"RS", FIAS_TYPE_STR}, {"CS", FIAS_TYPE_INT}, {"DN", FIAS_TYPE_BOOL}}},
+    {"WC",
+     FIAS_WC,
+     "Wakeup clear",
+     3,
+     {{"RN", FIAS_TYPE_STR}, {"DA", FIAS_TYPE_DATE}, {"TI", FIAS_TYPE_TIME}}},
+    {"WR",
+     FIAS_WR,
+     "Wakeup record",
+     3,
+     {{"RN", FIAS_TYPE_STR}, {"DA", FIAS_TYPE_DATE}, {"TI", FIAS_TYPE_TIME}}},
+    {"WA",
+     FIAS_WA,
+     "Wakeup answer",
+     4,
+     {{"RN", FIAS_TYPE_STR}, {"DA", FIAS_TYPE_DATE}, {"TI", FIAS_TYPE_TIME}, {"AS", FIAS_TYPE_STR}}},
+    {"PA",
+     FIAS_PA,
+     "Post answer",
+     5,
+     {{"AS", FIAS_TYPE_STR},
+      {"RN", FIAS_TYPE_STR},
+      {"P#", FIAS_TYPE_STR},
+      {"DA", FIAS_TYPE_DATE},
+      {"TI", FIAS_TYPE_TIME}}},
+    {"PS",
+     FIAS_PS,
+     "Post simple",
+     10,
+     {{"P#", FIAS_TYPE_STR},
+      {"RN", FIAS_TYPE_STR},
+      {"PT", FIAS_TYPE_STR},
+      {"TA", FIAS_TYPE_INT},
+      {"DA", FIAS_TYPE_DATE},
+      {"TI", FIAS_TYPE_TIME},
+      {"DU", FIAS_TYPE_TIME},
+      {"DD", FIAS_TYPE_STR},
+      {"PC", FIAS_TYPE_STR},
+      {"CT", FIAS_TYPE_STR}}},
+    {"", FIAS_UNKNOWN, "", 0, {}},
+};
+
+fias_packet_ptr fias_packet_from_row(const fias_catalogue_row& row) {
+    auto p = std::make_unique<fias_packet_t>();
+    strncpy(p->packet, row.packet, sizeof p->packet - 1);
+    p->packet_code = row.packet_code;
+    strncpy(p->desc, row.desc, sizeof p->desc - 1);
+    p->num_fields = row.num_fields;
+    for (int i = 0; i < FIAS_MAX_FIELDS; i++) {
+        if (row.fields[i].name) {
+            strncpy(p->fields[i].name, row.fields[i].name, sizeof p->fields[i].name - 1);
+        }
+        p->fields[i].type = row.fields[i].type;
+    }
+    return p;
+}
+
+fias_packet_ptr fias_create_packet(int type) {
+    for (const fias_catalogue_row* row = fias_packets; row->num_fields != 0; row++) {
+        if (row->packet_code == type) return fias_packet_from_row(*row);
+    }
+    return nullptr;
+}
+
+void fias_free_packet(fias_packet_ptr& p) { p.reset(); }
+
+fias_field_t* fias_get_field(fias_packet_t* p, const char* field) {
+    if (!p || !field) return nullptr;
+    for (fias_field_t& f : p->fields) {
+        if (strcmp(f.name, field) == 0 && f.value) return &f;
+    }
+    return nullptr;
+}
+
+void fias_set_packet_field(fias_packet_t* p, const char* field, const fias_value_t* val) {
+    if (!p || !field || !val) return;
+    fias_field_t* slot = nullptr;
+    for (fias_field_t& f : p->fields) {
+        if (strcasecmp(f.name, field) == 0) slot = &f;
+    }
+    if (!slot) return;
+
+    auto v = std::make_unique<fias_value_t>();
+    if (val->str) {
+        v->str = *val->str;
+    } else {
+        v->ival = val->ival;
+        v->bval = val->bval;
+        v->date = val->date;
+        v->time = val->time;
+    }
+    slot->value = std::move(v);
+}

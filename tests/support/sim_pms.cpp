@@ -1,0 +1,326 @@
+#include "sim_pms.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+
+#include "netutil.h"
+
+namespace {
+
+constexpr char STX = 0x02;
+constexpr char ETX = 0x03;
+
+bool starts_with(const std::string& text, const std::string& prefix) {
+    return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+// The value of field `name` in a record text, or nothing when it is absent or
+// not closed by "|".
+std::optional<std::string> field_value(const std::string& text, const char* name) {
+    size_t at = text.find(std::string("|") + name);
+    if (at == std::string::npos) return std::nullopt;
+    size_t begin = at + 3;
+    size_t end = text.find('|', begin);
+    if (end == std::string::npos) return std::nullopt;
+    return text.substr(begin, end - begin);
+}
+
+std::string local_time_text(const char* format) {
+    time_t now = time(nullptr);
+    struct tm tmv;
+    localtime_r(&now, &tmv);
+    char buf[64] = "";
+    strftime(buf, sizeof buf, format, &tmv);
+    return buf;
+}
+
+}  // namespace
+
+pms_sim::pms_sim() : pms_sim(options{}) {}
+
+pms_sim::pms_sim(options opts) : opts_(std::move(opts)) {}
+
+pms_sim::~pms_sim() { stop(); }
+
+bool pms_sim::start() {
+    if (thread_.joinable()) return true;
+    listen_fd_ = listen_loopback(opts_.port, &port_);
+    if (listen_fd_ < 0) return false;
+    wake_fd_ = eventfd(0, EFD_CLOEXEC);
+    if (wake_fd_ < 0) {
+        close(listen_fd_);
+        listen_fd_ = -1;
+        return false;
+    }
+    thread_ = std::thread([this] { run(); });
+    return true;
+}
+
+void pms_sim::stop() {
+    if (thread_.joinable()) {
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            stopping_ = true;
+        }
+        uint64_t one = 1;
+        if (write(wake_fd_, &one, sizeof one) < 0) {
+            // The thread also looks at stopping_ after every wake-up.
+        }
+        thread_.join();
+    }
+    close_client();
+    if (listen_fd_ >= 0) close(listen_fd_);
+    if (wake_fd_ >= 0) close(wake_fd_);
+    listen_fd_ = wake_fd_ = -1;
+    changed_.notify_all();
+}
+
+void pms_sim::set_answer(answer_mode mode, const std::string& refuse_text) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    opts_.answer = mode;
+    opts_.refuse_text = refuse_text;
+}
+
+void pms_sim::run() {
+    char buf[4096];
+    for (;;) {
+        pollfd fds[2] = {{wake_fd_, POLLIN, 0}, {-1, POLLIN, 0}};
+        fds[1].fd = client_fd_ >= 0 ? client_fd_ : listen_fd_;
+        int n = poll(fds, 2, -1);
+        if (n < 0 && errno != EINTR) break;
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            if (stopping_) break;
+        }
+        if (n <= 0 || !fds[1].revents) continue;
+
+        if (client_fd_ < 0) {
+            int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+            if (fd < 0) continue;
+            {
+                std::lock_guard<std::mutex> guard(send_mutex_);
+                client_fd_ = fd;
+            }
+            collecting_ = ls_answered_ = ld_seen_ = false;
+            partial_.clear();
+            {
+                std::lock_guard<std::mutex> guard(mutex_);
+                connected_ = true;
+                link_active_ = false;
+                connections_++;
+            }
+            changed_.notify_all();
+            note("client connected");
+            continue;
+        }
+
+        ssize_t got = read(client_fd_, buf, sizeof buf);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) {
+            close_client();
+            note("client disconnected");
+            continue;
+        }
+        handle_bytes(buf, static_cast<size_t>(got));
+    }
+}
+
+void pms_sim::close_client() {
+    {
+        std::lock_guard<std::mutex> guard(send_mutex_);
+        if (client_fd_ < 0) return;
+        close(client_fd_);
+        client_fd_ = -1;
+    }
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        connected_ = false;
+        link_active_ = false;
+    }
+    changed_.notify_all();
+}
+
+void pms_sim::handle_bytes(const char* data, size_t len) {
+    for (size_t i = 0; i < len; i++) {
+        char c = data[i];
+        if (c == STX) {
+            // A new start also abandons an unfinished frame.
+            collecting_ = true;
+            partial_.clear();
+        } else if (!collecting_) {
+            // Bytes between frames are ignored.
+        } else if (c == ETX) {
+            collecting_ = false;
+            handle_frame(partial_);
+            partial_.clear();
+        } else {
+            partial_.push_back(c);
+        }
+    }
+}
+
+void pms_sim::handle_frame(const std::string& text) {
+    record(true, text, false);
+
+    answer_mode mode;
+    std::string refuse_text;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        mode = opts_.answer;
+        refuse_text = opts_.refuse_text;
+    }
+
+    if (opts_.play_link) {
+        if (starts_with(text, "LS")) {
+            ls_answered_ = true;
+            ld_seen_ = false;
+            {
+                std::lock_guard<std::mutex> guard(mutex_);
+                link_active_ = false;
+            }
+            send_record(local_time_text("LS|DA%y%m%d|TI%H%M%S|"));
+        } else if (starts_with(text, "LD")) {
+            ld_seen_ = true;
+        } else if (starts_with(text, "LA") && ld_seen_) {
+            send_record(local_time_text("LA|DA%y%m%d|TI%H%M%S|"));
+            {
+                std::lock_guard<std::mutex> guard(mutex_);
+                link_active_ = true;
+            }
+            changed_.notify_all();
+        }
+    }
+
+    if (starts_with(text, "PS") && mode != answer_mode::none) {
+        std::string pa = "PA|AS" + (mode == answer_mode::ok ? std::string("OK") : refuse_text) + "|";
+        for (const char* name : {"RN", "P#", "DA", "TI"}) {
+            if (auto v = field_value(text, name)) pa += name + *v + "|";
+        }
+        send_record(pa);
+    }
+}
+
+bool pms_sim::send_record(const std::string& text) {
+    return send_bytes(STX + text + ETX, text, false);
+}
+
+bool pms_sim::send_raw(const std::string& bytes) { return send_bytes(bytes, bytes, true); }
+
+bool pms_sim::send_bytes(const std::string& bytes, const std::string& text, bool raw) {
+    std::lock_guard<std::mutex> guard(send_mutex_);
+    if (client_fd_ < 0) return false;
+    if (!write_all(client_fd_, bytes)) return false;
+    record(false, text, raw);
+    return true;
+}
+
+void pms_sim::drop_connection() {
+    {
+        std::lock_guard<std::mutex> guard(send_mutex_);
+        if (client_fd_ < 0) return;
+        shutdown(client_fd_, SHUT_RDWR);
+    }
+    // The simulator's thread sees the end of the stream and closes the socket.
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait_for(lock, std::chrono::seconds(5), [this] { return !connected_ || stopping_; });
+}
+
+void pms_sim::record(bool incoming, const std::string& text, bool raw) {
+    frame f{std::chrono::system_clock::now(), time_stamp(), incoming, text, raw};
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        transcript_.push_back(f);
+        if (incoming) received_.push_back(text);
+    }
+    changed_.notify_all();
+    if (opts_.on_frame) opts_.on_frame(f);
+}
+
+void pms_sim::note(const std::string& text) {
+    if (opts_.on_note) opts_.on_note(text);
+}
+
+bool pms_sim::connected() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return connected_;
+}
+
+int pms_sim::connections() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return connections_;
+}
+
+bool pms_sim::link_active() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return link_active_;
+}
+
+bool pms_sim::wait_connected(std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, timeout, [this] { return connected_; });
+}
+
+bool pms_sim::wait_link_active(std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, timeout, [this] { return link_active_; });
+}
+
+std::vector<pms_sim::frame> pms_sim::transcript() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return transcript_;
+}
+
+std::vector<std::string> pms_sim::frames() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return received_;
+}
+
+std::vector<std::string> pms_sim::frames(const std::string& prefix) const {
+    std::vector<std::string> out;
+    std::lock_guard<std::mutex> guard(mutex_);
+    for (const std::string& f : received_) {
+        if (starts_with(f, prefix)) out.push_back(f);
+    }
+    return out;
+}
+
+size_t pms_sim::count_frames(const std::string& prefix) const { return frames(prefix).size(); }
+
+std::optional<std::string> pms_sim::wait_for_frame(const std::string& prefix,
+                                                   std::chrono::milliseconds timeout, size_t from,
+                                                   size_t* index) const {
+    std::optional<std::string> found;
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait_for(lock, timeout, [&] {
+        for (size_t i = from; i < received_.size(); i++) {
+            if (starts_with(received_[i], prefix)) {
+                found = received_[i];
+                if (index) *index = i;
+                return true;
+            }
+        }
+        return false;
+    });
+    return found;
+}
+
+bool pms_sim::wait_for_count(const std::string& prefix, size_t n,
+                             std::chrono::milliseconds timeout) const {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] {
+        size_t count = 0;
+        for (const std::string& f : received_) count += starts_with(f, prefix) ? 1 : 0;
+        return count >= n;
+    });
+}
+
+void pms_sim::clear() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    transcript_.clear();
+    received_.clear();
+}

@@ -1,0 +1,154 @@
+// A PMS simulator: the server side of the FIAS link, for tests and the demo.
+//
+// It listens on 127.0.0.1, takes one client (the daemon) at a time and, when
+// that client goes away, waits for the next one. Every frame (STX text ETX)
+// that it receives or sends is kept, with a time stamp, in a transcript that
+// any thread may read while the simulator runs.
+//
+// What it plays on its own (each can be switched off in pms_sim::options):
+//  - link start-up: the daemon's "LS" is answered with "LS|DA..|TI..|"; once
+//    the daemon has sent its "LD" (and its "LR" records) and then "LA", the
+//    simulator answers "LA|DA..|TI..|" and counts the link as active;
+//  - postings: each "PS" is answered with a "PA" carrying AS, then RN, P#, DA
+//    and TI copied from the "PS" (fields the "PS" lacks are left out); AS is
+//    "OK" (answer_mode::ok) or the refusal text (answer_mode::refuse), or no
+//    answer is sent at all (answer_mode::none).
+//
+// Typical use in a test:
+//
+//     pms_sim pms;                        // default options, port 0 = pick one
+//     ASSERT_TRUE(pms.start());
+//     ... start the daemon with pms:port = pms.port() ...
+//     ASSERT_TRUE(pms.wait_link_active(10s));
+//     pms.send_record("GI|RN101|GNSmith|GLEN|GSN|");
+//     auto ps = pms.wait_for_frame("PS", 15s);   // std::optional<std::string>
+//
+// Threads: the simulator runs one thread of its own (accepting, reading and
+// answering). All public methods may be called from any thread. A frame is
+// written to the socket in one piece under a lock, so records sent from the
+// test and answers sent by the simulator never interleave. The destructor
+// stops the simulator and closes every socket.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+class pms_sim {
+public:
+    enum class answer_mode { ok, refuse, none };
+
+    // One frame of the transcript.
+    struct frame {
+        std::chrono::system_clock::time_point when;
+        std::string stamp;  // "HH:MM:SS.mmm" local time
+        bool incoming;      // true = received from the daemon, false = sent by us
+        std::string text;   // record text without STX/ETX (raw bytes for send_raw)
+        bool raw = false;   // sent with send_raw (not framed)
+    };
+
+    struct options {
+        int port = 0;                         // 0 = pick a free port
+        answer_mode answer = answer_mode::ok; // how "PS" records are answered
+        std::string refuse_text = "NG";       // AS of a refusing "PA"
+        bool play_link = true;                // answer "LS" and "LA" as described above
+        // Called (on the simulator's thread or the sender's) for every
+        // transcript entry and for notes such as "client connected". They
+        // must not call the simulator's send methods.
+        std::function<void(const frame&)> on_frame;
+        std::function<void(const std::string&)> on_note;
+    };
+
+    pms_sim();
+    explicit pms_sim(options opts);
+    ~pms_sim();
+    pms_sim(const pms_sim&) = delete;
+    pms_sim& operator=(const pms_sim&) = delete;
+
+    // Binds, listens and starts the simulator's thread. false on failure.
+    bool start();
+    // Stops the thread and closes all sockets (also done by the destructor).
+    void stop();
+    // The port listened on (valid after start()).
+    int port() const { return port_; }
+
+    // Changes how later "PS" records are answered.
+    void set_answer(answer_mode mode, const std::string& refuse_text = "NG");
+
+    // Sends one record text framed as STX text ETX. false without a client or
+    // when the write fails.
+    bool send_record(const std::string& text);
+    // Sends bytes exactly as given (no frame), e.g. stray bytes. false as above.
+    bool send_raw(const std::string& bytes);
+    // Shuts the client's connection down; the simulator then waits for the
+    // next client.
+    void drop_connection();
+
+    bool connected() const;
+    // Number of clients accepted so far.
+    int connections() const;
+    // true once the current client's start-up exchange is complete (reset when
+    // the client goes away).
+    bool link_active() const;
+    bool wait_connected(std::chrono::milliseconds timeout);
+    bool wait_link_active(std::chrono::milliseconds timeout);
+
+    // The whole transcript, both directions, in order.
+    std::vector<frame> transcript() const;
+    // The texts of the frames received so far, in order.
+    std::vector<std::string> frames() const;
+    // The received texts that begin with `prefix`.
+    std::vector<std::string> frames(const std::string& prefix) const;
+    size_t count_frames(const std::string& prefix) const;
+    // Waits for a received frame beginning with `prefix` whose index among the
+    // received frames is at least `from` (frames already there count). Returns
+    // its text, or nothing on time-out. `index`, when given, receives its
+    // index, so that `index + 1` can be passed as `from` to wait for the next.
+    std::optional<std::string> wait_for_frame(const std::string& prefix,
+                                              std::chrono::milliseconds timeout,
+                                              size_t from = 0, size_t* index = nullptr) const;
+    // Waits until `n` received frames begin with `prefix`.
+    bool wait_for_count(const std::string& prefix, size_t n,
+                        std::chrono::milliseconds timeout) const;
+    // Forgets the transcript (counters of received frames restart at 0).
+    void clear();
+
+private:
+    void run();
+    void handle_bytes(const char* data, size_t len);
+    void handle_frame(const std::string& text);
+    void close_client();
+    bool send_bytes(const std::string& bytes, const std::string& text, bool raw);
+    void record(bool incoming, const std::string& text, bool raw);
+    void note(const std::string& text);
+
+    options opts_;
+    int port_ = 0;
+    int listen_fd_ = -1;
+    int wake_fd_ = -1;  // eventfd that wakes the thread for stop()
+    std::thread thread_;
+
+    mutable std::mutex send_mutex_;  // guards client_fd_ and frame writes
+    int client_fd_ = -1;
+
+    mutable std::mutex mutex_;  // guards everything below
+    mutable std::condition_variable changed_;
+    std::vector<frame> transcript_;
+    std::vector<std::string> received_;
+    bool connected_ = false;
+    bool link_active_ = false;
+    int connections_ = 0;
+    bool stopping_ = false;
+
+    // Reader state, used only by the simulator's thread.
+    bool collecting_ = false;
+    std::string partial_;
+    bool ls_answered_ = false;
+    bool ld_seen_ = false;
+};
