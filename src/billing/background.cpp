@@ -1,0 +1,394 @@
+#include "billing/background.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+
+#include "billing/templates.h"
+#include "db/registry.h"
+#include "db/sqlite.h"
+#include "fias/codec.h"
+#include "fias/link.h"
+#include "logger.h"
+#include "process.h"
+
+std::atomic<unsigned> ps_secno{0};
+
+const char* const cache_mark_statement =
+    "update cdrcache set userfield='%param%' where src='%exten%' and date(start)='%date%' and "
+    "time(start)='%time%'";
+
+namespace {
+
+// One call row as the passes read it.
+struct call_row {
+    char date[32] = "";
+    char time[32] = "";
+    char dst[256] = "";
+    int billsec = 0;
+    int callcost = -1;
+};
+
+enum class row_read { ok, end, failed };
+
+// Reads the current row's five columns; logs and fails on an unreadable one.
+row_read read_call_row(dbdriver_t& drv, call_row& row) {
+    if (drv.fetch_char_field(0, row.date, sizeof row.date - 1) < 0) {
+        LOG(L_ERROR, "No mandatory date field in cdr query");
+        return row_read::failed;
+    }
+    if (drv.fetch_char_field(1, row.time, sizeof row.time - 1) < 0) {
+        LOG(L_ERROR, "No mandatory time field in cdr query");
+        return row_read::failed;
+    }
+    if (drv.fetch_char_field(2, row.dst, sizeof row.dst - 1) < 0) {
+        LOG(L_ERROR, "No mandatory destination field in cdr query");
+        return row_read::failed;
+    }
+    if (drv.fetch_int_field(3, &row.billsec) < 0) {
+        LOG(L_ERROR, "No mandatory billsec field in cdr query");
+        return row_read::failed;
+    }
+    drv.fetch_int_field(4, &row.callcost);
+    return row_read::ok;
+}
+
+fias_value_t text_value(const char* text) {
+    fias_value_t v;
+    v.str = text;
+    return v;
+}
+
+fias_value_t date_value(const char* text, const char* format) {
+    struct tm tmv{};
+    strptime(text, format, &tmv);
+    fias_value_t v;
+    int year = tmv.tm_year;
+    if (year > 100) year -= 100;
+    v.date.year = static_cast<uint8_t>(year);
+    v.date.month = static_cast<uint8_t>(tmv.tm_mon + 1);
+    v.date.day = static_cast<uint8_t>(tmv.tm_mday);
+    return v;
+}
+
+fias_value_t time_value(const char* text, const char* format) {
+    struct tm tmv{};
+    strptime(text, format, &tmv);
+    fias_value_t v;
+    v.time.hour = static_cast<uint8_t>(tmv.tm_hour);
+    v.time.min = static_cast<uint8_t>(tmv.tm_min);
+    v.time.sec = static_cast<uint8_t>(tmv.tm_sec);
+    return v;
+}
+
+void set_field(fias_packet_t* p, const char* name, const fias_value_t& v) {
+    fias_set_packet_field(p, name, &v);
+}
+
+// The next posting number: 1 to 9999, then 0, 1, ...
+std::string next_sequence() {
+    unsigned next = ps_secno.load() + 1;
+    if (next > 9999) next = 0;
+    ps_secno = next;
+    char text[16];
+    snprintf(text, sizeof text, "%04u", next);
+    return text;
+}
+
+// Builds and sends the "PS" record of one call. Null when the record cannot
+// be made (the row is then skipped and not marked).
+fias_packet_ptr post_call(const dbdriver_t& drv, const std::string& room, const call_row& row,
+                          std::string* sequence) {
+    fias_packet_ptr rec = fias_create_packet(FIAS_PS);
+    if (!rec) return nullptr;
+    set_field(rec.get(), "RN", text_value(room.c_str()));
+    set_field(rec.get(), "DD", text_value(row.dst));
+    *sequence = next_sequence();
+    set_field(rec.get(), "P#", text_value(sequence->c_str()));
+    fias_value_t du;
+    du.ival = static_cast<uint32_t>(row.billsec);
+    du.time.hour = static_cast<uint8_t>(row.billsec / 3600);
+    du.time.min = static_cast<uint8_t>((row.billsec % 3600) / 60);
+    du.time.sec = static_cast<uint8_t>(row.billsec % 60);
+    set_field(rec.get(), "DU", du);
+    set_field(rec.get(), "DA", date_value(row.date, drv.dateformat));
+    set_field(rec.get(), "TI", time_value(row.time, drv.timeformat));
+    if (row.callcost != -1) {
+        fias_value_t ta;
+        ta.ival = static_cast<uint32_t>(row.callcost);
+        set_field(rec.get(), "TA", ta);
+        set_field(rec.get(), "PT", text_value("C"));
+    } else {
+        set_field(rec.get(), "PT", text_value("T"));
+    }
+    if (fias_send_packet(fias_sock, rec.get()) < 0)
+        LOG(L_ERROR, "Unable to send fias Post Simple");
+    return rec;
+}
+
+// A pass's driver and statement, from its service string. `ok` is false when
+// the thread must end (driver missing); `statement` is empty when the string
+// has none (the pass is then skipped).
+struct pass_source {
+    dbdriver_ptr drv;
+    std::string statement;
+    bool ok = true;
+};
+
+pass_source resolve(const config& cfg, const std::string& service, const char* key) {
+    pass_source src;
+    service_string s = split_service(service);
+    if (!s.has_statement) {
+        LOG(L_ERROR, "services:%s = \"%s\" has no \":\" and so no statement: pass skipped", key,
+            service.c_str());
+        return src;
+    }
+    std::string name = s.driver.substr(0, 31);
+    src.drv = find_dbdriver_in(cfg.dbdrivers, name.c_str());
+    if (!src.drv) {
+        LOG(L_ERROR, "Unable to find DB driver %s", name.c_str());
+        src.ok = false;
+        return src;
+    }
+    src.statement = s.statement;
+    return src;
+}
+
+// The statement of a mark setting, or an empty text when it has none. A mark
+// whose template can never be filled stops this thread here, before any
+// database lock is taken (the template routine itself logs and blocks).
+std::string mark_statement(const opt_text& service, const char* key) {
+    if (!service) return "";
+    service_string s = split_service(*service);
+    if (!s.has_statement) {
+        LOG(L_ERROR, "services:%s = \"%s\" has no \":\" and so no statement: nothing is marked",
+            key, service->c_str());
+        return "";
+    }
+    if (template_unknown_placeholder(TEMPLATE_STRINGS, s.statement.c_str()) >= 0)
+        prepare_query2(&sqliteint, s.statement.c_str(), nullptr, nullptr, nullptr, nullptr);
+    return s.statement;
+}
+
+// Runs a room's query on its pass driver, under the lock the caller holds.
+void open_room_query(dbdriver_t& drv, const std::string& statement) {
+    if (drv.is_connected()) drv.reconnect();
+    drv.query(statement.c_str());
+}
+
+void run_marks(dbdriver_t& drv, const std::vector<std::string>& marks) {
+    for (const std::string& m : marks) drv.query(m.c_str());
+}
+
+void cache_pass(const std::vector<std::string>& rooms) {
+    LOG(L_DEBUG, "Cache case: check internal cdrcache values");
+    for (const std::string& room : rooms) {
+        char query[1024];
+        snprintf(query, sizeof query,
+                 "select date(start),time(start),dst,billsec,-1 from cdrcache where src='%s' and "
+                 "(userfield='NULL' or userfield=NULL or userfield='')",
+                 room.c_str());
+        std::lock_guard<dbdriver_t> guard(sqliteint);
+        sqliteint.query(query);
+        std::vector<std::string> marks;
+        while (sqliteint.fetch_row() == 0) {
+            LOG(L_DEBUG, "Have something in cache for room %s\n", room.c_str());
+            call_row row;
+            if (read_call_row(sqliteint, row) != row_read::ok) break;
+            std::string sequence;
+            fias_packet_ptr rec = post_call(sqliteint, room, row, &sequence);
+            if (!rec) continue;
+            std::string text = fias_packet_to_str(rec.get());
+            marks.push_back(prepare_query3(&sqliteint, cache_mark_statement, text.c_str(),
+                                           room.c_str(), row.date, row.time, sequence.c_str()));
+            LOG(L_DEBUG, "Sending mark query: %s\n", marks.back().c_str());
+        }
+        run_marks(sqliteint, marks);
+    }
+}
+
+bool query_pass(const config& cfg, const std::vector<std::string>& rooms) {
+    pass_source src = resolve(cfg, *cfg.billcalls, "billcalls");
+    if (!src.ok) return false;
+    if (!src.drv) return true;
+    std::string billmark = mark_statement(cfg.billmark, "billmark");
+    dbdriver_t& drv = *src.drv;
+    for (const std::string& room : rooms) {
+        std::string statement =
+            prepare_query2(&drv, src.statement.c_str(), room.c_str(), nullptr, nullptr, nullptr);
+        std::lock_guard<dbdriver_t> guard(drv);
+        open_room_query(drv, statement);
+        std::vector<std::string> marks;
+        while (drv.fetch_row() == 0) {
+            call_row row;
+            if (read_call_row(drv, row) != row_read::ok) break;
+            std::string sequence;
+            fias_packet_ptr rec = post_call(drv, room, row, &sequence);
+            if (!rec) continue;
+            if (!billmark.empty()) {
+                marks.push_back(prepare_query2(&drv, billmark.c_str(), room.c_str(), row.date,
+                                               row.time, sequence.c_str()));
+                printf("Sending mark query: %s\n", marks.back().c_str());
+            }
+        }
+        run_marks(drv, marks);
+    }
+    return true;
+}
+
+// The wake-up result codes as the PMS knows them.
+const char* wakeup_answer(int result) {
+    switch (result) {
+        case 1:
+            return "OK";
+        case 2:
+            return "BY";
+        case 3:
+            return "NR";
+        case -1:
+            return "UR";
+        default:
+            return "RY";
+    }
+}
+
+bool wakeup_pass(const config& cfg, const std::vector<std::string>& rooms) {
+    pass_source src = resolve(cfg, *cfg.wakeup_result, "wakeup_result");
+    if (!src.ok) return false;
+    if (!src.drv) return true;
+    std::string wrmark = mark_statement(cfg.wrmark, "wrmark");
+    dbdriver_t& drv = *src.drv;
+    for (const std::string& room : rooms) {
+        std::string statement =
+            prepare_query2(&drv, src.statement.c_str(), room.c_str(), nullptr, nullptr, nullptr);
+        std::lock_guard<dbdriver_t> guard(drv);
+        open_room_query(drv, statement);
+        if (drv.fetch_row() != 0) continue;
+        int result = 0;
+        char date[32] = "";
+        char time[32] = "";
+        // An unreadable column ends the pass for this cycle.
+        if (drv.fetch_int_field(0, &result) < 0) {
+            LOG(L_ERROR, "No mandatory billsec field in cdr query");
+            return true;
+        }
+        if (drv.fetch_char_field(1, date, sizeof date - 1) < 0) {
+            LOG(L_ERROR, "No mandatory date field in cdr query");
+            return true;
+        }
+        if (drv.fetch_char_field(2, time, sizeof time - 1) < 0) {
+            LOG(L_ERROR, "No mandatory time field in cdr query");
+            return true;
+        }
+        fias_packet_ptr rec = fias_create_packet(FIAS_WA);
+        if (!rec) continue;
+        set_field(rec.get(), "RN", text_value(room.c_str()));
+        set_field(rec.get(), "DA", date_value(date, drv.dateformat));
+        set_field(rec.get(), "TI", time_value(time, drv.timeformat));
+        set_field(rec.get(), "AS", text_value(wakeup_answer(result)));
+        if (fias_send_packet(fias_sock, rec.get()) < 0) LOG(L_ERROR, "Unable to send fias WR");
+        rec.reset();
+        if (wrmark.empty()) continue;
+        std::string mark = prepare_query2(&drv, wrmark.c_str(), room.c_str(), date, time, nullptr);
+        LOG(L_DEBUG, "Sending mark query: %s\n", mark.c_str());
+        drv.query(mark.c_str());
+    }
+    return true;
+}
+
+const char* room_status_code(int status) {
+    switch (status) {
+        case 1:
+            return "1";
+        case 2:
+            return "2";
+        case 4:
+            return "4";
+        case 5:
+            return "5";
+        case 6:
+            return "6";
+        default:
+            return "0";
+    }
+}
+
+bool room_status_pass(const config& cfg, const std::vector<std::string>& rooms) {
+    pass_source src = resolve(cfg, *cfg.room_state, "room_status");
+    if (!src.ok) return false;
+    if (!src.drv) return true;
+    std::string remark = mark_statement(cfg.remark, "remark");
+    dbdriver_t& drv = *src.drv;
+    for (const std::string& room : rooms) {
+        std::string statement =
+            prepare_query2(&drv, src.statement.c_str(), room.c_str(), nullptr, nullptr, nullptr);
+        std::lock_guard<dbdriver_t> guard(drv);
+        open_room_query(drv, statement);
+        if (drv.fetch_row() != 0) continue;
+        int status = 0;
+        if (drv.fetch_int_field(0, &status) < 0) {
+            LOG(L_ERROR, "No mandatory billsec field in cdr query");
+            return true;
+        }
+        fias_packet_ptr rec = fias_create_packet(FIAS_RE);
+        if (!rec) continue;
+        set_field(rec.get(), "RN", text_value(room.c_str()));
+        set_field(rec.get(), "RS", text_value(room_status_code(status)));
+        if (fias_send_packet(fias_sock, rec.get()) < 0) LOG(L_ERROR, "Unable to send fias RE");
+        rec.reset();
+        if (remark.empty()) continue;
+        std::string mark = prepare_query2(&drv, remark.c_str(), room.c_str(), nullptr, nullptr,
+                                          nullptr);
+        LOG(L_DEBUG, "Sending mark query: %s\n", mark.c_str());
+        drv.query(mark.c_str());
+    }
+    return true;
+}
+
+}  // namespace
+
+std::vector<std::string> read_room_list() {
+    std::vector<std::string> rooms;
+    std::lock_guard<dbdriver_t> guard(sqliteint);
+    sqliteint.query("select room from rooms");
+    while (sqliteint.fetch_row() == 0) {
+        char room[32] = "";
+        sqliteint.fetch_char_field(0, room, sizeof room - 1);
+        rooms.emplace_back(room);
+    }
+    sqliteint.free_result();
+    return rooms;
+}
+
+bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms) {
+    if (!pms_connected) return true;
+    bool posted = false;
+    if (cfg.use_manager) {
+        cache_pass(rooms);
+        posted = true;
+    } else if (cfg.billcalls) {
+        if (!query_pass(cfg, rooms)) return false;
+        posted = true;
+    }
+    if (posted && !pms_connected) return true;
+    if (cfg.wakeup_result) {
+        if (!wakeup_pass(cfg, rooms)) return false;
+        if (!pms_connected) return true;
+    }
+    if (cfg.room_state && !room_status_pass(cfg, rooms)) return false;
+    return true;
+}
+
+void service_background() {
+    std::vector<std::string> rooms = read_room_list();
+    for (;;) {
+        config_ptr cfg = current_config();
+        if (!billing_cycle(*cfg, rooms)) return;
+        cfg.reset();
+        if (doexit) return;
+        usleep(10000000);
+    }
+}
