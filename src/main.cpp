@@ -9,11 +9,18 @@
 #include <cstring>
 #include <string>
 
+#include <thread>
+
+#include "billing/background.h"
 #include "config.h"
 #include "daemon.h"
 #include "db/sqlite.h"
+#include "fias/link.h"
+#include "guest/dispatch.h"
 #include "logger.h"
+#include "mgr/cdr.h"
 #include "process.h"
+#include "rooms/rooms.h"
 
 namespace {
 
@@ -104,6 +111,18 @@ void sig_hup(int) {
     apply_logger(*current_config());
 }
 
+// Opens the link to the PMS of the current configuration (a reload moves the
+// next connection, not the present one).
+bool connect_pms() {
+    config_ptr cfg = current_config();
+    const char* interface = cfg->pmsinterface ? cfg->pmsinterface->c_str() : "";
+    fias_sock = fias_connect(cfg->pmshost.c_str(), cfg->pmsport, interface);
+    if (fias_sock >= 0) return true;
+    LOG(L_ERROR, "Unable to connect to PMS at %s:%d/%s", cfg->pmshost.c_str(), cfg->pmsport,
+        interface);
+    return false;
+}
+
 void install_signal_handlers() {
     signal_set_handler(SIGHUP, 0, sig_hup);
     signal_set_handler(SIGTERM, 0, sig_term);
@@ -142,6 +161,7 @@ int main(int argc, char** argv) {
         daemon_init(name ? name + 1 : argv[0]);
     }
 
+    pms_connected = 0;
     config_ptr cfg = current_config();
     apply_logger(*cfg);
 
@@ -149,9 +169,36 @@ int main(int argc, char** argv) {
         LOG(L_ERROR, "Unable to open states file %s", cfg->statesfile.c_str());
         leave(1);
     }
+    load_rooms_conf();
+
+    const bool use_manager = cfg->use_manager;
     cfg.reset();
 
+    // While the reader waits at the end of the stream, signals are still
+    // acted upon.
+    fias_set_idle_hook(signal_handle_all);
+    connect_pms();
+
+    std::thread(service_background).detach();
+    if (use_manager) std::thread(cdrmanager_thread).detach();
+
+    char buffer[4096];
     for (;;) {
+        if (fias_sock <= 0) {
+            if (!connect_pms()) {
+                signal_handle_all();
+                usleep(1000000);
+            }
+        }
+        int n = fias_read_packet(fias_sock, buffer, sizeof buffer);
+        if (n < 0) {
+            LOG(L_WARNING, "Connection to PMS lost");
+            fias_disconnect(fias_sock.exchange(-1));
+            pms_connected = 0;
+        } else {
+            LOG(L_DEBUG, "Read %s", buffer);
+            std::thread(process_fias_packet, std::string(buffer)).detach();
+        }
         signal_handle_all();
         usleep(1000000);
     }
