@@ -24,7 +24,9 @@ namespace {
 
 temp_dir* states_dir;
 
-std::string states_file() { return states_dir->file("states.db"); }
+std::string states_file() {
+    return states_dir->file("states.db");
+}
 
 class StatesFile : public ::testing::Environment {
 public:
@@ -67,7 +69,8 @@ protected:
     void TearDown() override { logger_init(nullptr, 1, 0, 1); }
 
     void Rooms(std::initializer_list<const char*> rooms) {
-        for (const char* r : rooms) run(std::string("insert into rooms (room) values ('") + r + "')");
+        for (const char* r : rooms)
+            run(std::string("insert into rooms (room) values ('") + r + "')");
     }
     std::string log() const { return read_file(dir_.file("log")); }
     size_t count_in_log(const std::string& text) const {
@@ -86,7 +89,8 @@ class CdrCache : public CdrTest {
 protected:
     static std::unique_ptr<message> Message(const mgr_cdr_event& ev) {
         auto m = std::make_unique<message>();
-        for (const auto& h : ev.headers) mgr_add_header(*m, "%s: %s", h.first.c_str(), h.second.c_str());
+        for (const auto& h : ev.headers)
+            mgr_add_header(*m, "%s: %s", h.first.c_str(), h.second.c_str());
         return m;
     }
     static mgr_cdr_event Call(const char* src) {
@@ -110,7 +114,8 @@ TEST_F(CdrCache, MissingHeadersGiveEmptyColumns) {
     auto ev = Call("101");
     ev.set("From", "101").remove("UserField");
     mgr_cache_cdr(*Message(ev), {"101"});
-    auto rows = sqlite_rows(states_file(), "select c_from, c_to, cost, faxdata, userfield from cdrcache");
+    auto rows =
+        sqlite_rows(states_file(), "select c_from, c_to, cost, faxdata, userfield from cdrcache");
     ASSERT_EQ(1u, rows.size());
     EXPECT_EQ((std::vector<std::string>{"101", "", "", "", ""}), rows[0]);
 }
@@ -188,9 +193,11 @@ protected:
 
     void WaitLoggedIn(int n = 1) {
         ASSERT_TRUE(sim_->wait_logins(n));
-        // The thread has logged in when it says so (it reads the answer after the simulator sent it).
-        ASSERT_TRUE(wait_until(
-            [&] { return count_in_log("127.0.0.1: connected successfully!") >= static_cast<size_t>(n); }));
+        // The thread has logged in when it says so (it reads the answer after the simulator sent
+        // it).
+        ASSERT_TRUE(wait_until([&] {
+            return count_in_log("127.0.0.1: connected successfully!") >= static_cast<size_t>(n);
+        }));
     }
 
     bool WaitCached(int n) {
@@ -199,7 +206,8 @@ protected:
     }
 
     static mgr_cdr_event Call(const char* src, const char* uid) {
-        return mgr_cdr_event::make(src, "004930123456", "2024-05-01 10:00:00", 65).set("UniqueID", uid);
+        return mgr_cdr_event::make(src, "004930123456", "2024-05-01 10:00:00", 65)
+            .set("UniqueID", uid);
     }
 
     std::unique_ptr<mgr_sim> sim_;
@@ -220,12 +228,29 @@ TEST_F(CdrCapture, RoomCallBecomesOneRowWithEveryColumn) {
 
     auto rows = sqlite_rows(states_file(), all_columns);
     ASSERT_EQ(1u, rows.size());
-    EXPECT_EQ((std::vector<std::string>{
-                  "guest", "101", "004930123456", "from-internal", "\"101\" <101>",
-                  ev.get("Channel"), ev.get("DestinationChannel"), "Dial", "SIP/trunk/004930123456",
-                  "2024-05-01 10:00:00", "2024-05-01 10:00:00", "2024-05-01 10:01:05", "65", "65",
-                  "ANSWERED", "DOCUMENTATION", "101", "004930123456", "0.40", "2", "none", "",
-                  "1714557600.42"}),
+    EXPECT_EQ((std::vector<std::string>{"guest",
+                                        "101",
+                                        "004930123456",
+                                        "from-internal",
+                                        "\"101\" <101>",
+                                        ev.get("Channel"),
+                                        ev.get("DestinationChannel"),
+                                        "Dial",
+                                        "SIP/trunk/004930123456",
+                                        "2024-05-01 10:00:00",
+                                        "2024-05-01 10:00:00",
+                                        "2024-05-01 10:01:05",
+                                        "65",
+                                        "65",
+                                        "ANSWERED",
+                                        "DOCUMENTATION",
+                                        "101",
+                                        "004930123456",
+                                        "0.40",
+                                        "2",
+                                        "none",
+                                        "",
+                                        "1714557600.42"}),
               rows[0]);
     EXPECT_NE(log().find("Adding cdrmanager rooms room 102"), std::string::npos);
     EXPECT_NE(log().find("127.0.0.1 got: Event: Cdr"), std::string::npos);

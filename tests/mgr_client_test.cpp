@@ -16,6 +16,7 @@
 #include "logger.h"
 #include "mgr/manager.h"
 #include "netutil.h"
+#include "sim_mgr.h"
 #include "support.h"
 
 namespace {
@@ -130,7 +131,8 @@ TEST_F(ManagerReader, SplitMessageIsAssembledAndEndsOnlyAtEmptyLine) {
 
 TEST_F(ManagerReader, KeepsFirst255HeadersAndStaysInStep) {
     std::string text;
-    for (int i = 0; i < 300; ++i) text += "H" + std::to_string(i) + ": v" + std::to_string(i) + "\r\n";
+    for (int i = 0; i < 300; ++i)
+        text += "H" + std::to_string(i) + ": v" + std::to_string(i) + "\r\n";
     Feed(text + "\r\nEvent: Next\r\n\r\n");
     ASSERT_EQ(1, Read());
     EXPECT_EQ(255, msg_->hdrcount);
@@ -142,8 +144,9 @@ TEST_F(ManagerReader, KeepsFirst255HeadersAndStaysInStep) {
 }
 
 TEST_F(ManagerReader, CommandOutputKeepsItsEmptyLines) {
-    Feed("Response: Follows\r\nPrivilege: Command\r\nline one\n\n\nline four\n--END COMMAND--\r\n"
-         "\r\n");
+    Feed(
+        "Response: Follows\r\nPrivilege: Command\r\nline one\n\n\nline four\n--END COMMAND--\r\n"
+        "\r\n");
     ASSERT_EQ(1, Read());
     ASSERT_EQ(7, msg_->hdrcount);
     EXPECT_EQ("line one", Header(2));
@@ -235,8 +238,7 @@ TEST_F(ManagerLogin, SendsTheLoginTextExactly) {
     ASSERT_EQ(0, mgr_login(session_));
     EXPECT_EQ("Action: Login\r\nUsername: admin\r\nSecret: s3cret\r\nEvents: call\r\n\r\n",
               AcceptLogin());
-    EXPECT_NE(log().find("asterisk@127.0.0.1: Connecting (u=admin, p=s3cret)"),
-              std::string::npos);
+    EXPECT_NE(log().find("asterisk@127.0.0.1: Connecting (u=admin, p=s3cret)"), std::string::npos);
 
     // A configured event class list replaces "call".
     close(conn_);
@@ -299,6 +301,37 @@ TEST_F(ManagerLogin, InitFailuresAreReported) {
     EXPECT_EXIT(init_without_descriptors(), ::testing::ExitedWithCode(0),
                 // The log file cannot be opened either: the line goes to standard error.
                 "Unable to create manager socket");
+}
+
+// The simulator's script lines, as the client receives them.
+TEST_F(ManagerLogin, SimulatorScriptLinesReachTheClient) {
+    mgr_sim sim;
+    ASSERT_TRUE(sim.start());
+    ASSERT_EQ(0, mgr_init(session_, "127.0.0.1", sim.port(), "u", "p"));
+    ASSERT_EQ(0, mgr_login(session_, "cdr"));
+    auto m = std::make_unique<message>();
+    ASSERT_EQ(1, mgr_read(session_, *m));  // banner line and login answer
+    EXPECT_STREQ("Authentication accepted", mgr_get_header(*m, "Message"));
+
+    ASSERT_EQ(0, sim.run_line("cdr 101 200 2024-05-01T23:59:30 45 Cost=0.40 "
+                              "\"CallerID=\\\"Room 101\\\" <101>\" -UserField AccountCode="));
+    m->clear();
+    ASSERT_EQ(1, mgr_read(session_, *m));
+    EXPECT_STREQ("Cdr", mgr_get_header(*m, "Event"));
+    EXPECT_STREQ("cdr,all", mgr_get_header(*m, "Privilege"));
+    EXPECT_STREQ("\"Room 101\" <101>", mgr_get_header(*m, "CallerID"));
+    EXPECT_STREQ("2024-05-02 00:00:15", mgr_get_header(*m, "EndTime"));
+    EXPECT_STREQ("45", mgr_get_header(*m, "BillableSeconds"));
+    EXPECT_STREQ("0.40", mgr_get_header(*m, "Cost"));
+    EXPECT_EQ(std::string("Cost: 0.40"), m->headers[m->hdrcount - 1]);
+    EXPECT_EQ(20, m->hdrcount);  // UserField removed, Cost appended
+    EXPECT_STREQ("", mgr_get_header(*m, "UserField"));
+
+    EXPECT_EQ(-1, sim.run_line("cdr 101 200"));
+    ASSERT_EQ(0, sim.run_line("raw Event: Raw\\r\\n\\r\\n"));
+    m->clear();
+    ASSERT_EQ(1, mgr_read(session_, *m));
+    EXPECT_STREQ("Raw", mgr_get_header(*m, "Event"));
 }
 
 }  // namespace

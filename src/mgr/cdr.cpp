@@ -80,7 +80,8 @@ void cdrmanager_thread() {
         msg->clear();
         int res = mgr_read(*session, *msg);
         if (res >= 1) {
-            for (int i = 0; i < msg->hdrcount; ++i) LOG(L_DEBUG, "%s got: %s", addr, msg->headers[i]);
+            for (int i = 0; i < msg->hdrcount; ++i)
+                LOG(L_DEBUG, "%s got: %s", addr, msg->headers[i]);
             if (session->connected != 0) {
                 if (strcasecmp(mgr_get_header(*msg, "Event"), "Cdr") == 0)
                     mgr_cache_cdr(*msg, rooms);

@@ -22,7 +22,9 @@ namespace {
 constexpr int write_wait_ms = 100;
 constexpr int max_line = 1022;  // a buffered line longer than this without "\n" is dropped
 
-int new_socket() { return socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0); }
+int new_socket() {
+    return socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+}
 
 std::string dotted(const mansession& s) {
     char buf[INET_ADDRSTRLEN];

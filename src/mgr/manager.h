@@ -22,12 +22,12 @@
 #include <string>
 
 struct mansession {
-    sockaddr_in sin{};  // the manager's address and port (network byte order)
-    int fd = -1;        // the TCP socket, -1 when there is none
+    sockaddr_in sin{};   // the manager's address and port (network byte order)
+    int fd = -1;         // the TCP socket, -1 when there is none
     char inbuf[1024]{};  // received bytes not yet returned as lines, always terminated
     int inlen = 0;
-    int authenticated = 0;  // not used
-    int connected = 0;  // 0 login answer awaited, 1 "Authentication accepted", -1 refused
+    int authenticated = 0;     // not used
+    int connected = 0;         // 0 login answer awaited, 1 "Authentication accepted", -1 refused
     std::atomic<int> dead{0};  // when set, an interrupted wait for input fails the read
     int busy = 0;              // not used
     char actionid[1024]{};     // not used

@@ -311,8 +311,8 @@ void mgr_sim::accept_one() {
     }
     char addr[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &peer.sin_addr, addr, sizeof addr);
-    note(s->id, "--", "connected from " + std::string(addr) + ":" +
-                          std::to_string(ntohs(peer.sin_port)));
+    note(s->id, "--",
+         "connected from " + std::string(addr) + ":" + std::to_string(ntohs(peer.sin_port)));
     send_to(s, banner);
     changed_.notify_all();
 }
@@ -395,9 +395,14 @@ void mgr_sim::on_action(const session_ptr& s, const std::string& block) {
         }
         if (!before.empty()) send_to(s, before);
         if (ok) {
-            s->cdr_wanted = wants_cdr(find("events"));
-            send_to(s, "Response: Success\r\n" + action_id + answer_accepted);
-            s->authenticated = true;
+            {
+                // Marked before the answer is written, under the write lock: an
+                // event sent by another thread can only follow the answer.
+                std::lock_guard<std::mutex> w(s->write_mutex);
+                s->cdr_wanted = wants_cdr(find("events"));
+                s->authenticated = true;
+                send_locked(s, "Response: Success\r\n" + action_id + answer_accepted, nullptr);
+            }
             std::lock_guard<std::mutex> g(mutex_);
             ++accepted_;
         } else {
@@ -407,7 +412,8 @@ void mgr_sim::on_action(const session_ptr& s, const std::string& block) {
         }
         changed_.notify_all();
     } else if (act == "logoff") {
-        send_to(s, "Response: Goodbye\r\n" + action_id + "Message: Thanks for all the fish.\r\n\r\n");
+        send_to(s,
+                "Response: Goodbye\r\n" + action_id + "Message: Thanks for all the fish.\r\n\r\n");
         s->closed = true;
         shutdown(s->fd, SHUT_RDWR);
     } else if (!s->authenticated) {
@@ -415,7 +421,8 @@ void mgr_sim::on_action(const session_ptr& s, const std::string& block) {
     } else if (act == "ping") {
         send_to(s, "Response: Success\r\n" + action_id + "Ping: Pong\r\n\r\n");
     } else if (act.empty()) {
-        send_to(s, "Response: Error\r\n" + action_id + "Message: Missing action in request\r\n\r\n");
+        send_to(s,
+                "Response: Error\r\n" + action_id + "Message: Missing action in request\r\n\r\n");
     } else {
         send_to(s, "Response: Error\r\n" + action_id + "Message: Invalid/unknown command\r\n\r\n");
     }
@@ -423,6 +430,10 @@ void mgr_sim::on_action(const session_ptr& s, const std::string& block) {
 
 bool mgr_sim::send_to(const session_ptr& s, const std::string& text, const char* what) {
     std::lock_guard<std::mutex> g(s->write_mutex);
+    return send_locked(s, text, what);
+}
+
+bool mgr_sim::send_locked(const session_ptr& s, const std::string& text, const char* what) {
     if (s->closed) return false;
     size_t off = 0;
     while (off < text.size()) {
@@ -586,8 +597,7 @@ int mgr_sim::run_line(const std::string& line, std::string* error) {
         }
         long billsec;
         if (!parse_int(w[at + 3], &billsec) || billsec < 0) return fail("bad BILLSEC");
-        mgr_cdr_event ev =
-            mgr_cdr_event::make(w[at], w[at + 1], start, static_cast<int>(billsec));
+        mgr_cdr_event ev = mgr_cdr_event::make(w[at], w[at + 1], start, static_cast<int>(billsec));
         for (size_t i = at + 4; i < w.size(); ++i) {
             const std::string& kv = w[i];
             if (kv.size() > 1 && kv[0] == '-') {

@@ -23,6 +23,9 @@
 //    does. The default login of the daemon ("Events: call") gets none unless
 //    the filter is switched off.
 //  - Raw text goes to every open session, logged in or not.
+//  - A session counts as logged in from the moment its answer is written:
+//    an event sent once wait_logins() saw the login (or once the client read
+//    the answer) reaches that session, after the answer.
 //
 // Script lines (run_line(), run_script(), the mgr_sim program): one command a
 // line, words separated by blanks; a word may be quoted with "..." and a
@@ -141,6 +144,8 @@ private:
     void on_action(const session_ptr& s, const std::string& block);
     // `what`, when given, is noted in the transcript instead of `text` ("": nothing).
     bool send_to(const session_ptr& s, const std::string& text, const char* what = nullptr);
+    bool send_locked(const session_ptr& s, const std::string& text,
+                     const char* what);  // write_mutex held
     std::vector<session_ptr> snapshot(bool cdr_only) const;
     void note(int id, const char* dir, const std::string& text);
     void wake();
