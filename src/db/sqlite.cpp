@@ -59,7 +59,8 @@ public:
                                  SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
         sqlite_.reset(db);
         if (rc == SQLITE_OK) return 0;
-        LOG(L_ERROR, "Error connecting to %s sqlite db", database ? database : "");
+        write_log(L_ERROR, __FILE_NAME__, __LINE__, "sq_connect",
+                  "Error connecting to %s sqlite db", database ? database : "");
         sqlite_.reset();
         initialized_ = 0;
         return -2;
@@ -70,15 +71,17 @@ public:
         if (!sqlite_) {
             // Closed for good (see close()): the statement fails as SQLite
             // would fail it on a missing connection.
-            LOG(L_ERROR, "Sqlite query error: %s, ext.errcode %d", sqlite3_errstr(SQLITE_MISUSE),
-                SQLITE_MISUSE);
+            write_log(L_ERROR, __FILE_NAME__, __LINE__, "sq_query",
+                      "Sqlite query error: %s, ext.errcode %d", sqlite3_errstr(SQLITE_MISUSE),
+                      SQLITE_MISUSE);
             return -1;
         }
         char* err = nullptr;
         int rc = sqlite3_exec(sqlite_.get(), statement, &sqlite_handler_t::sq_callback, this, &err);
         if (rc != SQLITE_OK) {
-            LOG(L_ERROR, "Sqlite query error: %s, ext.errcode %d",
-                err ? err : sqlite3_errstr(rc), sqlite3_extended_errcode(sqlite_.get()));
+            write_log(L_ERROR, __FILE_NAME__, __LINE__, "sq_query",
+                      "Sqlite query error: %s, ext.errcode %d", err ? err : sqlite3_errstr(rc),
+                      sqlite3_extended_errcode(sqlite_.get()));
             sqlite3_free(err);
             return -1;
         }
