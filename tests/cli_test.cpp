@@ -14,7 +14,10 @@
 #include <cctype>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "db/sqlite.h"
@@ -102,12 +105,34 @@ class CommandLine : public ::testing::Test {
         prctl(PR_SET_CHILD_SUBREAPER, 1);
     }
 
+    // A sanitizer build of the daemon writes its reports into the test's
+    // folder (its standard error is /dev/null once detached).
+    void SetUp() override {
+        for (const char* var : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"}) {
+            const char* old = getenv(var);
+            saved_env_.emplace_back(var, old ? std::optional<std::string>(old) : std::nullopt);
+            std::string value = old && *old ? std::string(old) + ":" : "";
+            setenv(var, (value + "log_path=" + dir_.file("sanitizer")).c_str(), 1);
+        }
+    }
+
     void TearDown() override {
         if (daemon_pid_ > 0) {
             kill(daemon_pid_, SIGKILL);
             waitpid(daemon_pid_, nullptr, 0);
         }
         if (!pidfile_.empty()) unlink(pidfile_.c_str());
+        for (const auto& [var, value] : saved_env_) {
+            if (value)
+                setenv(var.c_str(), value->c_str(), 1);
+            else
+                unsetenv(var.c_str());
+        }
+        for (const auto& entry : std::filesystem::directory_iterator(dir_.path())) {
+            if (entry.path().filename().string().rfind("sanitizer", 0) == 0)
+                ADD_FAILURE() << "sanitizer report of the daemon:\n"
+                              << read_file(entry.path().string());
+        }
     }
 
     std::string conf() const { return dir_.file("orlanbeck.conf"); }
@@ -176,6 +201,7 @@ class CommandLine : public ::testing::Test {
     int pms_port_ = pick_free_port();
     pid_t daemon_pid_ = -1;
     std::string pidfile_;
+    std::vector<std::pair<std::string, std::optional<std::string>>> saved_env_;
 };
 
 TEST_F(CommandLine, UsageTextForHelpBadOptionsAndConsoleWithoutForeground) {
