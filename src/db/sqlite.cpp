@@ -58,7 +58,12 @@ public:
         int rc = sqlite3_open_v2(database ? database : "", &db,
                                  SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
         sqlite_.reset(db);
-        if (rc == SQLITE_OK) return 0;
+        if (rc == SQLITE_OK) {
+            // Another reader of the file (an operator's sqlite3, a backup)
+            // makes writes wait a while instead of failing at once.
+            sqlite3_busy_timeout(db, 5000);
+            return 0;
+        }
         write_log(L_ERROR, __FILE_NAME__, __LINE__, "sq_connect",
                   "Error connecting to %s sqlite db", database ? database : "");
         sqlite_.reset();
