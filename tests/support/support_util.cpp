@@ -65,7 +65,7 @@ bool child_process::start(const std::vector<std::string>& argv, const std::strin
         if (stdin_text) {
             dup2(in[0], 0);
         } else {
-            int null_fd = open("/dev/null", O_RDONLY);
+            int null_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
             dup2(null_fd, 0);
         }
         execv(args[0], args.data());
