@@ -410,6 +410,20 @@ TEST_F(Config, ServiceStringsThatCannotWorkAreReportedOnce) {
     EXPECT_EQ(log_lines_with({"WARNING["}), 5u) << log_text();
 }
 
+TEST_F(Config, ReportsWithoutTheirMarkAreReported) {
+    ASSERT_EQ(reload("[pbx]\ndbdriver = sqlite\ndatabase = " + db("pbx.db") +
+                     "\n"
+                     "[services]\n"
+                     "billcalls = pbx:select 1\n"
+                     "wakeup_result = pbx:select 1\n"
+                     "room_status = pbx:select 1\n"
+                     "remark = pbx:update x set r=1\n"),
+              0);
+    EXPECT_EQ(log_lines_with({"WARNING[", "services:billcalls", "services:billmark"}), 1u);
+    EXPECT_EQ(log_lines_with({"WARNING[", "services:wakeup_result", "services:wrmark"}), 1u);
+    EXPECT_EQ(log_lines_with({"services:room_status"}), 0u) << log_text();
+}
+
 TEST_F(Config, SqliteSectionIsRegisteredUnderItsLowerCaseName) {
     ASSERT_EQ(reload("[PBX]\ndbdriver = SQLite\ndatabase = " + db("pbx.db") + "\n"), 0);
     dbdriver_ptr drv = find_dbdriver("pbx");

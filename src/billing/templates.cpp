@@ -231,6 +231,24 @@ void warn_service_strings(const config& cfg) {
         {"wrmark", cfg.wrmark, TEMPLATE_STRINGS, false},
         {"remark", cfg.remark, TEMPLATE_STRINGS, false},
     };
+    // A report without its mark is sent again every cycle.
+    const struct {
+        const char* report;
+        const opt_text& value;
+        const char* mark;
+        const opt_text& mark_value;
+    } pairs[] = {
+        {"billcalls", cfg.billcalls, "billmark", cfg.billmark},
+        {"wakeup_result", cfg.wakeup_result, "wrmark", cfg.wrmark},
+        {"room_status", cfg.room_state, "remark", cfg.remark},
+    };
+    for (const auto& p : pairs)
+        if (p.value && !p.mark_value && !(&p.value == &cfg.billcalls && cfg.use_manager))
+            LOG(L_WARNING,
+                "services:%s is set without services:%s: what it reports is sent again every "
+                "cycle",
+                p.report, p.mark);
+
     for (const entry& e : entries) {
         if (!e.value) continue;
         service_string s = split_service(*e.value);
