@@ -12,8 +12,8 @@ namespace {
 
 // "TT code desc: NAME:type NAME:type ..." of a catalogue row.
 std::string describe(const fias_catalogue_row& row) {
-    std::string s = std::string(row.packet) + " " + std::to_string(row.packet_code) + " " +
-                    row.desc + ":";
+    std::string s =
+        std::string(row.packet) + " " + std::to_string(row.packet_code) + " " + row.desc + ":";
     for (int i = 0; i < row.num_fields; i++) {
         s += std::string(" ") + row.fields[i].name + ":" + std::to_string(row.fields[i].type);
     }
@@ -154,7 +154,7 @@ TEST(FiasParse, DatesTimesNumbersAndFlags) {
 TEST(FiasParse, TextFieldsAndRecordShape) {
     fias_packet_ptr gi = fias_parse_packet("GI|GN|RN7|RN8|GLEN|\x03", 0);
     ASSERT_TRUE(gi);
-    EXPECT_EQ("", text_of(gi.get(), "GN"));  // empty, not absent
+    EXPECT_EQ("", text_of(gi.get(), "GN"));   // empty, not absent
     EXPECT_EQ("7", text_of(gi.get(), "RN"));  // first occurrence counts
     EXPECT_EQ("EN", text_of(gi.get(), "GL"));
     EXPECT_EQ("<absent>", text_of(gi.get(), "GS"));

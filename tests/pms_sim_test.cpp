@@ -19,7 +19,7 @@ namespace {
 
 // A client of the simulator that reads whole frames.
 class client {
-public:
+  public:
     explicit client(int port) : fd_(connect_loopback(port)) {}
     ~client() {
         if (fd_ >= 0) close(fd_);
@@ -55,7 +55,7 @@ public:
         return n > 0 ? std::string(chunk, static_cast<size_t>(n)) : "";
     }
 
-private:
+  private:
     int fd_;
     std::string buf_;
 };

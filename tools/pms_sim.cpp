@@ -77,7 +77,7 @@ bool signal_within(int ms) {
 
 // Lines of a descriptor, read without blocking signal handling.
 class line_reader {
-public:
+  public:
     explicit line_reader(int fd) : fd_(fd) {}
     // false at the end of input or on a terminating signal.
     bool next(std::string& line) {
@@ -108,7 +108,7 @@ public:
         }
     }
 
-private:
+  private:
     int fd_;
     std::string buf_;
     bool eof_ = false;
@@ -231,7 +231,10 @@ int main(int argc, char** argv) {
     }
 
     // Terminating signals are taken through a descriptor, so that no thread
-    // is interrupted and every wait below can watch for them.
+    // is interrupted and every wait below can watch for them. A shell starts
+    // background jobs with SIGINT ignored; it is wanted here all the same.
+    signal(SIGINT, SIG_DFL);
+    signal(SIGTERM, SIG_DFL);
     sigset_t mask;
     sigemptyset(&mask);
     sigaddset(&mask, SIGTERM);

@@ -29,6 +29,17 @@ std::mutex write_mutex;
 
 std::atomic<void (*)()> idle_hook{nullptr};
 
+// A link that a writer ended (a failed start-up exchange) while the main
+// thread may be reading it. The writer only shuts it down: the descriptor
+// stays allocated until the reader's thread releases it with
+// fias_disconnect(), so the reader never touches a closed or reused number.
+std::atomic<int> ended_sock{-1};
+
+void end_link(int sock) {
+    ended_sock = sock;
+    shutdown(sock, SHUT_RDWR);
+}
+
 // `format` filled in with the current local time.
 std::string local_time_text(const char* format) {
     time_t now = time(nullptr);
@@ -50,11 +61,12 @@ int read_byte(int sock, char* c) {
 
 // One byte from `sock`, waiting at the end of the stream: a peer that has
 // gone quiet is not reported by the reader. Each wait is one second long and
-// runs the idle hook once. 1, or -1 on error.
+// runs the idle hook once. 1, or -1 on error or when our side ended the link.
 int read_byte_waiting(int sock, char* c) {
     for (;;) {
         int n = read_byte(sock, c);
         if (n != 0) return n;
+        if (ended_sock == sock) return -1;
         sleep(1);
         if (void (*hook)() = idle_hook.load()) hook();
     }
@@ -62,7 +74,9 @@ int read_byte_waiting(int sock, char* c) {
 
 }  // namespace
 
-void fias_set_idle_hook(void (*hook)()) { idle_hook = hook; }
+void fias_set_idle_hook(void (*hook)()) {
+    idle_hook = hook;
+}
 
 int fias_connect(const char* host, int port, const char* /*interface*/) {
     if (!host) return -1;
@@ -88,6 +102,8 @@ int fias_connect(const char* host, int port, const char* /*interface*/) {
 
 void fias_disconnect(int sock) {
     if (sock < 0) return;
+    int ended = sock;
+    ended_sock.compare_exchange_strong(ended, -1);
     shutdown(sock, SHUT_RDWR);
     close(sock);
 }
@@ -160,13 +176,13 @@ int fias_init_connection(int sock, const char* iftype) {
         snprintf(lr, sizeof lr, "LR|RI%.2s|FL%s|", row->packet, names.c_str());
         write_log(L_DEBUG, __FILE_NAME__, __LINE__, "fias_send_lr", "%s\n", lr);
         if (fias_send_raw_packet(sock, lr) < 0) {
-            fias_disconnect(sock);
+            end_link(sock);
             return -1;
         }
     }
 
     if (fias_send_la(sock) < 0) {
-        fias_disconnect(sock);
+        end_link(sock);
         return -1;
     }
     fias_connected = 1;

@@ -13,7 +13,10 @@ const fias_catalogue_row fias_packets[] = {
      FIAS_LD,
      "Link description",
      4,
-     {{"DA", FIAS_TYPE_DATE}, {"TI", FIAS_TYPE_TIME}, {"V#", FIAS_TYPE_STR}, {"IF", FIAS_TYPE_STR}}},
+     {{"DA", FIAS_TYPE_DATE},
+      {"TI", FIAS_TYPE_TIME},
+      {"V#", FIAS_TYPE_STR},
+      {"IF", FIAS_TYPE_STR}}},
     {"LR", FIAS_LR, "Link record", 2, {{"RI", FIAS_TYPE_STR}, {"FL", FIAS_TYPE_STR}}},
     {"DR", FIAS_DR, "Description record", 2, {{"DA", FIAS_TYPE_DATE}, {"TI", FIAS_TYPE_TIME}}},
     {"GI",
@@ -45,7 +48,10 @@ const fias_catalogue_row fias_packets[] = {
      FIAS_WA,
      "Wakeup answer",
      4,
-     {{"RN", FIAS_TYPE_STR}, {"DA", FIAS_TYPE_DATE}, {"TI", FIAS_TYPE_TIME}, {"AS", FIAS_TYPE_STR}}},
+     {{"RN", FIAS_TYPE_STR},
+      {"DA", FIAS_TYPE_DATE},
+      {"TI", FIAS_TYPE_TIME},
+      {"AS", FIAS_TYPE_STR}}},
     {"PA",
      FIAS_PA,
      "Post answer",
@@ -94,7 +100,9 @@ fias_packet_ptr fias_create_packet(int type) {
     return nullptr;
 }
 
-void fias_free_packet(fias_packet_ptr& p) { p.reset(); }
+void fias_free_packet(fias_packet_ptr& p) {
+    p.reset();
+}
 
 fias_field_t* fias_get_field(fias_packet_t* p, const char* field) {
     if (!p || !field) return nullptr;

@@ -107,6 +107,6 @@ void fias_free_packet(fias_packet_ptr& p);
 // The first slot named exactly `field` that has a value, or null.
 fias_field_t* fias_get_field(fias_packet_t* p, const char* field);
 
-// Gives the last slot named `field` (any case) a copy of `val`. A name that no
-// slot has is ignored.
+// Gives the last slot named `field` (any case) a copy of `val`, replacing any
+// value it had. A name that no slot has, and a null packet or value, are ignored.
 void fias_set_packet_field(fias_packet_t* p, const char* field, const fias_value_t* val);

@@ -45,7 +45,9 @@ pms_sim::pms_sim() : pms_sim(options{}) {}
 
 pms_sim::pms_sim(options opts) : opts_(std::move(opts)) {}
 
-pms_sim::~pms_sim() { stop(); }
+pms_sim::~pms_sim() {
+    stop();
+}
 
 bool pms_sim::start() {
     if (thread_.joinable()) return true;
@@ -197,7 +199,8 @@ void pms_sim::handle_frame(const std::string& text) {
     }
 
     if (starts_with(text, "PS") && mode != answer_mode::none) {
-        std::string pa = "PA|AS" + (mode == answer_mode::ok ? std::string("OK") : refuse_text) + "|";
+        std::string pa =
+            "PA|AS" + (mode == answer_mode::ok ? std::string("OK") : refuse_text) + "|";
         for (const char* name : {"RN", "P#", "DA", "TI"}) {
             if (auto v = field_value(text, name)) pa += name + *v + "|";
         }
@@ -209,7 +212,9 @@ bool pms_sim::send_record(const std::string& text) {
     return send_bytes(STX + text + ETX, text, false);
 }
 
-bool pms_sim::send_raw(const std::string& bytes) { return send_bytes(bytes, bytes, true); }
+bool pms_sim::send_raw(const std::string& bytes) {
+    return send_bytes(bytes, bytes, true);
+}
 
 bool pms_sim::send_bytes(const std::string& bytes, const std::string& text, bool raw) {
     std::lock_guard<std::mutex> guard(send_mutex_);
@@ -289,7 +294,9 @@ std::vector<std::string> pms_sim::frames(const std::string& prefix) const {
     return out;
 }
 
-size_t pms_sim::count_frames(const std::string& prefix) const { return frames(prefix).size(); }
+size_t pms_sim::count_frames(const std::string& prefix) const {
+    return frames(prefix).size();
+}
 
 std::optional<std::string> pms_sim::wait_for_frame(const std::string& prefix,
                                                    std::chrono::milliseconds timeout, size_t from,

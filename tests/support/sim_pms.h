@@ -41,7 +41,7 @@
 #include <vector>
 
 class pms_sim {
-public:
+  public:
     enum class answer_mode { ok, refuse, none };
 
     // One frame of the transcript.
@@ -54,10 +54,10 @@ public:
     };
 
     struct options {
-        int port = 0;                         // 0 = pick a free port
-        answer_mode answer = answer_mode::ok; // how "PS" records are answered
-        std::string refuse_text = "NG";       // AS of a refusing "PA"
-        bool play_link = true;                // answer "LS" and "LA" as described above
+        int port = 0;                          // 0 = pick a free port
+        answer_mode answer = answer_mode::ok;  // how "PS" records are answered
+        std::string refuse_text = "NG";        // AS of a refusing "PA"
+        bool play_link = true;                 // answer "LS" and "LA" as described above
         // Called (on the simulator's thread or the sender's) for every
         // transcript entry and for notes such as "client connected". They
         // must not call the simulator's send methods.
@@ -111,15 +111,15 @@ public:
     // its text, or nothing on time-out. `index`, when given, receives its
     // index, so that `index + 1` can be passed as `from` to wait for the next.
     std::optional<std::string> wait_for_frame(const std::string& prefix,
-                                              std::chrono::milliseconds timeout,
-                                              size_t from = 0, size_t* index = nullptr) const;
+                                              std::chrono::milliseconds timeout, size_t from = 0,
+                                              size_t* index = nullptr) const;
     // Waits until `n` received frames begin with `prefix`.
     bool wait_for_count(const std::string& prefix, size_t n,
                         std::chrono::milliseconds timeout) const;
     // Forgets the transcript (counters of received frames restart at 0).
     void clear();
 
-private:
+  private:
     void run();
     void handle_bytes(const char* data, size_t len);
     void handle_frame(const std::string& text);
