@@ -40,39 +40,8 @@ std::string usage_text(const std::string& argv0) {
            "\n\n";
 }
 
-// Matches a whole line against `pattern`, in which '#' stands for one digit
-// and '@' for one or more digits; every other character stands for itself.
-bool like(const char* pattern, const char* text) {
-    for (;; ++pattern, ++text) {
-        if (*pattern == '\0') return *text == '\0';
-        if (*pattern == '@') {
-            if (!isdigit(static_cast<unsigned char>(*text))) return false;
-            while (isdigit(static_cast<unsigned char>(text[1]))) ++text;
-        } else if (*pattern == '#') {
-            if (!isdigit(static_cast<unsigned char>(*text))) return false;
-        } else if (*pattern != *text) {
-            return false;
-        }
-    }
-}
-bool like(const std::string& pattern, const std::string& text) {
-    return like(pattern.c_str(), text.c_str());
-}
 
-// Whether one of the lines of `text` is like `pattern`.
-bool has_line_like(const std::string& text, const std::string& pattern) {
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        if (like(pattern, text.substr(start, end - start))) return true;
-        start = end + 1;
-    }
-    return false;
-}
 
-// The time stamp that opens every line, "%D %T".
-const std::string kStamp = "##/##/## ##:##:##";
 
 // A unique name for a link to the binary, so that a daemon's pid file is
 // this test's own.

@@ -17,61 +17,9 @@
 
 namespace {
 
-// Collects what is written to descriptor 2 between its construction and
-// finish(), through a temporary file.
-class stderr_capture {
-  public:
-    explicit stderr_capture(const std::string& path) : path_(path) {
-        fflush(stderr);
-        saved_ = dup(2);
-        int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        dup2(fd, 2);
-        close(fd);
-    }
-    ~stderr_capture() { finish(); }
-    std::string finish() {
-        if (saved_ >= 0) {
-            fflush(stderr);
-            dup2(saved_, 2);
-            close(saved_);
-            saved_ = -1;
-        }
-        return read_file(path_);
-    }
 
-  private:
-    std::string path_;
-    int saved_ = -1;
-};
 
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
 
-// Matches a whole line against `pattern`, in which '#' stands for one digit
-// and '@' for one or more digits; every other character stands for itself.
-bool like(const char* pattern, const char* text) {
-    for (;; ++pattern, ++text) {
-        if (*pattern == '\0') return *text == '\0';
-        if (*pattern == '@') {
-            if (!isdigit(static_cast<unsigned char>(*text))) return false;
-            while (isdigit(static_cast<unsigned char>(text[1]))) ++text;
-        } else if (*pattern == '#') {
-            if (!isdigit(static_cast<unsigned char>(*text))) return false;
-        } else if (*pattern != *text) {
-            return false;
-        }
-    }
-}
-bool like(const std::string& pattern, const std::string& text) {
-    return like(pattern.c_str(), text.c_str());
-}
-
-// The time stamp that opens every line, "%D %T".
-const std::string kStamp = "##/##/## ##:##:##";
 
 std::string pid_text() {
     return std::to_string(getpid());
@@ -83,7 +31,7 @@ struct before_init_output {
     std::string text;
     before_init_output() {
         temp_dir dir;
-        stderr_capture cap(dir.file("stderr"));
+        fd_capture cap(2, dir.file("stderr"));
         write_log(L_WARNING, "early.cpp", 1, "early", "early warning");
         write_log(L_ERROR, "early.cpp", 2, "early", "early error");
         text = cap.finish();
@@ -178,7 +126,7 @@ TEST_F(Logger, LineFormatOfNormalLevelsAndVerbose) {
 
 TEST_F(Logger, DisableSilencesEverythingIncludingBogusLevels) {
     init(5, 1);
-    stderr_capture cap(dir_.file("stderr"));
+    fd_capture cap(2, dir_.file("stderr"));
     write_all_levels();
     write_log(7, "f.cpp", 1, "fn", "bogus");
     EXPECT_EQ(cap.finish(), "");
@@ -192,7 +140,7 @@ TEST_F(Logger, DisableSilencesEverythingIncludingBogusLevels) {
 
 TEST_F(Logger, BogusLevelsWarnOnStandardErrorAndNegativeOnesAreDropped) {
     init(5);
-    stderr_capture cap(dir_.file("stderr"));
+    fd_capture cap(2, dir_.file("stderr"));
     write_log(7, "f.cpp", 1, "fn", "seven");
     write_log(-1, "f.cpp", 1, "fn", "minus one");
     EXPECT_EQ(cap.finish(), "log called with bogus level: 7\n");
@@ -200,7 +148,7 @@ TEST_F(Logger, BogusLevelsWarnOnStandardErrorAndNegativeOnesAreDropped) {
 
     // The threshold test comes first: a high level passes it at any threshold.
     init(1);
-    stderr_capture cap2(dir_.file("stderr2"));
+    fd_capture cap2(2, dir_.file("stderr2"));
     write_log(9, "f.cpp", 1, "fn", "nine");
     EXPECT_EQ(cap2.finish(), "log called with bogus level: 9\n");
 }
@@ -209,7 +157,7 @@ TEST_F(Logger, EmptyOrUnwritablePathGoesToStandardError) {
     const std::vector<std::string> paths = {"", dir_.file("no/such/dir/x.log"), dir_.path()};
     for (const std::string& path : paths) {
         logger_init(path.c_str(), 5, 0, 0);
-        stderr_capture cap(dir_.file("stderr"));
+        fd_capture cap(2, dir_.file("stderr"));
         write_log(L_ERROR, "f.cpp", 9, "fn", "to the console");
         std::string out = cap.finish();
         EXPECT_TRUE(
@@ -217,7 +165,7 @@ TEST_F(Logger, EmptyOrUnwritablePathGoesToStandardError) {
             << "path '" << path << "': " << out;
     }
     logger_init(nullptr, 5, 0, 0);
-    stderr_capture cap(dir_.file("stderr"));
+    fd_capture cap(2, dir_.file("stderr"));
     write_log(L_VERBOSE, "f.cpp", 9, "fn", "null path");
     EXPECT_NE(cap.finish().find("VERBOSE[" + pid_text() + "]: null path\n"), std::string::npos);
 }

@@ -69,31 +69,6 @@ std::string now_as(const char* format) {
     return buf;
 }
 
-// Collects what is written to descriptor 1 while it lives.
-class stdout_capture {
-  public:
-    explicit stdout_capture(const std::string& path) : path_(path) {
-        fflush(stdout);
-        saved_ = dup(1);
-        int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        dup2(fd, 1);
-        close(fd);
-    }
-    ~stdout_capture() { finish(); }
-    std::string finish() {
-        if (saved_ >= 0) {
-            fflush(stdout);
-            dup2(saved_, 1);
-            close(saved_);
-            saved_ = -1;
-        }
-        return read_file(path_);
-    }
-
-  private:
-    std::string path_;
-    int saved_ = -1;
-};
 
 class Templates : public ::testing::Test {
   protected:
@@ -198,7 +173,7 @@ TEST_F(Templates, StringRoutinesPutValuesInAsTheyAre) {
 }
 
 TEST_F(Templates, ValuesLongerThanTheTemplateAreKeptWhole) {
-    stdout_capture quiet(dir_.file("stdout"));
+    fd_capture quiet(1, dir_.file("stdout"));
     std::string huge(5000, 'v');
     huge += "end";
     fias_field_t rn = text_field("RN", huge);
@@ -213,7 +188,7 @@ TEST_F(Templates, ValuesLongerThanTheTemplateAreKeptWhole) {
 }
 
 TEST_F(Templates, FinishedStatementsAreEchoedOnStandardOutput) {
-    stdout_capture cap(dir_.file("stdout"));
+    fd_capture cap(1, dir_.file("stdout"));
     fias_field_t rn = text_field("RN", "101");
     prepare_query(&drv_, "delete from x where a='%exten%'", &rn, nullptr, nullptr, nullptr, nullptr,
                   nullptr, nullptr);
@@ -331,7 +306,7 @@ TEST_F(Templates, UnknownPlaceholderStopsTheThreadWithoutUsingTheCpu) {
 TEST_F(Templates, ConcurrentCallersGetTheirOwnStatements) {
     std::vector<std::thread> threads;
     std::atomic<int> wrong{0};
-    stdout_capture cap(dir_.file("stdout"));
+    fd_capture cap(1, dir_.file("stdout"));
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&, t] {
             for (int i = 0; i < 200; ++i) {

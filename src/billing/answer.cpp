@@ -21,29 +21,18 @@ const char* const pa_mark_statement =
 void do_pa(fias_packet_t* p) {
     config_ptr cfg = current_config();
     LOG(L_NOTICE, "Posting answer");
-    fias_field_t* rn = fias_get_field(p, "RN");
-    if (!rn) {
-        LOG(L_ERROR, "No room number");
-        return;
-    }
-    LOG(L_NOTICE, "\tRoom number: %s", rn->value->str ? rn->value->str->c_str() : "");
+    fias_field_t* rn = room_field(p);
+    if (!rn) return;
     fias_field_t* da = fias_get_field(p, "DA");
     fias_field_t* ti = fias_get_field(p, "TI");
-    if (da) {
-        const fias_date_t& d = da->value->date;
-        LOG(L_NOTICE, "\tDate: %02d-%02d-%02d", d.year, d.month, d.day);
-    }
-    if (ti) {
-        const fias_time_t& t = ti->value->time;
-        LOG(L_NOTICE, "\tTime: %02d:%02d:%02d", t.hour, t.min, t.sec);
-    }
+    log_date_time(da, ti);
     fias_field_t* seq = fias_get_field(p, "P#");
     if (!seq) {
         LOG(L_NOTICE, "\tAnswer not contains p#\n");
         return;
     }
     fias_field_t* as = fias_get_field(p, "AS");
-    const char* answer = as && as->value->str ? as->value->str->c_str() : nullptr;
+    const char* answer = as ? field_text(as) : nullptr;
     if (answer) LOG(L_NOTICE, "\tAnswer is: %s", answer);
     // An answer without "AS" counts as refused.
     if (!answer || strncasecmp(answer, "OK", 2) != 0) {

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <optional>
 
 #include "billing/templates.h"
 #include "db/registry.h"
@@ -239,6 +240,43 @@ bool query_pass(const config& cfg, const std::vector<std::string>& rooms) {
     return true;
 }
 
+// What a single-row report did with a room's row: nothing (an unreadable
+// column ends the pass for this cycle), or a record made (and sent), to be
+// marked with the row's date and time.
+struct reported {
+    bool made = false;
+    std::string date;
+    std::string time;
+};
+
+// The wake-up and room-status passes: each room's statement, its first row
+// handed to `report`, and the mark of what was reported.
+template <typename Report>
+bool single_row_pass(const config& cfg, const std::string& service, const char* key,
+                     const opt_text& mark_service, const char* mark_key,
+                     const std::vector<std::string>& rooms, Report report) {
+    pass_source src = resolve(cfg, service, key);
+    if (!src.ok) return false;
+    if (!src.drv) return true;
+    std::string mark = mark_statement(mark_service, mark_key);
+    dbdriver_t& drv = *src.drv;
+    for (const std::string& room : rooms) {
+        std::string statement =
+            prepare_query2(&drv, src.statement.c_str(), room.c_str(), nullptr, nullptr, nullptr);
+        std::lock_guard<dbdriver_t> guard(drv);
+        open_room_query(drv, statement);
+        if (drv.fetch_row() != 0) continue;
+        std::optional<reported> done = report(drv, room);
+        if (!done) return true;
+        if (!done->made || mark.empty()) continue;
+        std::string m = prepare_query2(&drv, mark.c_str(), room.c_str(), done->date.c_str(),
+                                       done->time.c_str(), nullptr);
+        LOG(L_DEBUG, "Sending mark query: %s\n", m.c_str());
+        drv.query(m.c_str());
+    }
+    return true;
+}
+
 // The wake-up result codes as the PMS knows them.
 const char* wakeup_answer(int result) {
     switch (result) {
@@ -256,47 +294,33 @@ const char* wakeup_answer(int result) {
 }
 
 bool wakeup_pass(const config& cfg, const std::vector<std::string>& rooms) {
-    pass_source src = resolve(cfg, *cfg.wakeup_result, "wakeup_result");
-    if (!src.ok) return false;
-    if (!src.drv) return true;
-    std::string wrmark = mark_statement(cfg.wrmark, "wrmark");
-    dbdriver_t& drv = *src.drv;
-    for (const std::string& room : rooms) {
-        std::string statement =
-            prepare_query2(&drv, src.statement.c_str(), room.c_str(), nullptr, nullptr, nullptr);
-        std::lock_guard<dbdriver_t> guard(drv);
-        open_room_query(drv, statement);
-        if (drv.fetch_row() != 0) continue;
-        int result = 0;
-        char date[32] = "";
-        char time[32] = "";
-        // An unreadable column ends the pass for this cycle.
-        if (drv.fetch_int_field(0, &result) < 0) {
-            LOG(L_ERROR, "No mandatory billsec field in cdr query");
-            return true;
-        }
-        if (drv.fetch_char_field(1, date, sizeof date - 1) < 0) {
-            LOG(L_ERROR, "No mandatory date field in cdr query");
-            return true;
-        }
-        if (drv.fetch_char_field(2, time, sizeof time - 1) < 0) {
-            LOG(L_ERROR, "No mandatory time field in cdr query");
-            return true;
-        }
-        fias_packet_ptr rec = fias_create_packet(FIAS_WA);
-        if (!rec) continue;
-        set_field(rec.get(), "RN", text_value(room.c_str()));
-        set_field(rec.get(), "DA", date_value(date, drv.dateformat));
-        set_field(rec.get(), "TI", time_value(time, drv.timeformat));
-        set_field(rec.get(), "AS", text_value(wakeup_answer(result)));
-        if (fias_send_packet(fias_sock, rec.get()) < 0) LOG(L_ERROR, "Unable to send fias WR");
-        rec.reset();
-        if (wrmark.empty()) continue;
-        std::string mark = prepare_query2(&drv, wrmark.c_str(), room.c_str(), date, time, nullptr);
-        LOG(L_DEBUG, "Sending mark query: %s\n", mark.c_str());
-        drv.query(mark.c_str());
-    }
-    return true;
+    return single_row_pass(
+        cfg, *cfg.wakeup_result, "wakeup_result", cfg.wrmark, "wrmark", rooms,
+        [](dbdriver_t& drv, const std::string& room) -> std::optional<reported> {
+            int result = 0;
+            char date[32] = "";
+            char time[32] = "";
+            if (drv.fetch_int_field(0, &result) < 0) {
+                LOG(L_ERROR, "No mandatory billsec field in cdr query");
+                return std::nullopt;
+            }
+            if (drv.fetch_char_field(1, date, sizeof date - 1) < 0) {
+                LOG(L_ERROR, "No mandatory date field in cdr query");
+                return std::nullopt;
+            }
+            if (drv.fetch_char_field(2, time, sizeof time - 1) < 0) {
+                LOG(L_ERROR, "No mandatory time field in cdr query");
+                return std::nullopt;
+            }
+            fias_packet_ptr rec = fias_create_packet(FIAS_WA);
+            if (!rec) return reported{};
+            set_field(rec.get(), "RN", text_value(room.c_str()));
+            set_field(rec.get(), "DA", date_value(date, drv.dateformat));
+            set_field(rec.get(), "TI", time_value(time, drv.timeformat));
+            set_field(rec.get(), "AS", text_value(wakeup_answer(result)));
+            if (fias_send_packet(fias_sock, rec.get()) < 0) LOG(L_ERROR, "Unable to send fias WR");
+            return reported{true, date, time};
+        });
 }
 
 const char* room_status_code(int status) {
@@ -317,35 +341,21 @@ const char* room_status_code(int status) {
 }
 
 bool room_status_pass(const config& cfg, const std::vector<std::string>& rooms) {
-    pass_source src = resolve(cfg, *cfg.room_state, "room_status");
-    if (!src.ok) return false;
-    if (!src.drv) return true;
-    std::string remark = mark_statement(cfg.remark, "remark");
-    dbdriver_t& drv = *src.drv;
-    for (const std::string& room : rooms) {
-        std::string statement =
-            prepare_query2(&drv, src.statement.c_str(), room.c_str(), nullptr, nullptr, nullptr);
-        std::lock_guard<dbdriver_t> guard(drv);
-        open_room_query(drv, statement);
-        if (drv.fetch_row() != 0) continue;
-        int status = 0;
-        if (drv.fetch_int_field(0, &status) < 0) {
-            LOG(L_ERROR, "No mandatory billsec field in cdr query");
-            return true;
-        }
-        fias_packet_ptr rec = fias_create_packet(FIAS_RE);
-        if (!rec) continue;
-        set_field(rec.get(), "RN", text_value(room.c_str()));
-        set_field(rec.get(), "RS", text_value(room_status_code(status)));
-        if (fias_send_packet(fias_sock, rec.get()) < 0) LOG(L_ERROR, "Unable to send fias RE");
-        rec.reset();
-        if (remark.empty()) continue;
-        std::string mark = prepare_query2(&drv, remark.c_str(), room.c_str(), nullptr, nullptr,
-                                          nullptr);
-        LOG(L_DEBUG, "Sending mark query: %s\n", mark.c_str());
-        drv.query(mark.c_str());
-    }
-    return true;
+    return single_row_pass(
+        cfg, *cfg.room_state, "room_status", cfg.remark, "remark", rooms,
+        [](dbdriver_t& drv, const std::string& room) -> std::optional<reported> {
+            int status = 0;
+            if (drv.fetch_int_field(0, &status) < 0) {
+                LOG(L_ERROR, "No mandatory billsec field in cdr query");
+                return std::nullopt;
+            }
+            fias_packet_ptr rec = fias_create_packet(FIAS_RE);
+            if (!rec) return reported{};
+            set_field(rec.get(), "RN", text_value(room.c_str()));
+            set_field(rec.get(), "RS", text_value(room_status_code(status)));
+            if (fias_send_packet(fias_sock, rec.get()) < 0) LOG(L_ERROR, "Unable to send fias RE");
+            return reported{true, "", ""};
+        });
 }
 
 }  // namespace

@@ -50,6 +50,31 @@ void process_fias_packet(std::string data) {
     fias_free_packet(p);
 }
 
+fias_field_t* room_field(fias_packet_t* p) {
+    fias_field_t* rn = fias_get_field(p, "RN");
+    if (!rn) {
+        LOG(L_ERROR, "No room number");
+        return nullptr;
+    }
+    LOG(L_NOTICE, "\tRoom number: %s", field_text(rn));
+    return rn;
+}
+
+void log_date_time(const fias_field_t* da, const fias_field_t* ti) {
+    if (da) {
+        const fias_date_t& d = da->value->date;
+        LOG(L_NOTICE, "\tDate: %02d-%02d-%02d", d.year, d.month, d.day);
+    }
+    if (ti) {
+        const fias_time_t& t = ti->value->time;
+        LOG(L_NOTICE, "\tTime: %02d:%02d:%02d", t.hour, t.min, t.sec);
+    }
+}
+
+const char* field_text(const fias_field_t* f) {
+    return f && f->value && f->value->str ? f->value->str->c_str() : "";
+}
+
 int run_service_template(const opt_text& service, const fias_field_t* rn,
                          const fias_field_t* name, const fias_field_t* lang,
                          const fias_field_t* shared, const fias_field_t* date,

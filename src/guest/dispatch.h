@@ -28,6 +28,14 @@ int run_service_template(const opt_text& service, const fias_field_t* rn,
                          const fias_field_t* shared, const fias_field_t* date,
                          const fias_field_t* tim, const fias_field_t* seq = nullptr);
 
+// Shared by the handlers: the "RN" field, logged as "\tRoom number: %s", or
+// null with the ERROR "No room number".
+fias_field_t* room_field(fias_packet_t* p);
+// Logs "\tDate: ..." and "\tTime: ..." for the fields that are present.
+void log_date_time(const fias_field_t* da, const fias_field_t* ti);
+// The text of a text field, or "".
+const char* field_text(const fias_field_t* f);
+
 // Guest events.
 void do_checkin(fias_packet_t* p);
 void do_checkout(fias_packet_t* p);

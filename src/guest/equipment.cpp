@@ -4,30 +4,13 @@
 
 namespace {
 
-fias_field_t* room_of(fias_packet_t* p) {
-    fias_field_t* rn = fias_get_field(p, "RN");
-    if (!rn) {
-        LOG(L_ERROR, "No room number");
-        return nullptr;
-    }
-    LOG(L_NOTICE, "\tRoom number: %s", rn->value->str ? rn->value->str->c_str() : "");
-    return rn;
-}
-
 void do_wakeup(fias_packet_t* p, const char* title, const opt_text& service) {
     LOG(L_NOTICE, "%s", title);
-    fias_field_t* rn = room_of(p);
+    fias_field_t* rn = room_field(p);
     if (!rn) return;
     fias_field_t* da = fias_get_field(p, "DA");
     fias_field_t* ti = fias_get_field(p, "TI");
-    if (da) {
-        const fias_date_t& d = da->value->date;
-        LOG(L_NOTICE, "\tDate: %02d-%02d-%02d", d.year, d.month, d.day);
-    }
-    if (ti) {
-        const fias_time_t& t = ti->value->time;
-        LOG(L_NOTICE, "\tTime: %02d:%02d:%02d", t.hour, t.min, t.sec);
-    }
+    log_date_time(da, ti);
     run_service_template(service, rn, nullptr, nullptr, nullptr, da, ti);
 }
 
@@ -36,7 +19,7 @@ void do_wakeup(fias_packet_t* p, const char* title, const opt_text& service) {
 void do_room_equip(fias_packet_t* p) {
     config_ptr cfg = current_config();
     LOG(L_NOTICE, "Room equipment request");
-    fias_field_t* rn = room_of(p);
+    fias_field_t* rn = room_field(p);
     if (!rn) return;
     fias_field_t* cs = fias_get_field(p, "CS");
     fias_field_t* dn = fias_get_field(p, "DN");

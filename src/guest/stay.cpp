@@ -16,14 +16,10 @@ struct guest_fields {
     fias_field_t* shared;
 };
 
-const char* text_of(const fias_field_t* f) {
-    return f && f->value && f->value->str ? f->value->str->c_str() : "";
-}
-
 guest_fields log_guest(fias_packet_t* p) {
     guest_fields g{fias_get_field(p, "GN"), fias_get_field(p, "GL"), fias_get_field(p, "GS")};
-    if (g.name) LOG(L_NOTICE, "\tName: %s", text_of(g.name));
-    if (g.lang) LOG(L_NOTICE, "\tLanguage: %s", text_of(g.lang));
+    if (g.name) LOG(L_NOTICE, "\tName: %s", field_text(g.name));
+    if (g.lang) LOG(L_NOTICE, "\tLanguage: %s", field_text(g.lang));
     if (g.shared) LOG(L_NOTICE, "\tShared: %d", g.shared->value->bval);
     return g;
 }
@@ -47,12 +43,8 @@ bool run_on_states_file(const std::string& statesfile, const char* statement, bo
 void do_checkin(fias_packet_t* p) {
     config_ptr cfg = current_config();
     LOG(L_NOTICE, "Checkin");
-    fias_field_t* rn = fias_get_field(p, "RN");
-    if (!rn) {
-        LOG(L_ERROR, "No room number");
-        return;
-    }
-    LOG(L_NOTICE, "\tRoom number: %s", text_of(rn));
+    fias_field_t* rn = room_field(p);
+    if (!rn) return;
     guest_fields g = log_guest(p);
 
     // Both stamps are formatted into the same text, the time over the date:
@@ -67,7 +59,7 @@ void do_checkin(fias_packet_t* p) {
 
     char statement[256];
     snprintf(statement, sizeof statement, "replace into rooms values ('%s','%s','%s',0)",
-             text_of(rn), stamp, empty);
+             field_text(rn), stamp, empty);
     if (!run_on_states_file(cfg->statesfile, statement, true)) return;
 
     run_service_template(cfg->checkin, rn, g.name, g.lang, g.shared, nullptr, nullptr);
@@ -76,16 +68,12 @@ void do_checkin(fias_packet_t* p) {
 void do_checkout(fias_packet_t* p) {
     config_ptr cfg = current_config();
     LOG(L_NOTICE, "Checkout");
-    fias_field_t* rn = fias_get_field(p, "RN");
-    if (!rn) {
-        LOG(L_ERROR, "No room number");
-        return;
-    }
-    LOG(L_NOTICE, "\tRoom number: %s", text_of(rn));
+    fias_field_t* rn = room_field(p);
+    if (!rn) return;
     guest_fields g = log_guest(p);
 
     char statement[256];
-    snprintf(statement, sizeof statement, "delete from rooms where room='%s'", text_of(rn));
+    snprintf(statement, sizeof statement, "delete from rooms where room='%s'", field_text(rn));
     if (!run_on_states_file(cfg->statesfile, statement, false)) return;
 
     run_service_template(cfg->checkout, rn, g.name, g.lang, g.shared, nullptr, nullptr);

@@ -28,6 +28,33 @@ private:
 void write_file(const std::string& path, const std::string& text);
 std::string read_file(const std::string& path);
 
+// Collects what is written to descriptor `fd` (1 or 2) between its
+// construction and finish(), through the file `path`.
+class fd_capture {
+public:
+    fd_capture(int fd, const std::string& path);
+    ~fd_capture() { finish(); }
+    fd_capture(const fd_capture&) = delete;
+    fd_capture& operator=(const fd_capture&) = delete;
+    std::string finish();
+
+private:
+    int fd_;
+    std::string path_;
+    int saved_ = -1;
+};
+
+// The lines of `text`, without their line ends.
+std::vector<std::string> lines_of(const std::string& text);
+
+// Matches a whole line against `pattern`, in which '#' stands for one digit
+// and '@' for one or more digits; every other character stands for itself.
+bool like(const std::string& pattern, const std::string& text);
+// Whether one of the lines of `text` is like `pattern`.
+bool has_line_like(const std::string& text, const std::string& pattern);
+// The time stamp that opens every log line, "%D %T".
+extern const std::string kStamp;
+
 // Polls `cond` every 20 ms until it holds or `timeout` passes.
 bool wait_until(const std::function<bool()>& cond,
                 std::chrono::milliseconds timeout = std::chrono::seconds(10));

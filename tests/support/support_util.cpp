@@ -38,6 +38,55 @@ std::string read_file(const std::string& path) {
     return ss.str();
 }
 
+fd_capture::fd_capture(int fd, const std::string& path) : fd_(fd), path_(path) {
+    fflush(fd == 1 ? stdout : stderr);
+    saved_ = dup(fd);
+    int f = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    dup2(f, fd);
+    close(f);
+}
+
+std::string fd_capture::finish() {
+    if (saved_ >= 0) {
+        fflush(fd_ == 1 ? stdout : stderr);
+        dup2(saved_, fd_);
+        close(saved_);
+        saved_ = -1;
+    }
+    return read_file(path_);
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+bool like(const std::string& pattern_text, const std::string& line) {
+    const char* pattern = pattern_text.c_str();
+    const char* text = line.c_str();
+    for (;; ++pattern, ++text) {
+        if (*pattern == '\0') return *text == '\0';
+        if (*pattern == '@') {
+            if (!isdigit(static_cast<unsigned char>(*text))) return false;
+            while (isdigit(static_cast<unsigned char>(text[1]))) ++text;
+        } else if (*pattern == '#') {
+            if (!isdigit(static_cast<unsigned char>(*text))) return false;
+        } else if (*pattern != *text) {
+            return false;
+        }
+    }
+}
+
+bool has_line_like(const std::string& text, const std::string& pattern) {
+    for (const std::string& line : lines_of(text))
+        if (like(pattern, line)) return true;
+    return false;
+}
+
+const std::string kStamp = "##/##/## ##:##:##";
+
 bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds timeout) {
     auto end = std::chrono::steady_clock::now() + timeout;
     for (;;) {
