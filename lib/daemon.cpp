@@ -135,7 +135,12 @@ int daemon_init(const char* name) {
     if (!from_init && !from_inetd) {
         pid_t pid = fork();
         if (pid < 0) return -1;
-        if (pid > 0) exit(0);
+        if (pid > 0) {
+            // Leaves without running destructors: open database connections
+            // are the child's now, and closing them here could undo its work.
+            fflush(nullptr);
+            _exit(0);
+        }
         setsid();
     }
     if (chdir("/") < 0) return -1;

@@ -150,9 +150,10 @@ int main(int argc, char** argv) {
 
     pid_t pid = foreground ? 0 : fork();
     if (pid != 0) {
-        // The parent (or a failed fork) is done.
+        // The parent (or a failed fork) is done. It leaves without closing
+        // the database connections it shares with the child.
         free_confvals();
-        exit(0);
+        leave(0);
     }
 
     if (!foreground) {
