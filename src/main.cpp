@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "billing/background.h"
+#include "billing/templates.h"
 #include "config.h"
 #include "daemon.h"
 #include "db/sqlite.h"
@@ -49,13 +50,22 @@ void usage(char** argv) {
     fprintf(stderr, "\n\n");
 }
 
+// A daemon works in "/": a relative configuration path is taken from the
+// directory it was started in, so that the room list and reloads find it.
+std::string absolute_path(const char* path) {
+    if (path[0] == '/' || path[0] == '\0') return path;
+    char cwd[4096];
+    if (!getcwd(cwd, sizeof cwd)) return path;
+    return std::string(cwd) + "/" + path;
+}
+
 void get_options(int argc, char** argv) {
     opterr = 0;  // the usage text is the only complaint
     int c;
     while ((c = getopt_long(argc, argv, "c:fdsh", longopts, nullptr)) != -1) {
         switch (c) {
             case 'c':
-                config_file = optarg;
+                config_file = absolute_path(optarg);
                 config_given = true;
                 break;
             case 'f':
@@ -165,6 +175,8 @@ int main(int argc, char** argv) {
     pms_connected = 0;
     config_ptr cfg = current_config();
     apply_logger(*cfg);
+    // The load's warnings came before the logger had its settings.
+    warn_service_strings(*cfg);
 
     if (open_states_file(cfg->statesfile.c_str()) != 0) {
         LOG(L_ERROR, "Unable to open states file %s", cfg->statesfile.c_str());

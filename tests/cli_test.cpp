@@ -22,6 +22,7 @@
 
 #include "db/sqlite.h"
 #include "netutil.h"
+#include "sim_pms.h"
 #include "support.h"
 
 namespace {
@@ -343,6 +344,40 @@ TEST_F(CommandLine, DaemonReloadsOnHangupAndEndsOnTerm) {
                                            "]: main.cpp:@ in sig_term: Caught signal 15. Exiting."))
         << read_file(log3);
     EXPECT_NE(access(pidfile_.c_str(), F_OK), 0);
+}
+
+TEST_F(CommandLine, DaemonWithARelativeConfigurationStopsPromptlyOnAQuietLink) {
+    pms_sim pms;
+    ASSERT_TRUE(pms.start());
+    pms_port_ = pms.port();
+    const std::string log = dir_.file("daemon.log");
+    write_file(conf(), config_text(log, 5, "[rooms]\nroom1 = 101\n"));
+    std::string link = make_link();
+
+    // Started from the configuration's folder with a relative path: the
+    // detached daemon works in "/" and still finds the file for its rooms.
+    char cwd[4096];
+    ASSERT_TRUE(getcwd(cwd, sizeof cwd));
+    ASSERT_EQ(chdir(dir_.path().c_str()), 0);
+    int status = -2;
+    run_to_end({"-c", "orlanbeck.conf"}, &status, link);
+    ASSERT_EQ(chdir(cwd), 0);
+    EXPECT_EQ(status, 0);
+    pid_t pid = wait_daemon();
+    ASSERT_GT(pid, 0);
+    ASSERT_TRUE(pms.wait_link_active(std::chrono::seconds(20))) << read_file(log);
+    EXPECT_TRUE(wait_until([&] {
+        return sqlite_rows(states(), "select room from rooms") ==
+               std::vector<std::vector<std::string>>{{"101"}};
+    }));
+
+    // Nothing arrives on the link; the signal is acted upon all the same.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    auto sent = std::chrono::steady_clock::now();
+    kill(pid, SIGTERM);
+    EXPECT_EQ(wait_daemon_exit(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(4));
+    EXPECT_NE(read_file(log).find("Caught signal 15. Exiting."), std::string::npos);
 }
 
 TEST_F(CommandLine, HangupWithoutConfigurationFileEndsTheDaemon) {

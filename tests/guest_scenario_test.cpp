@@ -123,6 +123,9 @@ TEST_F(GuestEvents, UnknownDriverAndMissingStatement) {
     run->config().set("services", "checkin", "nosuch:insert into log values ('x','y','','','')");
     run->config().set("services", "checkout", "no statement here");
     start();
+    // Both are reported when the daemon starts.
+    EXPECT_NE(std::string::npos, run->log().find("services:checkin names the database \"nosuch\""));
+    EXPECT_NE(std::string::npos, run->log().find("services:checkout = \"no statement here\" has"));
     play({"GI|RN101|GNSmith|"}, "Unable to find DB driver nosuch");
     // The room is written all the same.
     EXPECT_EQ(1u, run->states("select room from rooms where room='101'").size());

@@ -2,6 +2,7 @@
 
 #include <netdb.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -51,8 +52,20 @@ std::string local_time_text(const char* format) {
 }
 
 // One byte from `sock`: 1, 0 at end of stream, -1 on error (EINTR retried).
+//
+// While nothing arrives, the idle hook runs once a second (and after a signal
+// interrupted the wait), so a quiet link never keeps the main thread from
+// acting on pending signals.
 int read_byte(int sock, char* c) {
+    if (sock < 0) return -1;
     for (;;) {
+        pollfd pfd{sock, POLLIN, 0};
+        int ready = poll(&pfd, 1, 1000);
+        if (ready <= 0) {
+            if (ready < 0 && errno != EINTR) return -1;
+            if (void (*hook)() = idle_hook.load()) hook();
+            continue;
+        }
         ssize_t n = read(sock, c, 1);
         if (n >= 0) return static_cast<int>(n);
         if (errno != EINTR) return -1;
