@@ -10,7 +10,7 @@
 
 // This library is not given the client library's include folder; the header
 // lives in its "mariadb" subfolder of the system include path.
-#include <mariadb/mysql.h>
+#include <mysql.h>
 
 #include <cerrno>
 #include <chrono>
