@@ -25,10 +25,6 @@ const std::string seq =
 class MysqlDriver : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
-        // A starting server deletes the "#sql" files of its temporary folder,
-        // those of a server started in parallel too: each gets its own.
-        static temp_dir tmp;
-        setenv("TMPDIR", tmp.path().c_str(), 1);
         server_ = std::make_unique<mariadb_server>();
         ready_.emplace(server_->start());
         for (const char* sql :

@@ -157,6 +157,7 @@ std::string mariadb_server::error_log() const {
     std::vector<std::string> argv = {installer,
                                      "--no-defaults",
                                      "--datadir=" + datadir_,
+                                     "--tmpdir=" + dir_.path(),
                                      "--user=" + user_name(),
                                      "--auth-root-authentication-method=normal",
                                      "--skip-test-db"};
