@@ -22,7 +22,8 @@ prefix=$tmp/prefix
 install_into "$tmp/install1.log" --prefix "$prefix"
 
 # The daemon.
-"$prefix/sbin/orlanbeck" -h 2>&1 | grep -q "Orlanbeck: middle layer FIAS application." ||
+"$prefix/sbin/orlanbeck" -h >"$tmp/usage.txt" 2>&1 || fail "$prefix/sbin/orlanbeck -h failed"
+grep -q "Orlanbeck: middle layer FIAS application." "$tmp/usage.txt" ||
   fail "no working daemon in $prefix/sbin"
 
 # The configuration: the sample with absolute paths, mode 0640, kept when it exists.
