@@ -58,16 +58,6 @@ const std::string kStatesSchema =
     "varchar(255) NOT NULL default '',       `uniqueid` varchar(32) NOT NULL default '');\n"
     "CREATE INDEX `idx_cdrcache_c_from_start` ON `cdrcache` (`c_from`,`start`);\n";
 
-// The pid of the process holding a write lock on `path`, 0 for none.
-pid_t lock_holder(const std::string& path) {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return -1;
-    struct flock lk {};
-    lk.l_type = F_WRLCK;
-    pid_t holder = fcntl(fd, F_GETLK, &lk) == 0 && lk.l_type == F_WRLCK ? lk.l_pid : 0;
-    close(fd);
-    return holder;
-}
 
 class CommandLine : public ::testing::Test {
   protected:

@@ -64,16 +64,6 @@ TEST_F(Signals, FaultSignalsRunTheirHandlerAtOnceAndSomeSignalsAreRefused) {
         EXPECT_EQ(signal_set_handler(signo, 0, record), -1) << signo;
 }
 
-// The pid of the process holding a write lock on `path`, 0 for none.
-pid_t lock_holder(const std::string& path) {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return -1;
-    struct flock lk {};
-    lk.l_type = F_WRLCK;
-    pid_t holder = fcntl(fd, F_GETLK, &lk) == 0 && lk.l_type == F_WRLCK ? lk.l_pid : 0;
-    close(fd);
-    return holder;
-}
 
 bool same_file(int fd, const char* path) {
     struct stat a, b;

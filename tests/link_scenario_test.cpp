@@ -36,34 +36,36 @@ TEST(PmsLink, UnreachablePmsIsRetriedEveryTwoSecondsUntilItAnswers) {
     EXPECT_EQ(1u, pms.count_frames("LS|"));
 }
 
-TEST(PmsLink, AStrayByteBeforeARecordDropsTheLinkAndTheDaemonConnectsAgain) {
+// A daemon whose link to the simulated PMS is active.
+class ActiveLink : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(pms.start());
+        run = std::make_unique<daemon_run>(pms.port());
+        ASSERT_TRUE(run->start());
+        ASSERT_TRUE(pms.wait_link_active(15s)) << run->log();
+        ASSERT_TRUE(run->wait_log("Received Link active packet from PMS"));
+    }
     pms_sim pms;
-    ASSERT_TRUE(pms.start());
-    daemon_run run(pms.port());
-    ASSERT_TRUE(run.start());
-    ASSERT_TRUE(pms.wait_link_active(15s)) << run.log();
-    ASSERT_TRUE(run.wait_log("Received Link active packet from PMS"));
+    std::unique_ptr<daemon_run> run;
+};
+
+TEST_F(ActiveLink, AStrayByteBeforeARecordDropsTheLinkAndTheDaemonConnectsAgain) {
 
     ASSERT_TRUE(pms.send_raw("A"));
-    ASSERT_TRUE(run.wait_log("Read code 41"));
-    ASSERT_TRUE(run.wait_log("Connection to PMS lost"));
-    ASSERT_TRUE(wait_until([&] { return pms.connections() == 2; }, 15s)) << run.log();
-    ASSERT_TRUE(pms.wait_link_active(15s)) << run.log();
+    ASSERT_TRUE(run->wait_log("Read code 41"));
+    ASSERT_TRUE(run->wait_log("Connection to PMS lost"));
+    ASSERT_TRUE(wait_until([&] { return pms.connections() == 2; }, 15s)) << run->log();
+    ASSERT_TRUE(pms.wait_link_active(15s)) << run->log();
     EXPECT_EQ(2u, pms.count_frames("LS|"));
 }
 
-TEST(PmsLink, ABurstOfRecordsIsTakenOnePerSecond) {
-    pms_sim pms;
-    ASSERT_TRUE(pms.start());
-    daemon_run run(pms.port());
-    ASSERT_TRUE(run.start());
-    ASSERT_TRUE(pms.wait_link_active(15s)) << run.log();
-    ASSERT_TRUE(run.wait_log("Received Link active packet from PMS"));
+TEST_F(ActiveLink, ABurstOfRecordsIsTakenOnePerSecond) {
 
     const std::string line = "Received Description record packet from PMS";
     auto sent = std::chrono::steady_clock::now();
     for (int i = 0; i < 5; ++i) ASSERT_TRUE(pms.send_record("DR|DA091015|TI143000|"));
-    ASSERT_TRUE(wait_until([&] { return run.count_log(line) == 5; }, 20s)) << run.log();
+    ASSERT_TRUE(wait_until([&] { return run->count_log(line) == 5; }, 20s)) << run->log();
     EXPECT_GE(std::chrono::steady_clock::now() - sent, 3500ms);
 }
 

@@ -97,6 +97,13 @@ private:
     std::string output_;  // guarded by mutex_
 };
 
+// The pid of the process holding a write lock on `path`; 0 for none, -1
+// when the file cannot be opened.
+pid_t lock_holder(const std::string& path);
+
+// The first of `names` found on $PATH or in the usual program folders; "" if none.
+std::string find_program(const std::vector<std::string>& names);
+
 // Rows of `sql` on the SQLite file `path`, every value as text (NULL = "NULL").
 std::vector<std::vector<std::string>> sqlite_rows(const std::string& path, const std::string& sql);
 // Runs statements on the SQLite file `path`; false (with a test failure) on error.

@@ -52,21 +52,6 @@ struct mysql_closer {
 };
 using mysql_ptr = std::unique_ptr<MYSQL, mysql_closer>;
 
-// The first of `names` found in $PATH or the usual program folders; "" if none.
-std::string find_program(const std::vector<std::string>& names) {
-    std::string dirs = getenv("PATH") ? getenv("PATH") : "";
-    dirs += ":/usr/sbin:/usr/local/sbin:/usr/bin:/usr/local/bin:/sbin";
-    for (const std::string& name : names) {
-        std::stringstream ss(dirs);
-        std::string dir;
-        while (std::getline(ss, dir, ':')) {
-            if (dir.empty()) continue;
-            std::string path = dir + "/" + name;
-            if (access(path.c_str(), X_OK) == 0) return path;
-        }
-    }
-    return "";
-}
 
 std::string user_name() {
     if (const passwd* pw = getpwuid(geteuid())) return pw->pw_name;

@@ -15,19 +15,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The first executable `name` on PATH or in the usual system program folders.
-std::string find_program(const std::string& name) {
-    std::string dirs = getenv("PATH") ? getenv("PATH") : "";
-    dirs += ":/usr/sbin:/sbin:/usr/local/sbin:/usr/bin:/bin";
-    std::stringstream ss(dirs);
-    std::string dir;
-    while (std::getline(ss, dir, ':')) {
-        if (dir.empty()) continue;
-        std::string path = dir + "/" + name;
-        if (access(path.c_str(), X_OK) == 0) return path;
-    }
-    return name;
-}
 
 std::string slapd_conf(const temp_dir& dir) {
     std::ostringstream conf;
@@ -108,7 +95,7 @@ bool slapd_server::launch() {
     // -d none: stay in the foreground and print only the messages that are
     // always logged (start, configuration errors).
     std::vector<std::string> argv = {
-        find_program("slapd"), "-f", dir_.file("slapd.conf"), "-h", uri(), "-d", "none"};
+        find_program({"slapd"}), "-f", dir_.file("slapd.conf"), "-h", uri(), "-d", "none"};
     if (!slapd_->start(argv)) {
         error_ = "cannot start " + argv[0];
         return false;
@@ -127,7 +114,7 @@ bool slapd_server::launch() {
 
 bool slapd_server::answers() {
     std::string out;
-    return run_tool({find_program("ldapsearch"), "-x", "-H", uri(), "-b", "", "-s", "base", "-LLL",
+    return run_tool({find_program({"ldapsearch"}), "-x", "-H", uri(), "-b", "", "-s", "base", "-LLL",
                      "namingContexts"},
                     nullptr, &out, 5s) == 0;
 }
@@ -135,7 +122,7 @@ bool slapd_server::answers() {
 bool slapd_server::add(const std::string& ldif) {
     std::string out;
     int status =
-        run_tool({find_program("ldapadd"), "-x", "-H", uri(), "-D", admin_dn, "-w", admin_password},
+        run_tool({find_program({"ldapadd"}), "-x", "-H", uri(), "-D", admin_dn, "-w", admin_password},
                  &ldif, &out);
     if (status == 0) return true;
     error_ = "ldapadd failed (" + std::to_string(status) + "):\n" + out + "\nslapd:\n" +

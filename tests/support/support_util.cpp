@@ -223,6 +223,31 @@ void child_process::stop() {
     }
 }
 
+pid_t lock_holder(const std::string& path) {
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return -1;
+    struct flock lk {};
+    lk.l_type = F_WRLCK;
+    pid_t holder = fcntl(fd, F_GETLK, &lk) == 0 && lk.l_type == F_WRLCK ? lk.l_pid : 0;
+    close(fd);
+    return holder;
+}
+
+std::string find_program(const std::vector<std::string>& names) {
+    std::string dirs = getenv("PATH") ? getenv("PATH") : "";
+    dirs += ":/usr/sbin:/usr/local/sbin:/usr/bin:/usr/local/bin:/sbin:/bin";
+    for (const std::string& name : names) {
+        std::stringstream ss(dirs);
+        std::string dir;
+        while (std::getline(ss, dir, ':')) {
+            if (dir.empty()) continue;
+            std::string path = dir + "/" + name;
+            if (access(path.c_str(), X_OK) == 0) return path;
+        }
+    }
+    return "";
+}
+
 std::vector<std::vector<std::string>> sqlite_rows(const std::string& path, const std::string& sql) {
     std::vector<std::vector<std::string>> rows;
     sqlite3* db = nullptr;
