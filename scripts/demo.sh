@@ -162,6 +162,16 @@ stop_daemon() {
 
 pms_send() { echo "$1" >&7; }
 
+# step TITLE RECORD SQL EXPECTED WHAT SHOW_SQL: the PMS sends RECORD; the PBX
+# database must answer SQL with EXPECTED (else WHAT did not reach the PBX).
+step() {
+  say "$1"
+  pms_send "$2"
+  wait_sql "$3" "$4" 10 || fail "$5 did not reach the PBX"
+  pms_new
+  show "PBX $6: $(pbx "select * from $6${7:+ where $7}")"
+}
+
 link_startup() {
   wait_for "$work/pms.log" '<- LS\|' 10 || fail "the daemon did not open the link (no LS)"
   wait_for "$work/pms.log" '-> LA\|' 10 || fail "the link start-up did not complete"
@@ -214,29 +224,15 @@ link_startup
 pms_new 2
 show "    ... link active."
 
-say "Check-in: Mr Smith, room 101, English"
-pms_send "GI|RN101|GNSmith|GLEN|GSN|"
-wait_sql "select guest from extensions where exten='101'" "Smith" 10 || fail "check-in did not reach the PBX"
-pms_new
-show "PBX extensions: $(pbx "select * from extensions where exten='101'")"
-
-say "Phone bar on (class of service 0)"
-pms_send "RE|RN101|CS0|"
-wait_sql "select barred from extensions where exten='101'" "1" 10 || fail "phone bar did not reach the PBX"
-pms_new
-show "PBX extensions: $(pbx "select * from extensions where exten='101'")"
-
-say "Do not disturb on"
-pms_send "RE|RN101|DNY|"
-wait_sql "select dnd from extensions where exten='101'" "1" 10 || fail "do-not-disturb did not reach the PBX"
-pms_new
-show "PBX extensions: $(pbx "select * from extensions where exten='101'")"
-
-say "Wake-up booked for 06:30"
-pms_send "WR|RN101|DA261124|TI063000|"
-wait_sql "select count(*) from wakeups where exten='101'" "1" 10 || fail "the wake-up booking did not reach the PBX"
-pms_new
-show "PBX wakeups: $(pbx "select * from wakeups")"
+room="exten='101'"
+step "Check-in: Mr Smith, room 101, English" "GI|RN101|GNSmith|GLEN|GSN|" \
+  "select guest from extensions where $room" "Smith" "check-in" extensions "$room"
+step "Phone bar on (class of service 0)" "RE|RN101|CS0|" \
+  "select barred from extensions where $room" "1" "phone bar" extensions "$room"
+step "Do not disturb on" "RE|RN101|DNY|" \
+  "select dnd from extensions where $room" "1" "do-not-disturb" extensions "$room"
+step "Wake-up booked for 06:30" "WR|RN101|DA261124|TI063000|" \
+  "select count(*) from wakeups where $room" "1" "the wake-up booking" wakeups
 show "(a received date's month goes into statements one ahead: see README, 'Behaviours that surprise')"
 
 say "A call from room 101, and the wake-up call's result, appear in the PBX database"
@@ -256,11 +252,8 @@ show "(the cost 498 goes out as TA3: number fields carry the count of their digi
 show "PBX cdr: $(pbx "select src, dst, billsec, posted, billed from cdr")  (posted, billed with the posting number)"
 show "PBX wakeup_results: $(pbx "select * from wakeup_results")  (reported)"
 
-say "Check-out"
-pms_send "GO|RN101|"
-wait_sql "select guest || barred || dnd from extensions where exten='101'" "00" 10 || fail "check-out did not reach the PBX"
-pms_new
-show "PBX extensions: $(pbx "select * from extensions where exten='101'")"
+step "Check-out" "GO|RN101|" "select guest || barred || dnd from extensions where $room" "00" \
+  "check-out" extensions "$room"
 
 stop_daemon
 echo

@@ -323,21 +323,10 @@ bool wakeup_pass(const config& cfg, const std::vector<std::string>& rooms) {
         });
 }
 
+// The room status codes the PMS knows; any other becomes "0".
 const char* room_status_code(int status) {
-    switch (status) {
-        case 1:
-            return "1";
-        case 2:
-            return "2";
-        case 4:
-            return "4";
-        case 5:
-            return "5";
-        case 6:
-            return "6";
-        default:
-            return "0";
-    }
+    static const char* const codes[] = {"0", "1", "2", "0", "4", "5", "6"};
+    return status >= 0 && status <= 6 ? codes[status] : "0";
 }
 
 bool room_status_pass(const config& cfg, const std::vector<std::string>& rooms) {
