@@ -213,6 +213,6 @@ int main(int argc, char** argv) {
             std::thread(process_fias_packet, std::string(buffer)).detach();
         }
         signal_handle_all();
-        usleep(1000000);
+        std::this_thread::sleep_for(record_pause());
     }
 }

@@ -1,3 +1,30 @@
 #include "process.h"
 
+#include <cstdlib>
+
 std::atomic<int> doexit{0};
+
+namespace {
+
+std::chrono::milliseconds from_environment(const char* name, std::chrono::milliseconds normal) {
+    const char* text = std::getenv(name);
+    if (!text || !*text) return normal;
+    char* end = nullptr;
+    long ms = std::strtol(text, &end, 10);
+    if (*end != '\0' || ms < 0 || ms > 3600000) return normal;
+    return std::chrono::milliseconds(ms);
+}
+
+}  // namespace
+
+std::chrono::milliseconds billing_period() {
+    static const auto period =
+        from_environment("ORLANBECK_TEST_BILLING_PERIOD_MS", std::chrono::seconds(10));
+    return period;
+}
+
+std::chrono::milliseconds record_pause() {
+    static const auto pause =
+        from_environment("ORLANBECK_TEST_RECORD_PAUSE_MS", std::chrono::seconds(1));
+    return pause;
+}

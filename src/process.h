@@ -1,7 +1,15 @@
-// Process-wide flags of the daemon's life.
+// Process-wide flags and pacing of the daemon's life.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 
 // Set to 1 to tell the billing thread to finish; never reset.
 extern std::atomic<int> doexit;
+
+// The pause between two billing cycles (10 s) and after each record the main
+// loop reads (1 s). Tests shorten them through the environment variables
+// ORLANBECK_TEST_BILLING_PERIOD_MS and ORLANBECK_TEST_RECORD_PAUSE_MS, read
+// once; the daemon's own values are never changed by anything else.
+std::chrono::milliseconds billing_period();
+std::chrono::milliseconds record_pause();

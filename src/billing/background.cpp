@@ -7,6 +7,7 @@
 #include <ctime>
 #include <mutex>
 #include <optional>
+#include <thread>
 
 #include "billing/templates.h"
 #include "db/registry.h"
@@ -388,6 +389,6 @@ void service_background() {
         if (!billing_cycle(*cfg, rooms)) return;
         cfg.reset();
         if (doexit) return;
-        usleep(10000000);
+        std::this_thread::sleep_for(billing_period());
     }
 }
