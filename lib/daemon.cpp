@@ -14,6 +14,8 @@
 #include <cstring>
 #include <mutex>
 
+#include "thread_annotations.h"
+
 namespace {
 
 constexpr int kSignals = 65;
@@ -37,14 +39,15 @@ bool is_fault_signal(int signo) {
            signo == SIGSEGV || signo == SIGSYS;
 }
 
-std::mutex daemon_mutex;
-std::string pidfile_path;  // guarded by daemon_mutex
-int pidfile_fd = -1;       // guarded by daemon_mutex; open for the life of the process
+annotated_mutex daemon_mutex;
+// A fixed buffer, so that a fault-signal handler can read it without a lock.
+char pidfile_path[PATH_MAX] GUARDED_BY(daemon_mutex) = "";
+int pidfile_fd GUARDED_BY(daemon_mutex) = -1;  // open for the life of the process
 
-void remove_pidfile_locked() {
-    if (pidfile_path.empty()) return;
-    unlink(pidfile_path.c_str());
-    pidfile_path.clear();
+void remove_pidfile_locked() REQUIRES(daemon_mutex) {
+    if (!pidfile_path[0]) return;
+    unlink(pidfile_path);
+    pidfile_path[0] = '\0';
     if (pidfile_fd >= 0) {
         close(pidfile_fd);
         pidfile_fd = -1;
@@ -70,10 +73,10 @@ int write_pidfile(const char* name) {
         return -1;
     }
 
-    std::lock_guard<std::mutex> guard(daemon_mutex);
+    mutex_lock guard(daemon_mutex);
     int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0) return -1;
-    struct flock lk{};
+    struct flock lk {};
     lk.l_type = F_WRLCK;
     lk.l_whence = SEEK_SET;
     if (fcntl(fd, F_SETLK, &lk) < 0) {
@@ -82,7 +85,7 @@ int write_pidfile(const char* name) {
     }
     if (pidfile_fd >= 0) close(pidfile_fd);
     pidfile_fd = fd;
-    pidfile_path = path;
+    snprintf(pidfile_path, sizeof pidfile_path, "%s", path.c_str());
 
     char text[32];
     int len = snprintf(text, sizeof text, "%d\n", static_cast<int>(getpid()));
@@ -171,12 +174,16 @@ int daemon_init(const char* name) {
 }
 
 int daemon_close() {
-    std::lock_guard<std::mutex> guard(daemon_mutex);
+    mutex_lock guard(daemon_mutex);
     remove_pidfile_locked();
     return 0;
 }
 
+void daemon_close_async_safe() NO_THREAD_SAFETY_ANALYSIS {
+    if (pidfile_path[0]) unlink(pidfile_path);
+}
+
 std::string daemon_pidfile() {
-    std::lock_guard<std::mutex> guard(daemon_mutex);
+    mutex_lock guard(daemon_mutex);
     return pidfile_path;
 }

@@ -32,5 +32,9 @@ int daemon_init(const char* name);
 // Removes the pid file, if one was written. Returns 0.
 int daemon_close();
 
+// Removes the pid file with async-signal-safe calls only (no lock, no
+// allocation): the path of a fault-signal handler.
+void daemon_close_async_safe();
+
 // The pid file path that daemon_init() wrote, or an empty text.
 std::string daemon_pidfile();

@@ -3,9 +3,13 @@
 //
 // Contract:
 //  - write_log() may be called from any thread at any time, also before
-//    logger_init(). It never fails towards the caller.
+//    logger_init() and while the process exits (its state is never torn
+//    down). It never fails towards the caller.
 //  - logger_init() and set_log_level() are meant for the main thread; they may
 //    run while other threads log (the settings are swapped safely).
+//  - write_log_async_safe() is the one entry that a signal handler may call:
+//    it formats by hand and writes with write(2) to the log file (or standard
+//    error), without the system-log copy.
 //  - Line format: "MM/DD/YY HH:MM:SS:  LEVEL[pid]: file:line in function: text"
 //    ("MM/DD/YY HH:MM:SS:  VERBOSE[pid]: text" for level 5).
 //  - A message of level L is written when L + log_level - 5 >= 0.
@@ -26,7 +30,11 @@ int logger_init(const char* path, int level, int to_syslog, int disable);
 
 void set_log_level(int level);
 
-void write_log(int level, const char* file, int line, const char* function, const char* format,
-               ...) __attribute__((format(printf, 5, 6)));
+void write_log(int level, const char* file, int line, const char* function, const char* format, ...)
+    __attribute__((format(printf, 5, 6)));
+
+// `message` as one line of `level`, from a signal handler (see above).
+void write_log_async_safe(int level, const char* file, int line, const char* function,
+                          const char* message);
 
 #define LOG(level, ...) write_log(level, __FILE_NAME__, __LINE__, __func__, __VA_ARGS__)

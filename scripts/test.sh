@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Builds and runs the whole test suite three times: a normal build, one with
-# AddressSanitizer + UndefinedBehaviorSanitizer and one with ThreadSanitizer.
-# Fails when any build or test fails.
+# Compiles the whole tree with clang's thread-safety analysis (warnings are
+# errors), then builds and runs the whole test suite three times: a normal
+# build, one with AddressSanitizer + UndefinedBehaviorSanitizer and one with
+# ThreadSanitizer. Fails when any build or test fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -20,6 +21,11 @@ run_variant() {
   echo "=== $name tests ==="
   (cd "$dir" && ctest -j"$jobs" --output-on-failure --timeout 600)
 }
+
+echo "=== thread-safety compile (clang -Wthread-safety -Werror) ==="
+cmake -S . -B build-test-tsa -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+      -DCMAKE_CXX_FLAGS="-Wthread-safety -Werror" -DORLANBECK_BENCH=OFF >/dev/null
+cmake --build build-test-tsa -j"$jobs"
 
 run_variant normal ""
 run_variant asan asan

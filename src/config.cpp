@@ -6,34 +6,27 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 
-#include "billing/templates.h"
-#include "db/registry.h"
 #include "logger.h"
 
-std::string config_file = "/etc/orlanbeck.conf";
-
 namespace {
-
-std::mutex published_mutex;
-config_ptr published = std::make_shared<const config>();  // guarded by published_mutex
-
-// The base of the next load: the current settings, or, after free_confvals(),
-// the current settings without their texts. Main thread only.
-std::shared_ptr<config> pending_base;
 
 struct dictionary_deleter {
     void operator()(dictionary* d) const { iniparser_freedict(d); }
 };
 using dictionary_ptr = std::unique_ptr<dictionary, dictionary_deleter>;
 
+opt_text get_text(const dictionary* d, const std::string& key) {
+    if (const char* v = iniparser_getstring(d, key.c_str(), nullptr)) return std::string(v);
+    return std::nullopt;
+}
+
 void read_text(const dictionary* d, const char* key, opt_text& out) {
-    if (const char* v = iniparser_getstring(d, key, nullptr)) out = v;
+    if (opt_text v = get_text(d, key)) out = std::move(v);
 }
 
 void read_text(const dictionary* d, const char* key, std::string& out) {
-    if (const char* v = iniparser_getstring(d, key, nullptr)) out = v;
+    if (opt_text v = get_text(d, key)) out = std::move(*v);
 }
 
 // iniparser's own complaints (syntax errors) go to the log; a file that cannot
@@ -60,6 +53,56 @@ int read_port(const dictionary* d, const char* key, int def) {
     return v;
 }
 
+// Every section with a dbdriver key, in file order.
+std::vector<db_settings> read_databases(const dictionary* d) {
+    std::vector<db_settings> out;
+    int n = iniparser_getnsec(d);
+    for (int i = 0; i < n; ++i) {
+        const char* section = iniparser_getsecname(d, i);
+        if (!section) continue;
+        const std::string prefix = std::string(section) + ":";
+        opt_text driver = get_text(d, prefix + "dbdriver");
+        if (!driver) continue;
+        db_settings s;
+        s.section = section;
+        s.driver = *driver;
+        s.date_format = get_text(d, prefix + "date_format");
+        s.time_format = get_text(d, prefix + "time_format");
+        s.host = get_text(d, prefix + "host");
+        s.user = get_text(d, prefix + "user");
+        s.password = get_text(d, prefix + "password");
+        s.database = get_text(d, prefix + "database");
+        if (iniparser_find_entry(d, (prefix + "port").c_str()))
+            s.port = iniparser_getint(d, (prefix + "port").c_str(), 0);
+        out.push_back(std::move(s));
+    }
+    return out;
+}
+
+constexpr int max_rooms = 10000;  // rooms:room1 .. rooms:room9999
+
+rooms_settings read_rooms(const dictionary* d) {
+    rooms_settings r;
+    r.type = get_text(d, "rooms:type");
+    for (int n = 1; n < max_rooms; ++n) {
+        char key[32];
+        snprintf(key, sizeof key, "rooms:room%d", n);
+        opt_text room = get_text(d, key);
+        if (!room) break;
+        r.rooms.push_back(std::move(*room));
+    }
+    r.ldap_host = get_text(d, "rooms:ldap_host");
+    r.ldap_user = get_text(d, "rooms:ldap_user");
+    r.ldap_pass = get_text(d, "rooms:ldap_pass");
+    r.ldap_base = get_text(d, "rooms:ldap_base");
+    r.ldap_scope = get_text(d, "rooms:ldap_scope");
+    r.ldap_filter = get_text(d, "rooms:ldap_filter");
+    r.ldap_attribute = get_text(d, "rooms:ldap_attribute");
+    r.ldap_port = iniparser_getint(d, "rooms:ldap_port", 389);
+    r.ldap_version = iniparser_getint(d, "rooms:ldap_version", 2);
+    return r;
+}
+
 // A fresh driver list: the records of this load, newest first, then the
 // records of earlier loads that no new record shadows.
 std::vector<dbdriver_ptr> merge_drivers(std::vector<dbdriver_ptr> fresh,
@@ -71,101 +114,75 @@ std::vector<dbdriver_ptr> merge_drivers(std::vector<dbdriver_ptr> fresh,
 
 }  // namespace
 
-config_ptr current_config() {
-    std::lock_guard<std::mutex> guard(published_mutex);
-    return published;
-}
-
-void publish_config(std::shared_ptr<config> cfg) {
-    std::lock_guard<std::mutex> guard(published_mutex);
-    published = std::move(cfg);
-}
-
-void free_confvals() {
-    auto base = std::make_shared<config>(pending_base ? *pending_base : *current_config());
-    base->room_state.reset();
-    base->wakeup_result.reset();
-    base->billcalls.reset();
-    base->wrmark.reset();
-    base->remark.reset();
-    base->billmark.reset();
-    base->checkout.reset();
-    base->checkin.reset();
-    base->wakeup_clear.reset();
-    base->wakeup_set.reset();
-    base->bareon.reset();
-    base->bareoff.reset();
-    base->dndon.reset();
-    base->dndoff.reset();
-    base->pmsinterface.reset();
-    base->billok.reset();
-    base->mgr_host.reset();
-    base->mgr_user.reset();
-    base->mgr_passwd.reset();
-    base->mgr_events = "call";
-    pending_base = std::move(base);
-}
-
-int load_conf(const char* path) {
-    auto cfg = std::make_shared<config>(pending_base ? *pending_base : *current_config());
-    pending_base.reset();
-
-    const config defaults;
-    cfg->pmshost = defaults.pmshost;
-    cfg->pmsport = defaults.pmsport;
-    cfg->statesfile = defaults.statesfile;
-    cfg->logtype = defaults.logtype;
-    cfg->logfile = defaults.logfile;
-    cfg->loglevel = defaults.loglevel;
-
-    config_file = path;
-
+bool parse_config_file(const std::string& path, config& cfg) {
     iniparser_set_error_callback(iniparser_complaint);
-    dictionary_ptr dict(iniparser_load(path));
-    if (!dict) {
-        publish_config(std::move(cfg));
-        return -1;
-    }
+    dictionary_ptr dict(iniparser_load(path.c_str()));
+    if (!dict) return false;
     const dictionary* d = dict.get();
 
-    read_text(d, "pms:host", cfg->pmshost);
-    cfg->pmsport = static_cast<uint16_t>(read_port(d, "pms:port", 5010));
-    read_text(d, "pms:statesfile", cfg->statesfile);
-    read_text(d, "pms:interface", cfg->pmsinterface);
-    if (const char* t = iniparser_getstring(d, "logger:log_type", nullptr))
-        cfg->logtype = strcasestr(t, "syslog") ? 0 : 1;
-    cfg->loglevel = static_cast<uint16_t>(iniparser_getint(d, "logger:log_level", 5));
-    cfg->disable_log = iniparser_getboolean(d, "logger:disable_log", 0);
-    read_text(d, "logger:log_file", cfg->logfile);
+    read_text(d, "pms:host", cfg.pmshost);
+    cfg.pmsport = static_cast<uint16_t>(read_port(d, "pms:port", 5010));
+    read_text(d, "pms:statesfile", cfg.statesfile);
+    read_text(d, "pms:interface", cfg.pmsinterface);
+    if (opt_text t = get_text(d, "logger:log_type"))
+        cfg.logtype = strcasestr(t->c_str(), "syslog") ? 0 : 1;
+    cfg.loglevel = static_cast<uint16_t>(iniparser_getint(d, "logger:log_level", 5));
+    cfg.disable_log = iniparser_getboolean(d, "logger:disable_log", 0);
+    read_text(d, "logger:log_file", cfg.logfile);
 
-    std::vector<dbdriver_ptr> fresh;
-    load_dbdrivers(d, fresh);
-    cfg->dbdrivers = merge_drivers(std::move(fresh), cfg->dbdrivers);
+    cfg.databases = read_databases(d);
 
-    cfg->use_manager = iniparser_getboolean(d, "services:cdr_use_manager", 0);
-    cfg->mgr_port = read_port(d, "services:cdr_mgr_port", 5038);
-    read_text(d, "services:cdr_mgr_host", cfg->mgr_host);
-    read_text(d, "services:cdr_mgr_user", cfg->mgr_user);
-    read_text(d, "services:cdr_mgr_password", cfg->mgr_passwd);
-    read_text(d, "services:cdr_mgr_events", cfg->mgr_events);
-    cfg->noremovecalls = iniparser_getint(d, "services:noremovecalls", 0);
-    read_text(d, "services:bareon", cfg->bareon);
-    read_text(d, "services:bareoff", cfg->bareoff);
-    read_text(d, "services:dndon", cfg->dndon);
-    read_text(d, "services:dndoff", cfg->dndoff);
-    read_text(d, "services:wakeup_set", cfg->wakeup_set);
-    read_text(d, "services:wakeup_clear", cfg->wakeup_clear);
-    read_text(d, "services:checkin", cfg->checkin);
-    read_text(d, "services:checkout", cfg->checkout);
-    read_text(d, "services:billmark", cfg->billmark);
-    read_text(d, "services:billok", cfg->billok);
-    read_text(d, "services:room_status", cfg->room_state);
-    read_text(d, "services:wakeup_result", cfg->wakeup_result);
-    read_text(d, "services:billcalls", cfg->billcalls);
-    read_text(d, "services:wrmark", cfg->wrmark);
-    read_text(d, "services:remark", cfg->remark);
+    cfg.use_manager = iniparser_getboolean(d, "services:cdr_use_manager", 0);
+    cfg.mgr_port = read_port(d, "services:cdr_mgr_port", 5038);
+    read_text(d, "services:cdr_mgr_host", cfg.mgr_host);
+    read_text(d, "services:cdr_mgr_user", cfg.mgr_user);
+    read_text(d, "services:cdr_mgr_password", cfg.mgr_passwd);
+    read_text(d, "services:cdr_mgr_events", cfg.mgr_events);
+    cfg.noremovecalls = iniparser_getint(d, "services:noremovecalls", 0);
+    read_text(d, "services:bareon", cfg.bareon);
+    read_text(d, "services:bareoff", cfg.bareoff);
+    read_text(d, "services:dndon", cfg.dndon);
+    read_text(d, "services:dndoff", cfg.dndoff);
+    read_text(d, "services:wakeup_set", cfg.wakeup_set);
+    read_text(d, "services:wakeup_clear", cfg.wakeup_clear);
+    read_text(d, "services:checkin", cfg.checkin);
+    read_text(d, "services:checkout", cfg.checkout);
+    read_text(d, "services:billmark", cfg.billmark);
+    read_text(d, "services:billok", cfg.billok);
+    read_text(d, "services:room_status", cfg.room_state);
+    read_text(d, "services:wakeup_result", cfg.wakeup_result);
+    read_text(d, "services:billcalls", cfg.billcalls);
+    read_text(d, "services:wrmark", cfg.wrmark);
+    read_text(d, "services:remark", cfg.remark);
 
-    warn_service_strings(*cfg);
-    publish_config(std::move(cfg));
+    cfg.rooms = read_rooms(d);
+    return true;
+}
+
+config_loader::config_loader(std::string path)
+    : path_(std::move(path)), published_(std::make_shared<const config>()) {}
+
+config_ptr config_loader::current() const {
+    mutex_lock guard(mutex_);
+    return published_;
+}
+
+void config_loader::publish(std::shared_ptr<const config> cfg) {
+    mutex_lock guard(mutex_);
+    published_ = std::move(cfg);
+}
+
+int config_loader::load() {
+    // Every load starts from the defaults: a key removed from the file is
+    // unset afterwards. Only the database records of earlier loads are kept.
+    auto cfg = std::make_shared<config>();
+    const std::vector<dbdriver_ptr> old = current()->dbdrivers;
+    if (!parse_config_file(path_, *cfg)) {
+        cfg->dbdrivers = old;
+        publish(std::move(cfg));
+        return -1;
+    }
+    cfg->dbdrivers = merge_drivers(load_dbdrivers(cfg->databases), old);
+    publish(std::move(cfg));
     return 0;
 }

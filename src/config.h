@@ -1,16 +1,20 @@
 // Configuration: the settings of the INI file, published as immutable snapshots.
 //
 // Contract:
-//  - load_conf() and free_confvals() run in the main thread only (at start and
-//    from the deferred SIGHUP handler).
-//  - Any thread reads the settings through current_config(), which hands out a
-//    shared, immutable snapshot. A thread takes one snapshot at the start of a
-//    unit of work and uses only that; a reload publishes a new snapshot and
-//    never changes or frees one that a thread still holds.
-//  - A text setting that is absent from the file is std::nullopt (or keeps the
-//    value of the previous load, for the keys that keep it, see load_conf).
+//  - This module is the only reader of the configuration file. A load turns
+//    the file into plain settings (PMS, logger, services, rooms and one
+//    db_settings per database section) and builds the database records of
+//    those sections (db/registry.h).
+//  - One config_loader, owned by the process, loads at start and on SIGHUP,
+//    in the main thread only. Any thread reads the settings through
+//    current(), which hands out a shared, immutable snapshot. A thread takes
+//    one snapshot at the start of a unit of work (a record, a billing cycle)
+//    and uses only that; a reload publishes a new snapshot and never changes
+//    or frees one that a thread still holds.
+//  - A text setting that is absent from the file is std::nullopt.
 //  - The database records of a load (`dbdrivers`, newest first) belong to the
-//    snapshot; find_dbdriver() (db/registry.h) searches the current one.
+//    snapshot; records of earlier loads that no new section shadows stay in
+//    the list behind them.
 #pragma once
 
 #include <cstdint>
@@ -19,9 +23,25 @@
 #include <string>
 #include <vector>
 
-#include "db/driver.h"
+#include "db/registry.h"
+#include "thread_annotations.h"
 
 using opt_text = std::optional<std::string>;
+
+// [rooms]: where the list of rooms comes from.
+struct rooms_settings {
+    opt_text type;                   // absent/empty: numbered keys; "ldap...": directory
+    std::vector<std::string> rooms;  // rooms:room1, room2, ... up to the first gap
+    opt_text ldap_host;
+    int ldap_port = 389;
+    int ldap_version = 2;
+    opt_text ldap_user;
+    opt_text ldap_pass;
+    opt_text ldap_base;
+    opt_text ldap_scope;
+    opt_text ldap_filter;
+    opt_text ldap_attribute;
+};
 
 struct config {
     // [pms]
@@ -34,7 +54,8 @@ struct config {
     uint16_t loglevel = 5;
     int disable_log = 0;
     std::string logfile = "/var/log/orlanbeck.log";
-    // database sections, newest first
+    // database sections as the file has them, and their records, newest first
+    std::vector<db_settings> databases;
     std::vector<dbdriver_ptr> dbdrivers;
     // [services]
     int use_manager = 0;
@@ -59,29 +80,37 @@ struct config {
     opt_text billcalls;
     opt_text wrmark;
     opt_text remark;
+    // [rooms]
+    rooms_settings rooms;
 };
 
 using config_ptr = std::shared_ptr<const config>;
 
-// Path of the configuration file; main thread only. Default "/etc/orlanbeck.conf".
-extern std::string config_file;
+class config_loader {
+  public:
+    // `path`: the configuration file (default "/etc/orlanbeck.conf").
+    explicit config_loader(std::string path);
+    config_loader(const config_loader&) = delete;
+    config_loader& operator=(const config_loader&) = delete;
 
-// The current snapshot (never null; all defaults before the first load).
-config_ptr current_config();
+    const std::string& path() const { return path_; }
 
-// Reads `path` and publishes the result. Returns 0, or -1 when the file cannot
-// be loaded (the defaults are then published, the other settings kept).
-// Settings that are reset on every load: pmshost, pmsport, statesfile,
-// logtype, logfile, loglevel. Other text keys replace the old value when
-// present and keep it when absent; numbers and flags always take the file's
-// value or their default. Database sections are read afresh and put in front
-// of the previous records (a previous record of the same name is dropped).
-int load_conf(const char* path);
+    // Reads the file and publishes the result. 0, or -1 when it cannot be
+    // read (the defaults are then published, the database records kept).
+    int load();
 
-// Releases the text settings before a reload: the next load_conf() starts with
-// them unset, so that a key removed from the file is unset after the reload.
-// Threads keep reading the published snapshot until load_conf() replaces it.
-void free_confvals();
+    // The current snapshot (never null; all defaults before the first load).
+    config_ptr current() const;
 
-// Test support: publish `cfg` as the current snapshot.
-void publish_config(std::shared_ptr<config> cfg);
+    // Publishes `cfg` as it is (tests).
+    void publish(std::shared_ptr<const config> cfg);
+
+  private:
+    const std::string path_;
+    mutable annotated_mutex mutex_;
+    config_ptr published_ GUARDED_BY(mutex_);
+};
+
+// Parses the INI text of `path` into settings (no database record is made:
+// `dbdrivers` stays empty). False when the file cannot be read.
+bool parse_config_file(const std::string& path, config& out);

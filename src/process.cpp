@@ -2,8 +2,6 @@
 
 #include <cstdlib>
 
-std::atomic<int> doexit{0};
-
 namespace {
 
 std::chrono::milliseconds from_environment(const char* name, std::chrono::milliseconds normal) {

@@ -1,11 +1,7 @@
-// Process-wide flags and pacing of the daemon's life.
+// Pacing of the daemon's life.
 #pragma once
 
-#include <atomic>
 #include <chrono>
-
-// Set to 1 to tell the billing thread to finish; never reset.
-extern std::atomic<int> doexit;
 
 // The pause between two billing cycles (10 s) and after each record the main
 // loop reads (1 s). Tests shorten them through the environment variables

@@ -1,59 +1,15 @@
-// The record catalogue, the packet model and the record text codec; the parser
-// cases live in tests/data/fias_records.txt.
+// The packet model and the record text codec; the parser cases live in
+// tests/data/fias_records.txt.
 #include <gtest/gtest.h>
 
 #include <fstream>
 #include <string>
-#include <vector>
 
 #include "fias/codec.h"
 #include "fias/packet.h"
 #include "support.h"
 
 namespace {
-
-// "TT code desc: NAME:type ..." of a catalogue row or of a packet.
-std::string describe(const auto& row) {
-    std::string s =
-        std::string(row.packet) + " " + std::to_string(row.packet_code) + " " + row.desc + ":";
-    for (int i = 0; i < row.num_fields; i++)
-        s += std::string(" ") + row.fields[i].name + ":" + std::to_string(row.fields[i].type);
-    return s;
-}
-
-TEST(FiasCatalogue, RowsInFixedOrderAndPacketsMadeFromThem) {
-    const std::vector<std::string> expected = {
-        "LS 1 Link start: DA:2 TI:3",
-        "LA 2 Link active: DA:2 TI:3",
-        "LD 3 Link description: DA:2 TI:3 V#:0 IF:0",
-        "LR 4 Link record: RI:0 FL:0",
-        "DR 5 Description record: DA:2 TI:3",
-        "GI 6 Guest checkin: RN:0 GN:0 GL:0 GS:4",
-        "GO 7 Guest checkout: RN:0 GN:0 GL:0 GS:4",
-        "RE 8 Room equipment: RN:0 RS:0 CS:1 DN:4",
-        "WC 9 Wakeup clear: RN:0 DA:2 TI:3",
-        "WR 10 Wakeup record: RN:0 DA:2 TI:3",
-        "WA 11 Wakeup answer: RN:0 DA:2 TI:3 AS:0",
-        "PA 13 Post answer: AS:0 RN:0 P#:0 DA:2 TI:3",
-        "PS 12 Post simple: P#:0 RN:0 PT:0 TA:1 DA:2 TI:3 DU:3 DD:0 PC:0 CT:0",
-    };
-    std::vector<std::string> rows, made;
-    for (const fias_catalogue_row* row = fias_packets; row->num_fields != 0; row++) {
-        rows.push_back(describe(*row));
-        fias_packet_ptr p = fias_create_packet(row->packet_code);
-        ASSERT_TRUE(p) << row->packet;
-        made.push_back(describe(*p));
-        for (int i = 0; i < FIAS_MAX_FIELDS; i++) {
-            EXPECT_FALSE(p->fields[i].value) << row->packet << i;
-            if (i >= p->num_fields) {
-                EXPECT_STREQ("", p->fields[i].name) << row->packet << i;
-            }
-        }
-    }
-    EXPECT_EQ(expected, rows);
-    EXPECT_EQ(expected, made);
-    for (int code : {0, 14, -1}) EXPECT_FALSE(fias_create_packet(code)) << code;
-}
 
 TEST(FiasPacket, SetIgnoresCaseAndFillsTheLastSlotGetIsExact) {
     fias_packet_ptr p = fias_create_packet(FIAS_GI);

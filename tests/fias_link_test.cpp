@@ -1,6 +1,5 @@
-// The FIAS link: the record reader and framed writes over a socket pair, and
-// connecting and the start-up exchange against the PMS simulator.
-#include <fcntl.h>
+// The PMS link object: the record reader and framed writes over a socket
+// pair, and connecting and the start-up exchange against the PMS simulator.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -8,7 +7,6 @@
 #include <atomic>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "fias/link.h"
@@ -27,43 +25,40 @@ int lowest_free_fd() {
     return fd;
 }
 
-// Our end of a socket pair is `fd`, the far end `peer`.
-class FiasLink : public ::testing::Test {
+// The link owns one end of a socket pair; the test plays the PMS on `peer`.
+class LinkOverSocketPair : public ::testing::Test {
   protected:
     void SetUp() override {
         int sv[2];
         ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv));
-        fd = sv[0];
+        link.attach(sv[0]);
         peer = sv[1];
     }
     void TearDown() override {
-        for (int f : {fd, peer}) close(f);
+        if (peer >= 0) close(peer);
     }
-    void ClosePeer() { close(std::exchange(peer, -1)); }
     // One read; `printed` receives what the reader wrote on standard output.
     int ReadRecord(int maxlen, std::string* printed = nullptr) {
         buf.assign(static_cast<size_t>(maxlen), '\x7f');
         testing::internal::CaptureStdout();
-        int n = fias_read_packet(fd, buf.data(), maxlen);
+        int n = link.read_packet(buf.data(), maxlen);
         std::string out = testing::internal::GetCapturedStdout();
         if (printed) *printed = out;
         return n;
     }
 
-    int fd = -1;
+    pms_link link;
     int peer = -1;
     std::vector<char> buf;
 };
 
-TEST_F(FiasLink, ReaderRejectsStrayBytesAndCutsOverlongRecords) {
+TEST_F(LinkOverSocketPair, ReaderRejectsStrayBytesAndCutsOverlongRecords) {
     ASSERT_TRUE(write_all(peer, "A\x02LA|DA091015|TI143000|\x03\x02LA|DA091015|\x03"));
     std::string printed;
     EXPECT_EQ(-2, ReadRecord(64, &printed));
     EXPECT_EQ("Read code 41\n", printed);
     EXPECT_EQ(21, ReadRecord(64));
-    EXPECT_EQ("LA|DA091015|TI143000|", std::string(buf.data(), 21));
-    EXPECT_EQ('\x03', buf[21]);
-    EXPECT_EQ('\0', buf[22]);
+    EXPECT_EQ("LA|DA091015|TI143000|\x03", std::string(buf.data()));
 
     EXPECT_EQ(7, ReadRecord(8));
     EXPECT_STREQ("LA|DA09", buf.data());
@@ -71,38 +66,36 @@ TEST_F(FiasLink, ReaderRejectsStrayBytesAndCutsOverlongRecords) {
     EXPECT_EQ("Read code 31\n", printed);  // the '1' that follows
 }
 
-std::atomic<int> idle_calls{0};
-void count_idle() {
-    idle_calls++;
-}
-
-TEST_F(FiasLink, EndOfStreamDoesNotReturnNorSpin) {
-    fias_set_idle_hook(count_idle);
+TEST_F(LinkOverSocketPair, EndOfStreamWaitsWithoutSpinningUntilAWriterEndsTheLink) {
+    std::atomic<int> idle_calls{0};
+    link.set_idle_hook([&] { idle_calls++; });
     shutdown(peer, SHUT_WR);
     std::atomic<int> result{100};
     std::thread reader([&] {
         char b[64];
-        result = fias_read_packet(fd, b, sizeof b);
+        result = link.read_packet(b, sizeof b);
     });
     std::this_thread::sleep_for(2500ms);
     EXPECT_EQ(100, result.load());    // still waiting
     EXPECT_GE(idle_calls.load(), 2);  // about one wait per second, not a busy loop
-    EXPECT_LE(idle_calls.load(), 3);
-    fias_set_idle_hook(nullptr);
-    // A failed start-up exchange (its peer is gone) ends the waiting reader,
-    // and the descriptor stays ours until fias_disconnect() releases it.
-    ClosePeer();
-    EXPECT_EQ(-1, fias_init_connection(fd, "PB"));
+    EXPECT_LE(idle_calls.load(), 4);
+    // A failed start-up exchange (its peer is gone) ends the waiting reader;
+    // the descriptor stays allocated until the link is dropped.
+    close(peer);
+    peer = -1;
+    EXPECT_EQ(-1, link.init_connection("PB"));
     reader.join();
     EXPECT_EQ(-1, result.load());
-    EXPECT_NE(-1, fcntl(fd, F_GETFD));
-    fias_disconnect(fd);
-    EXPECT_EQ(-1, fcntl(fd, F_GETFD));
-    fd = -1;
+    EXPECT_TRUE(link.is_open());
+    int before_drop = lowest_free_fd();
+    link.drop();
+    EXPECT_LT(lowest_free_fd(), before_drop);
+    EXPECT_EQ(pms_link::state::down, link.current_state());
+    EXPECT_EQ(-1, link.send_raw("LA|"));
 }
 
-TEST_F(FiasLink, FramesFromManyThreadsNeverMixAndAClosedPeerRaisesNoSignal) {
-    constexpr int kWriters = 4, kFrames = 300;
+TEST_F(LinkOverSocketPair, FramesFromManyThreadsNeverMixAndAClosedPeerRaisesNoSignal) {
+    constexpr int kWriters = 4, kFrames = 100;
     std::atomic<int> failures{0};
     std::vector<std::thread> writers;
     for (int t = 0; t < kWriters; t++) {
@@ -110,53 +103,53 @@ TEST_F(FiasLink, FramesFromManyThreadsNeverMixAndAClosedPeerRaisesNoSignal) {
             for (int i = 0; i < kFrames; i++) {
                 std::string text = "GI|RN" + std::to_string(t) + "-" + std::to_string(i) + "|GN" +
                                    std::string(static_cast<size_t>((i * 37) % 3000), 'a' + t) + "|";
-                if (fias_send_raw_packet(fd, text.c_str()) < 0) failures++;
+                if (link.send_raw(text.c_str()) < 0) failures++;
             }
         });
     }
     // Every frame holds one writer's letters only, each writer's in its order.
     int next[kWriters] = {}, frames = 0;
-    auto read_frames = [&] {
-        std::string stream;
-        char chunk[65536];
-        while (frames < kWriters * kFrames) {
-            ssize_t n = read(peer, chunk, sizeof chunk);
-            ASSERT_GT(n, 0);
-            stream.append(chunk, static_cast<size_t>(n));
-            for (size_t end; (end = stream.find('\x03')) != std::string::npos; frames++) {
-                std::string frame = stream.substr(0, end + 1);
-                stream.erase(0, end + 1);
-                int t = frame.size() > 6 ? frame[6] - '0' : -1;
-                ASSERT_TRUE(t >= 0 && t < kWriters) << frame;
-                std::string rn = "\x02GI|RN" + std::to_string(t) + "-" + std::to_string(next[t]++);
-                size_t gn = frame.find("|GN") + 3;
-                ASSERT_EQ(rn + "|GN", frame.substr(0, gn));
-                ASSERT_EQ(std::string(frame.size() - 2 - gn, 'a' + t) + "|\x03", frame.substr(gn));
-            }
+    std::string stream;
+    char chunk[65536];
+    while (frames < kWriters * kFrames) {
+        ssize_t n = read(peer, chunk, sizeof chunk);
+        ASSERT_GT(n, 0);
+        stream.append(chunk, static_cast<size_t>(n));
+        for (size_t end; (end = stream.find('\x03')) != std::string::npos; frames++) {
+            std::string frame = stream.substr(0, end + 1);
+            stream.erase(0, end + 1);
+            int t = frame.size() > 6 ? frame[6] - '0' : -1;
+            ASSERT_TRUE(t >= 0 && t < kWriters) << frame;
+            std::string rn = "\x02GI|RN" + std::to_string(t) + "-" + std::to_string(next[t]++);
+            size_t gn = frame.find("|GN") + 3;
+            ASSERT_EQ(rn + "|GN", frame.substr(0, gn));
+            ASSERT_EQ(std::string(frame.size() - 2 - gn, 'a' + t) + "|\x03", frame.substr(gn));
         }
-    };
-    read_frames();
-    shutdown(peer, SHUT_RDWR);  // a writer still going (after a failure) stops
+    }
     for (std::thread& w : writers) w.join();
     EXPECT_EQ(0, failures.load());
 
-    ClosePeer();  // the default action of SIGPIPE would end this program
-    EXPECT_EQ(-1, fias_send_raw_packet(fd, "LA|"));
+    close(peer);  // the default action of SIGPIPE would end this program
+    peer = -1;
+    EXPECT_EQ(-1, link.send_raw("LA|"));
 }
 
-TEST(FiasConnect, StartUpExchangeWithThePms) {
+TEST(PmsLinkConnect, StartUpExchangeWithThePms) {
+    pms_link link;
     int before = lowest_free_fd();
-    EXPECT_EQ(-1, fias_connect("127.0.0.1", pick_free_port(), ""));
+    EXPECT_EQ(-1, link.connect("127.0.0.1", pick_free_port()));
     EXPECT_EQ(before, lowest_free_fd()) << "a failed connect left its socket open";
+    EXPECT_EQ(pms_link::state::down, link.current_state());
 
     pms_sim pms;
     ASSERT_TRUE(pms.start());
-    int sock = fias_connect("127.0.0.1", pms.port(), "unused");
-    ASSERT_GE(sock, 0);
+    ASSERT_EQ(0, link.connect("127.0.0.1", pms.port()));
+    EXPECT_EQ(pms_link::state::connecting, link.current_state());
     ASSERT_TRUE(pms.wait_for_frame("LS", 5s));
-    EXPECT_EQ(0, fias_init_connection(sock, "PBX"));
-    EXPECT_EQ(1, fias_connected.load());
+    EXPECT_EQ(0, link.init_connection("PBX"));
     ASSERT_TRUE(pms.wait_link_active(5s));
+    link.set_active();
+    EXPECT_EQ(pms_link::state::active, link.current_state());
     std::vector<std::string> got = pms.frames();
     ASSERT_EQ(12u, got.size());
     EXPECT_TRUE(like("LS|DA######|TI######|", got[0])) << got[0];
@@ -170,17 +163,16 @@ TEST(FiasConnect, StartUpExchangeWithThePms) {
     EXPECT_EQ(lr, std::vector<std::string>(got.begin() + 2, got.begin() + 11));
     EXPECT_TRUE(like("LA|DA######|TI######|", got[11])) << got[11];
 
-    // Our side goes away; a new connection with an empty interface type.
-    fias_disconnect(sock);
+    // Dropped and connected again, with an empty interface type.
+    link.drop();
+    EXPECT_FALSE(link.active());
     ASSERT_TRUE(wait_until([&] { return !pms.connected(); }, 5s));
     pms.clear();
-    sock = fias_connect("127.0.0.1", pms.port(), "");
-    ASSERT_GE(sock, 0);
-    EXPECT_EQ(0, fias_init_connection(sock, ""));
+    ASSERT_EQ(0, link.connect("127.0.0.1", pms.port()));
+    EXPECT_EQ(0, link.init_connection(""));
     auto ld = pms.wait_for_frame("LD", 5s);
     ASSERT_TRUE(ld);
     EXPECT_EQ("|V#1.01|IF|", ld->substr(20));
-    fias_disconnect(sock);
 }
 
 }  // namespace

@@ -2,30 +2,18 @@
 
 #include <strings.h>
 
-#include <mutex>
-
 #include "billing/templates.h"
-#include "config.h"
-#include "db/sqlite.h"
-#include "guest/dispatch.h"
 #include "logger.h"
+#include "states/states.h"
 
-// Sent as it stands (it has no "where"), so SQLite refuses it and the cached
-// call stays; with services:noremovecalls the mark statement runs instead.
-const char* const pa_remove_statement =
-    "delete from cdrcache src='%exten%' and date(start)='%date%' and time(start)='%time%'";
-const char* const pa_mark_statement =
-    "update cdrcache set userfield='%seqno%' where src='%exten%' and date(start)='%date%' and "
-    "time(start)='%time%'";
-
-void do_pa(fias_packet_t* p) {
-    config_ptr cfg = current_config();
+void do_pa(const record_context& ctx) {
     LOG(L_NOTICE, "Posting answer");
-    fias_field_t* rn = room_field(p);
+    fias_field_t* rn = room_field(ctx);
     if (!rn) return;
+    fias_packet_t* p = &ctx.record;
     fias_field_t* da = fias_get_field(p, "DA");
     fias_field_t* ti = fias_get_field(p, "TI");
-    log_date_time(da, ti);
+    log_date_time(ctx, da, ti);
     fias_field_t* seq = fias_get_field(p, "P#");
     if (!seq) {
         LOG(L_NOTICE, "\tAnswer not contains p#\n");
@@ -40,15 +28,15 @@ void do_pa(fias_packet_t* p) {
         return;
     }
 
-    if (cfg->use_manager) {
-        const char* templ = cfg->noremovecalls ? pa_mark_statement : pa_remove_statement;
+    if (ctx.cfg->use_manager) {
+        const char* templ = ctx.cfg->noremovecalls ? pa_mark_statement : pa_remove_statement;
         std::string statement =
             prepare_query(&sqliteint, templ, rn, nullptr, nullptr, nullptr, da, ti, seq);
         LOG(L_DEBUG, "OK query is: %s\n", statement.c_str());
-        std::lock_guard<dbdriver_t> guard(sqliteint);
+        db_lock guard(sqliteint);
         sqliteint.query(statement.c_str());
         return;
     }
 
-    run_service_template(cfg->billok, rn, nullptr, nullptr, nullptr, da, ti, seq);
+    run_service_template(ctx, ctx.cfg->billok, rn, nullptr, nullptr, nullptr, da, ti, seq);
 }

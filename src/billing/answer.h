@@ -1,15 +1,11 @@
 // Posting answers: the PMS's "PA" record for a posted call.
 //
-// Contract: do_pa() runs in the record's worker thread; it reads the packet
-// and does not keep it. An accepted answer removes (or marks) the cached call
-// in the internal database when the manager is in use, and otherwise runs the
-// operator's services:billok statement. Nothing is sent back to the PMS.
+// Contract: do_pa() runs in the record's worker; it reads the record of its
+// context and does not keep it. An accepted answer removes (or marks) the
+// cached call in the states file when the manager is in use, and otherwise
+// runs the operator's services:billok statement. Nothing is sent back.
 #pragma once
 
-#include "fias/packet.h"
+#include "handlers/context.h"
 
-void do_pa(fias_packet_t* p);
-
-// The statements run on the internal database for an accepted answer.
-extern const char* const pa_remove_statement;
-extern const char* const pa_mark_statement;
+void do_pa(const record_context& ctx);

@@ -10,18 +10,17 @@
 #include <thread>
 
 #include "billing/templates.h"
-#include "db/registry.h"
-#include "db/sqlite.h"
 #include "fias/codec.h"
-#include "fias/link.h"
 #include "logger.h"
 #include "process.h"
+#include "states/states.h"
 
-std::atomic<unsigned> ps_secno{0};
-
-const char* const cache_mark_statement =
-    "update cdrcache set userfield='%param%' where src='%exten%' and date(start)='%date%' and "
-    "time(start)='%time%'";
+std::string posting_sequence::next() {
+    last = last + 1 > 9999 ? 0 : last + 1;
+    char text[16];
+    snprintf(text, sizeof text, "%04u", last);
+    return text;
+}
 
 namespace {
 
@@ -37,7 +36,7 @@ struct call_row {
 enum class row_read { ok, end, failed };
 
 // Reads the current row's five columns; logs and fails on an unreadable one.
-row_read read_call_row(dbdriver_t& drv, call_row& row) {
+row_read read_call_row(dbdriver_t& drv, call_row& row) REQUIRES(drv) {
     if (drv.fetch_char_field(0, row.date, sizeof row.date - 1) < 0) {
         LOG(L_ERROR, "No mandatory date field in cdr query");
         return row_read::failed;
@@ -65,7 +64,7 @@ fias_value_t text_value(const char* text) {
 }
 
 fias_value_t date_value(const char* text, const char* format) {
-    struct tm tmv{};
+    struct tm tmv {};
     strptime(text, format, &tmv);
     fias_value_t v;
     int year = tmv.tm_year;
@@ -77,7 +76,7 @@ fias_value_t date_value(const char* text, const char* format) {
 }
 
 fias_value_t time_value(const char* text, const char* format) {
-    struct tm tmv{};
+    struct tm tmv {};
     strptime(text, format, &tmv);
     fias_value_t v;
     v.time.hour = static_cast<uint8_t>(tmv.tm_hour);
@@ -90,25 +89,21 @@ void set_field(fias_packet_t* p, const char* name, const fias_value_t& v) {
     fias_set_packet_field(p, name, &v);
 }
 
-// The next posting number: 1 to 9999, then 0, 1, ...
-std::string next_sequence() {
-    unsigned next = ps_secno.load() + 1;
-    if (next > 9999) next = 0;
-    ps_secno = next;
-    char text[16];
-    snprintf(text, sizeof text, "%04u", next);
-    return text;
-}
+// What a pass needs besides its configuration and rooms.
+struct pass_env {
+    pms_link& link;
+    posting_sequence& sequence;
+};
 
 // Builds and sends the "PS" record of one call. Null when the record cannot
 // be made (the row is then skipped and not marked).
-fias_packet_ptr post_call(const dbdriver_t& drv, const std::string& room, const call_row& row,
-                          std::string* sequence) {
+fias_packet_ptr post_call(pass_env& env, const dbdriver_t& drv, const std::string& room,
+                          const call_row& row, std::string* sequence) {
     fias_packet_ptr rec = fias_create_packet(FIAS_PS);
     if (!rec) return nullptr;
     set_field(rec.get(), "RN", text_value(room.c_str()));
     set_field(rec.get(), "DD", text_value(row.dst));
-    *sequence = next_sequence();
+    *sequence = env.sequence.next();
     set_field(rec.get(), "P#", text_value(sequence->c_str()));
     fias_value_t du;
     du.ival = static_cast<uint32_t>(row.billsec);
@@ -126,8 +121,7 @@ fias_packet_ptr post_call(const dbdriver_t& drv, const std::string& room, const 
     } else {
         set_field(rec.get(), "PT", text_value("T"));
     }
-    if (fias_send_packet(fias_sock, rec.get()) < 0)
-        LOG(L_ERROR, "Unable to send fias Post Simple");
+    if (env.link.send_packet(rec.get()) < 0) LOG(L_ERROR, "Unable to send fias Post Simple");
     return rec;
 }
 
@@ -176,32 +170,28 @@ std::string mark_statement(const opt_text& service, const char* key) {
 }
 
 // Runs a room's query on its pass driver, under the lock the caller holds.
-void open_room_query(dbdriver_t& drv, const std::string& statement) {
+void open_room_query(dbdriver_t& drv, const std::string& statement) REQUIRES(drv) {
     if (drv.is_connected()) drv.reconnect();
     drv.query(statement.c_str());
 }
 
-void run_marks(dbdriver_t& drv, const std::vector<std::string>& marks) {
+void run_marks(dbdriver_t& drv, const std::vector<std::string>& marks) REQUIRES(drv) {
     for (const std::string& m : marks) drv.query(m.c_str());
 }
 
-void cache_pass(const std::vector<std::string>& rooms) {
+void cache_pass(pass_env& env, const std::vector<std::string>& rooms) {
     LOG(L_DEBUG, "Cache case: check internal cdrcache values");
     for (const std::string& room : rooms) {
-        char query[1024];
-        snprintf(query, sizeof query,
-                 "select date(start),time(start),dst,billsec,-1 from cdrcache where src='%s' and "
-                 "(userfield='NULL' or userfield=NULL or userfield='')",
-                 room.c_str());
-        std::lock_guard<dbdriver_t> guard(sqliteint);
-        sqliteint.query(query);
+        const std::string query = cache_unposted_query(room);
+        db_lock guard(sqliteint);
+        sqliteint.query(query.c_str());
         std::vector<std::string> marks;
         while (sqliteint.fetch_row() == 0) {
             LOG(L_DEBUG, "Have something in cache for room %s\n", room.c_str());
             call_row row;
             if (read_call_row(sqliteint, row) != row_read::ok) break;
             std::string sequence;
-            fias_packet_ptr rec = post_call(sqliteint, room, row, &sequence);
+            fias_packet_ptr rec = post_call(env, sqliteint, room, row, &sequence);
             if (!rec) continue;
             std::string text = fias_packet_to_str(rec.get());
             marks.push_back(prepare_query3(&sqliteint, cache_mark_statement, text.c_str(),
@@ -212,7 +202,7 @@ void cache_pass(const std::vector<std::string>& rooms) {
     }
 }
 
-bool query_pass(const config& cfg, const std::vector<std::string>& rooms) {
+bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>& rooms) {
     pass_source src = resolve(cfg, *cfg.billcalls, "billcalls");
     if (!src.ok) return false;
     if (!src.drv) return true;
@@ -221,14 +211,14 @@ bool query_pass(const config& cfg, const std::vector<std::string>& rooms) {
     for (const std::string& room : rooms) {
         std::string statement =
             prepare_query2(&drv, src.statement.c_str(), room.c_str(), nullptr, nullptr, nullptr);
-        std::lock_guard<dbdriver_t> guard(drv);
+        db_lock guard(drv);
         open_room_query(drv, statement);
         std::vector<std::string> marks;
         while (drv.fetch_row() == 0) {
             call_row row;
             if (read_call_row(drv, row) != row_read::ok) break;
             std::string sequence;
-            fias_packet_ptr rec = post_call(drv, room, row, &sequence);
+            fias_packet_ptr rec = post_call(env, drv, room, row, &sequence);
             if (!rec) continue;
             if (!billmark.empty()) {
                 marks.push_back(prepare_query2(&drv, billmark.c_str(), room.c_str(), row.date,
@@ -252,10 +242,11 @@ struct reported {
 
 // The wake-up and room-status passes: each room's statement, its first row
 // handed to `report`, and the mark of what was reported.
-template <typename Report>
-bool single_row_pass(const config& cfg, const std::string& service, const char* key,
+using report_fn = std::optional<reported> (*)(pass_env&, dbdriver_t&, const std::string&);
+
+bool single_row_pass(pass_env& env, const config& cfg, const std::string& service, const char* key,
                      const opt_text& mark_service, const char* mark_key,
-                     const std::vector<std::string>& rooms, Report report) {
+                     const std::vector<std::string>& rooms, report_fn report) {
     pass_source src = resolve(cfg, service, key);
     if (!src.ok) return false;
     if (!src.drv) return true;
@@ -264,10 +255,10 @@ bool single_row_pass(const config& cfg, const std::string& service, const char* 
     for (const std::string& room : rooms) {
         std::string statement =
             prepare_query2(&drv, src.statement.c_str(), room.c_str(), nullptr, nullptr, nullptr);
-        std::lock_guard<dbdriver_t> guard(drv);
+        db_lock guard(drv);
         open_room_query(drv, statement);
         if (drv.fetch_row() != 0) continue;
-        std::optional<reported> done = report(drv, room);
+        std::optional<reported> done = report(env, drv, room);
         if (!done) return true;
         if (!done->made || mark.empty()) continue;
         std::string m = prepare_query2(&drv, mark.c_str(), room.c_str(), done->date.c_str(),
@@ -294,34 +285,32 @@ const char* wakeup_answer(int result) {
     }
 }
 
-bool wakeup_pass(const config& cfg, const std::vector<std::string>& rooms) {
-    return single_row_pass(
-        cfg, *cfg.wakeup_result, "wakeup_result", cfg.wrmark, "wrmark", rooms,
-        [](dbdriver_t& drv, const std::string& room) -> std::optional<reported> {
-            int result = 0;
-            char date[32] = "";
-            char time[32] = "";
-            if (drv.fetch_int_field(0, &result) < 0) {
-                LOG(L_ERROR, "No mandatory billsec field in cdr query");
-                return std::nullopt;
-            }
-            if (drv.fetch_char_field(1, date, sizeof date - 1) < 0) {
-                LOG(L_ERROR, "No mandatory date field in cdr query");
-                return std::nullopt;
-            }
-            if (drv.fetch_char_field(2, time, sizeof time - 1) < 0) {
-                LOG(L_ERROR, "No mandatory time field in cdr query");
-                return std::nullopt;
-            }
-            fias_packet_ptr rec = fias_create_packet(FIAS_WA);
-            if (!rec) return reported{};
-            set_field(rec.get(), "RN", text_value(room.c_str()));
-            set_field(rec.get(), "DA", date_value(date, drv.dateformat));
-            set_field(rec.get(), "TI", time_value(time, drv.timeformat));
-            set_field(rec.get(), "AS", text_value(wakeup_answer(result)));
-            if (fias_send_packet(fias_sock, rec.get()) < 0) LOG(L_ERROR, "Unable to send fias WR");
-            return reported{true, date, time};
-        });
+// The wake-up result of a room's first row, as a "WA" record.
+std::optional<reported> wakeup_pass(pass_env& pass, dbdriver_t& drv, const std::string& room)
+    REQUIRES(drv) {
+    int result = 0;
+    char date[32] = "";
+    char time[32] = "";
+    if (drv.fetch_int_field(0, &result) < 0) {
+        LOG(L_ERROR, "No mandatory billsec field in cdr query");
+        return std::nullopt;
+    }
+    if (drv.fetch_char_field(1, date, sizeof date - 1) < 0) {
+        LOG(L_ERROR, "No mandatory date field in cdr query");
+        return std::nullopt;
+    }
+    if (drv.fetch_char_field(2, time, sizeof time - 1) < 0) {
+        LOG(L_ERROR, "No mandatory time field in cdr query");
+        return std::nullopt;
+    }
+    fias_packet_ptr rec = fias_create_packet(FIAS_WA);
+    if (!rec) return reported{};
+    set_field(rec.get(), "RN", text_value(room.c_str()));
+    set_field(rec.get(), "DA", date_value(date, drv.dateformat));
+    set_field(rec.get(), "TI", time_value(time, drv.timeformat));
+    set_field(rec.get(), "AS", text_value(wakeup_answer(result)));
+    if (pass.link.send_packet(rec.get()) < 0) LOG(L_ERROR, "Unable to send fias WR");
+    return reported{true, date, time};
 }
 
 // The room status codes the PMS knows; any other becomes "0".
@@ -330,65 +319,55 @@ const char* room_status_code(int status) {
     return status >= 0 && status <= 6 ? codes[status] : "0";
 }
 
-bool room_status_pass(const config& cfg, const std::vector<std::string>& rooms) {
-    return single_row_pass(
-        cfg, *cfg.room_state, "room_status", cfg.remark, "remark", rooms,
-        [](dbdriver_t& drv, const std::string& room) -> std::optional<reported> {
-            int status = 0;
-            if (drv.fetch_int_field(0, &status) < 0) {
-                LOG(L_ERROR, "No mandatory billsec field in cdr query");
-                return std::nullopt;
-            }
-            fias_packet_ptr rec = fias_create_packet(FIAS_RE);
-            if (!rec) return reported{};
-            set_field(rec.get(), "RN", text_value(room.c_str()));
-            set_field(rec.get(), "RS", text_value(room_status_code(status)));
-            if (fias_send_packet(fias_sock, rec.get()) < 0) LOG(L_ERROR, "Unable to send fias RE");
-            return reported{true, "", ""};
-        });
+// The status of a room's first row, as an "RE" record.
+std::optional<reported> room_status_pass(pass_env& pass, dbdriver_t& drv, const std::string& room)
+    REQUIRES(drv) {
+    int status = 0;
+    if (drv.fetch_int_field(0, &status) < 0) {
+        LOG(L_ERROR, "No mandatory billsec field in cdr query");
+        return std::nullopt;
+    }
+    fias_packet_ptr rec = fias_create_packet(FIAS_RE);
+    if (!rec) return reported{};
+    set_field(rec.get(), "RN", text_value(room.c_str()));
+    set_field(rec.get(), "RS", text_value(room_status_code(status)));
+    if (pass.link.send_packet(rec.get()) < 0) LOG(L_ERROR, "Unable to send fias RE");
+    return reported{true, "", ""};
 }
 
 }  // namespace
 
-std::vector<std::string> read_room_list() {
-    std::vector<std::string> rooms;
-    std::lock_guard<dbdriver_t> guard(sqliteint);
-    sqliteint.query("select room from rooms");
-    while (sqliteint.fetch_row() == 0) {
-        char room[32] = "";
-        sqliteint.fetch_char_field(0, room, sizeof room - 1);
-        rooms.emplace_back(room);
-    }
-    sqliteint.free_result();
-    return rooms;
-}
-
-bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms) {
-    if (!pms_connected) return true;
+bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms, pms_link& link,
+                   posting_sequence& sequence) {
+    pass_env env{link, sequence};
+    if (!link.active()) return true;
     bool posted = false;
     if (cfg.use_manager) {
-        cache_pass(rooms);
+        cache_pass(env, rooms);
         posted = true;
     } else if (cfg.billcalls) {
-        if (!query_pass(cfg, rooms)) return false;
+        if (!query_pass(env, cfg, rooms)) return false;
         posted = true;
     }
-    if (posted && !pms_connected) return true;
+    if (posted && !link.active()) return true;
     if (cfg.wakeup_result) {
-        if (!wakeup_pass(cfg, rooms)) return false;
-        if (!pms_connected) return true;
+        if (!single_row_pass(env, cfg, *cfg.wakeup_result, "wakeup_result", cfg.wrmark, "wrmark",
+                             rooms, wakeup_pass))
+            return false;
+        if (!link.active()) return true;
     }
-    if (cfg.room_state && !room_status_pass(cfg, rooms)) return false;
+    if (cfg.room_state && !single_row_pass(env, cfg, *cfg.room_state, "room_status", cfg.remark,
+                                           "remark", rooms, room_status_pass))
+        return false;
     return true;
 }
 
-void service_background() {
-    std::vector<std::string> rooms = read_room_list();
+void service_background(const config_loader& configs, pms_link& link, stop_flag& stop) {
+    std::vector<std::string> rooms;
+    states_room_list(rooms);
+    posting_sequence sequence;
     for (;;) {
-        config_ptr cfg = current_config();
-        if (!billing_cycle(*cfg, rooms)) return;
-        cfg.reset();
-        if (doexit) return;
-        std::this_thread::sleep_for(billing_period());
+        if (!billing_cycle(*configs.current(), rooms, link, sequence)) return;
+        if (stop.requested() || stop.wait_for(billing_period())) return;
     }
 }

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <ctime>
 
-#include "db/registry.h"
 #include "logger.h"
 
 namespace {
@@ -16,15 +15,16 @@ struct placeholder {
     size_t len;
 };
 
-#define PH(t) {t, sizeof(t) - 1}
+#define PH(t) \
+    { t, sizeof(t) - 1 }
 // The placeholders each routine knows, in the order they are tried.
 const placeholder fields_set[] = {PH("%exten%"), PH("%name%"),         PH("%lang%"),
                                   PH("%share%"), PH("%date%"),         PH("%current_date%"),
                                   PH("%time%"),  PH("%current_time%"), PH("%seqno%")};
-const placeholder strings_set[] = {PH("%exten%"), PH("%date%"), PH("%current_date%"),
-                                   PH("%time%"), PH("%current_time%"), PH("%seqno%")};
-const placeholder param_set[] = {PH("%param%"), PH("%exten%"),        PH("%date%"),
-                                 PH("%current_date%"), PH("%time%"), PH("%current_time%"),
+const placeholder strings_set[] = {PH("%exten%"), PH("%date%"),         PH("%current_date%"),
+                                   PH("%time%"),  PH("%current_time%"), PH("%seqno%")};
+const placeholder param_set[] = {PH("%param%"),        PH("%exten%"), PH("%date%"),
+                                 PH("%current_date%"), PH("%time%"),  PH("%current_time%"),
                                  PH("%seqno%")};
 #undef PH
 
@@ -114,18 +114,25 @@ void append_field_text(std::string& out, const fias_field_t* f) {
 
 // Shared by prepare_query2 and prepare_query3, whose sets differ only by %param%.
 std::string prepare_strings(const dbdriver_t* drv, const char* q, template_kind kind,
-                            const char* echo, const char* param, const char* rn,
-                            const char* da, const char* ti, const char* seq) {
+                            const char* echo, const char* param, const char* rn, const char* da,
+                            const char* ti, const char* seq) {
     const placeholder_set set = set_of(kind);
     return substitute(q, kind, echo, [&](std::string& out, int i) {
         std::string_view token = set.begin[i].token;
-        if (token == "%param%") append_text(out, param);
-        else if (token == "%exten%") append_text(out, rn);
-        else if (token == "%date%") append_text(out, da);
-        else if (token == "%current_date%") append_now(out, drv->dateformat);
-        else if (token == "%time%") append_text(out, ti);
-        else if (token == "%current_time%") append_now(out, drv->timeformat);
-        else append_text(out, seq);
+        if (token == "%param%")
+            append_text(out, param);
+        else if (token == "%exten%")
+            append_text(out, rn);
+        else if (token == "%date%")
+            append_text(out, da);
+        else if (token == "%current_date%")
+            append_now(out, drv->dateformat);
+        else if (token == "%time%")
+            append_text(out, ti);
+        else if (token == "%current_time%")
+            append_now(out, drv->timeformat);
+        else
+            append_text(out, seq);
     });
 }
 
@@ -149,7 +156,7 @@ std::string prepare_query(const dbdriver_t* drv, const char* q, const fias_field
             if (date && date->value) {
                 // The month goes in unchanged as the zero-based month: a
                 // numeric month format shows the following month.
-                struct tm tmv{};
+                struct tm tmv {};
                 tmv.tm_year = date->value->date.year + 100;
                 tmv.tm_mon = date->value->date.month;
                 tmv.tm_mday = date->value->date.day;
@@ -160,7 +167,7 @@ std::string prepare_query(const dbdriver_t* drv, const char* q, const fias_field
         } else if (token == "%time%") {
             // Filled only when a date is given too.
             if (date && date->value && tim && tim->value) {
-                struct tm tmv{};
+                struct tm tmv {};
                 tmv.tm_hour = tim->value->time.hour;
                 tmv.tm_min = tim->value->time.min;
                 tmv.tm_sec = tim->value->time.sec;
@@ -179,8 +186,8 @@ std::string prepare_query2(const dbdriver_t* drv, const char* q, const char* rn,
     return prepare_strings(drv, q, TEMPLATE_STRINGS, "1query: ", nullptr, rn, da, ti, seq);
 }
 
-std::string prepare_query3(const dbdriver_t* drv, const char* q, const char* param,
-                           const char* rn, const char* da, const char* ti, const char* seq) {
+std::string prepare_query3(const dbdriver_t* drv, const char* q, const char* param, const char* rn,
+                           const char* da, const char* ti, const char* seq) {
     return prepare_strings(drv, q, TEMPLATE_PARAM, "1query: ", param, rn, da, ti, seq);
 }
 
@@ -205,67 +212,4 @@ service_string split_service(const std::string& value) {
     s.statement = value.substr(colon + 1);
     s.has_statement = true;
     return s;
-}
-
-void warn_service_strings(const config& cfg) {
-    struct entry {
-        const char* key;
-        const opt_text& value;
-        template_kind kind;
-        bool own_driver;  // marks run on the driver of their pass
-    };
-    const entry entries[] = {
-        {"bareon", cfg.bareon, TEMPLATE_FIELDS, true},
-        {"bareoff", cfg.bareoff, TEMPLATE_FIELDS, true},
-        {"dndon", cfg.dndon, TEMPLATE_FIELDS, true},
-        {"dndoff", cfg.dndoff, TEMPLATE_FIELDS, true},
-        {"wakeup_set", cfg.wakeup_set, TEMPLATE_FIELDS, true},
-        {"wakeup_clear", cfg.wakeup_clear, TEMPLATE_FIELDS, true},
-        {"checkin", cfg.checkin, TEMPLATE_FIELDS, true},
-        {"checkout", cfg.checkout, TEMPLATE_FIELDS, true},
-        {"billmark", cfg.billmark, TEMPLATE_STRINGS, false},
-        {"billok", cfg.billok, TEMPLATE_FIELDS, true},
-        {"room_status", cfg.room_state, TEMPLATE_STRINGS, true},
-        {"wakeup_result", cfg.wakeup_result, TEMPLATE_STRINGS, true},
-        {"billcalls", cfg.billcalls, TEMPLATE_STRINGS, true},
-        {"wrmark", cfg.wrmark, TEMPLATE_STRINGS, false},
-        {"remark", cfg.remark, TEMPLATE_STRINGS, false},
-    };
-    // A report without its mark is sent again every cycle.
-    const struct {
-        const char* report;
-        const opt_text& value;
-        const char* mark;
-        const opt_text& mark_value;
-    } pairs[] = {
-        {"billcalls", cfg.billcalls, "billmark", cfg.billmark},
-        {"wakeup_result", cfg.wakeup_result, "wrmark", cfg.wrmark},
-        {"room_status", cfg.room_state, "remark", cfg.remark},
-    };
-    for (const auto& p : pairs)
-        if (p.value && !p.mark_value && !(&p.value == &cfg.billcalls && cfg.use_manager))
-            LOG(L_WARNING,
-                "services:%s is set without services:%s: what it reports is sent again every "
-                "cycle",
-                p.report, p.mark);
-
-    for (const entry& e : entries) {
-        if (!e.value) continue;
-        service_string s = split_service(*e.value);
-        if (!s.has_statement) {
-            LOG(L_WARNING,
-                "services:%s = \"%s\" has no \":\" and so no statement: it is never run",
-                e.key, e.value->c_str());
-            continue;
-        }
-        int at = template_unknown_placeholder(e.kind, s.statement.c_str());
-        if (at >= 0)
-            LOG(L_WARNING,
-                "services:%s has an unknown placeholder at \"%.20s\": the thread that fills it "
-                "will stop there",
-                e.key, s.statement.c_str() + at);
-        if (e.own_driver && !find_dbdriver_in(cfg.dbdrivers, s.driver.c_str()))
-            LOG(L_WARNING, "services:%s names the database \"%s\", which no section defines",
-                e.key, s.driver.c_str());
-    }
 }

@@ -7,13 +7,12 @@
 //    are; the result grows to hold them.
 //  - A "%" that starts no placeholder known to the routine never returns: the
 //    calling thread logs one ERROR naming the template and then blocks for
-//    good without using the CPU. Configuration load warns about such
-//    templates beforehand (warn_service_strings).
+//    good without using the CPU. The configuration check warns about such
+//    templates beforehand (config_check.h).
 #pragma once
 
 #include <string>
 
-#include "config.h"
 #include "db/driver.h"
 #include "fias/packet.h"
 
@@ -32,8 +31,8 @@ std::string prepare_query(const dbdriver_t* drv, const char* q, const fias_field
 std::string prepare_query2(const dbdriver_t* drv, const char* q, const char* rn, const char* da,
                            const char* ti, const char* seq);
 
-std::string prepare_query3(const dbdriver_t* drv, const char* q, const char* param,
-                           const char* rn, const char* da, const char* ti, const char* seq);
+std::string prepare_query3(const dbdriver_t* drv, const char* q, const char* param, const char* rn,
+                           const char* da, const char* ti, const char* seq);
 
 // Position of the first "%" in `q` that starts no placeholder known to `kind`,
 // or -1 when the template is sound.
@@ -47,7 +46,3 @@ struct service_string {
     bool has_statement = false;
 };
 service_string split_service(const std::string& value);
-
-// Logs a WARNING for every service string of `cfg` that can never work as
-// written: no ":", an unknown placeholder, or a driver no section defines.
-void warn_service_strings(const config& cfg);

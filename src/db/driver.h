@@ -6,26 +6,29 @@
 //    operations keep the result codes of the drivers: 0 success, negative
 //    failure; is_connected() answers non-zero when connect() must be called.
 //  - Every use of a record is made under its lock, from the connection test to
-//    the end of its result:
-//        std::lock_guard<dbdriver_t> guard(*drv);
+//    the end of its result (the operations require it, and a clang build
+//    checks that they get it):
+//        db_lock guard(*drv);
 //        if (drv->is_connected()) drv->reconnect();
 //        drv->query(...); while (drv->fetch_row() == 0) ...; drv->free_result();
 //    No thread holds two record locks at once.
 //  - Records made by a configuration load belong to that configuration
-//    snapshot (see config.h) and live as long as somebody holds it. The
-//    internal database record `sqliteint` lives for the whole process.
+//    snapshot and live as long as somebody holds it. The
+//    internal database record `sqliteint` (states/states.h) lives for the
+//    whole process.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
 #include <memory>
-#include <mutex>
 #include <string>
+
+#include "thread_annotations.h"
 
 // The connection state of one driver kind (SQLite file, internal SQLite,
 // MySQL). Implementations take no lock themselves: callers hold the record's.
 class db_handle {
-public:
+  public:
     virtual ~db_handle() = default;
     virtual int connect(const char* host, uint16_t port, const char* user, const char* password,
                         const char* database) = 0;
@@ -38,11 +41,9 @@ public:
     virtual void free_result() = 0;
     virtual void close() = 0;
     virtual int is_connected() = 0;
-    virtual void lock() = 0;
-    virtual void unlock() = 0;
 };
 
-struct dbdriver_t {
+struct CAPABILITY("database record") dbdriver_t {
     std::unique_ptr<db_handle> dbhandle;
     char name[16] = "";
     char dateformat[16] = "%Y-%m-%d";
@@ -57,27 +58,33 @@ struct dbdriver_t {
     dbdriver_t(const dbdriver_t&) = delete;
     dbdriver_t& operator=(const dbdriver_t&) = delete;
 
-    // The twelve operations, forwarded to the handle.
-    int connect(const char* h, uint16_t p, const char* u, const char* pw, const char* db) {
+    // The operations, forwarded to the handle, under the record's lock.
+    int connect(const char* h, uint16_t p, const char* u, const char* pw, const char* db)
+        REQUIRES(this) {
         return dbhandle->connect(h, p, u, pw, db);
     }
-    int query(const char* statement) { return dbhandle->query(statement); }
-    int fetch_row() { return dbhandle->fetch_row(); }
-    int fetch_int_field(int num, int* val) { return dbhandle->fetch_int_field(num, val); }
-    int fetch_char_field(int num, char* val, int len) {
+    int query(const char* statement) REQUIRES(this) { return dbhandle->query(statement); }
+    int fetch_row() REQUIRES(this) { return dbhandle->fetch_row(); }
+    int fetch_int_field(int num, int* val) REQUIRES(this) {
+        return dbhandle->fetch_int_field(num, val);
+    }
+    int fetch_char_field(int num, char* val, int len) REQUIRES(this) {
         return dbhandle->fetch_char_field(num, val, len);
     }
-    int fetch_float_field(int num, float* val) { return dbhandle->fetch_float_field(num, val); }
-    int numrets() { return dbhandle->numrets(); }
-    void free_result() { dbhandle->free_result(); }
-    void close() { dbhandle->close(); }
-    int is_connected() { return dbhandle->is_connected(); }
-    void lock() { dbhandle->lock(); }
-    void unlock() { dbhandle->unlock(); }
+    int fetch_float_field(int num, float* val) REQUIRES(this) {
+        return dbhandle->fetch_float_field(num, val);
+    }
+    int numrets() REQUIRES(this) { return dbhandle->numrets(); }
+    void free_result() REQUIRES(this) { dbhandle->free_result(); }
+    void close() REQUIRES(this) { dbhandle->close(); }
+    int is_connected() REQUIRES(this) { return dbhandle->is_connected(); }
+    void lock() ACQUIRE() { mutex_.lock(); }
+    void unlock() RELEASE() { mutex_.unlock(); }
+    bool try_lock() TRY_ACQUIRE(true) { return mutex_.try_lock(); }
 
     // connect() with the record's own settings (the connection test's order to
     // reconnect). The port is handed over as a 16-bit number.
-    int reconnect() {
+    int reconnect() REQUIRES(this) {
         return connect(host.empty() ? nullptr : host.c_str(), static_cast<uint16_t>(port),
                        user.empty() ? nullptr : user.c_str(),
                        password.empty() ? nullptr : password.c_str(),
@@ -88,6 +95,10 @@ struct dbdriver_t {
     static void set_text16(char (&field)[16], const char* text) {
         snprintf(field, sizeof field, "%s", text ? text : "");
     }
+
+  private:
+    annotated_mutex mutex_;
 };
 
 using dbdriver_ptr = std::shared_ptr<dbdriver_t>;
+using db_lock = scoped_lock<dbdriver_t>;

@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <mutex>
 
 #include "logger.h"
 
@@ -39,7 +38,7 @@ bool is_numeric_type(enum_field_types type) {
 }
 
 class mysql_handler_t final : public db_handle {
-public:
+  public:
     mysql_handler_t() = default;
     mysql_handler_t(const mysql_handler_t&) = delete;
     mysql_handler_t& operator=(const mysql_handler_t&) = delete;
@@ -60,10 +59,8 @@ public:
     void free_result() override { my_free_result(); }
     void close() override { my_close(); }
     int is_connected() override { return my_is_connected(); }
-    void lock() override { my_lock(); }
-    void unlock() override { my_unlock(); }
 
-private:
+  private:
     int m_connect(const char* host, uint16_t port, const char* user, const char* password,
                   const char* database) {
         // Every connect starts from a new client object; the old connection
@@ -160,15 +157,11 @@ private:
 
     int my_is_connected() { return !mysql_ || mysql_ping(mysql_.get()) != 0 ? 1 : 0; }
 
-    void my_lock() { lock_.lock(); }
-    void my_unlock() { lock_.unlock(); }
-
     // Declared before the result: a result is always released before its
     // connection.
     std::unique_ptr<MYSQL, connection_closer> mysql_;
     std::unique_ptr<MYSQL_RES, result_freer> res_;
     MYSQL_ROW row_ = nullptr;
-    std::mutex lock_;
 };
 
 }  // namespace

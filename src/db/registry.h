@@ -1,28 +1,40 @@
-// Registry of the configured databases.
+// Registry of the configured databases: records made from plain settings.
 //
 // Contract:
-//  - load_dbdrivers()/load_dbdriver() run in the main thread while a
-//    configuration is being built; they make, configure, connect and collect
-//    one record per database section ("<section>:dbdriver = sqlite").
-//  - find_dbdriver() may be called from any thread; it searches the current
-//    configuration snapshot and the returned pointer keeps the record alive.
+//  - load_dbdriver()/load_dbdrivers() run in the main thread while a
+//    configuration is being built; they make, configure and connect one
+//    record per database section. They know nothing of the configuration
+//    file: the settings come from the configuration loader.
+//  - find_dbdriver_in() may be called from any thread on a list that the
+//    caller keeps alive (a configuration snapshot's).
 #pragma once
 
-#include <iniparser.h>
-
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "db/driver.h"
 
-// Walks the sections of `dict` and puts a record for every database section in
-// front of `drivers`.
-void load_dbdrivers(const dictionary* dict, std::vector<dbdriver_ptr>& drivers);
+// One database section ("[section]" with a dbdriver key) as the file has it.
+struct db_settings {
+    std::string section;
+    std::string driver;  // the dbdriver value
+    std::optional<std::string> date_format;
+    std::optional<std::string> time_format;
+    std::optional<std::string> host;
+    std::optional<std::string> user;
+    std::optional<std::string> password;
+    std::optional<std::string> database;
+    std::optional<int> port;
+};
 
-// Makes one record of kind `driver` for `section`; null for an unknown kind.
-dbdriver_ptr load_dbdriver(const dictionary* dict, const char* section, const char* driver);
+// A record of the section's kind ("sqlite", any case), configured and
+// connected ("Can not connect to DB ..." logged on failure, the record kept);
+// null for a kind that this build does not create from a configuration.
+dbdriver_ptr load_dbdriver(const db_settings& settings);
 
-// The newest record named exactly `name` in the current configuration, or null.
-dbdriver_ptr find_dbdriver(const char* name);
+// Records of `sections`, in file order, each put in front of the list.
+std::vector<dbdriver_ptr> load_dbdrivers(const std::vector<db_settings>& sections);
 
-// The same search in a given list.
+// The first record named exactly `name` in `drivers`, or null.
 dbdriver_ptr find_dbdriver_in(const std::vector<dbdriver_ptr>& drivers, const char* name);

@@ -5,34 +5,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <list>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "logger.h"
-
-const char* const sql_create_rooms =
-    "create table rooms (room varchar(8), ci_date date, citime time, calls integer, primary "
-    "key(room))";
-
-const char* const sql_create_table =
-    "create table if not exists `cdrcache` (       `accountcode` varchar(20) NOT NULL default "
-    "'',       `src` varchar(80) NOT NULL default '',       `dst` varchar(80) NOT NULL default "
-    "'',       `dcontext` varchar(80) NOT NULL default '',       `clid` varchar(80) NOT NULL "
-    "default '',       `channel` varchar(80) NOT NULL default '',       `dstchannel` "
-    "varchar(80) NOT NULL default '',       `lastapp` varchar(80) NOT NULL default '',       "
-    "`lastdata` varchar(80) NOT NULL default '',       `start` datetime NOT NULL default "
-    "'0000-00-00 00:00:00',       `answer` datetime NOT NULL default '0000-00-00 00:00:00',     "
-    "  `end` datetime NOT NULL default '0000-00-00 00:00:00',       `duration` int(11) NOT NULL "
-    "default '0',       `billsec` int(11) NOT NULL default '0',       `disposition` "
-    "varchar(45) NOT NULL default '',       `amaflags` int(11) NOT NULL default '',       "
-    "`c_from` varchar(80) NOT NULL default '',       `c_to` varchar(80) NOT NULL default '',    "
-    "   `cost` varchar(20) NOT NULL default '',       `callclass` int(11) NOT NULL default "
-    "'0',       `faxdata` varchar(255) NOT NULL default '',       `userfield` varchar(255) NOT "
-    "NULL default '',       `uniqueid` varchar(32) NOT NULL default '');";
-
-const char* const sql_create_table_index =
-    "CREATE INDEX IF NOT EXISTS `idx_cdrcache_c_from_start` ON `cdrcache` (`c_from`,`start`)";
 
 namespace {
 
@@ -49,7 +25,7 @@ struct sqlite_closer {
 // One SQLite connection and the rows of its last statement. The two kinds of
 // record (file database, internal database) differ only in their record.
 class sqlite_handler_t final : public db_handle {
-public:
+  public:
     int connect(const char*, uint16_t, const char*, const char*, const char* database) override {
         if (initialized_) return 0;
         reset();
@@ -149,10 +125,7 @@ public:
 
     int is_connected() override { return initialized_ ? 0 : 1; }
 
-    void lock() override { mutex_.lock(); }
-    void unlock() override { mutex_.unlock(); }
-
-private:
+  private:
     static int sq_callback(void* arg, int colcount, char** values, char** names) {
         auto* h = static_cast<sqlite_handler_t*>(arg);
         if (!h->rows_) h->rows_ = std::make_unique<std::list<row_t>>();
@@ -186,41 +159,17 @@ private:
     bool walking_ = false;
     const row_t* cur_row_ = nullptr;
     int initialized_ = 0;
-    std::mutex mutex_;
 };
 
-void init_record(dbdriver_t& drv, const char* name) {
+}  // namespace
+
+void sqlite_init_record(dbdriver_t& drv, const char* name) {
     drv.dbhandle = std::make_unique<sqlite_handler_t>();
     dbdriver_t::set_text16(drv.name, name);
 }
 
-// The internal database record is never destroyed: detached threads may still
-// use it while the process exits.
-union immortal_driver {
-    dbdriver_t drv;
-    immortal_driver() : drv() { init_record(drv, "sqlite-int"); }
-    ~immortal_driver() {}
-};
-immortal_driver internal_db;
-
-}  // namespace
-
-dbdriver_t& sqliteint = internal_db.drv;
-
 dbdriver_ptr sqlite_create_drv(const char* name) {
     auto drv = std::make_shared<dbdriver_t>();
-    init_record(*drv, name);
+    sqlite_init_record(*drv, name);
     return drv;
-}
-
-int open_states_file(const char* statesfile) {
-    std::lock_guard<dbdriver_t> guard(sqliteint);
-    if (sqliteint.connect(nullptr, 0, nullptr, nullptr, statesfile) != 0) return -1;
-    if (sqliteint.query("select count(*) from rooms") < 0) sqliteint.query(sql_create_rooms);
-    if (sqliteint.query("select count(*) from cdrcache") < 0) {
-        sqliteint.query(sql_create_table);
-        sqliteint.query(sql_create_table_index);
-    }
-    sqliteint.free_result();
-    return 0;
 }

@@ -10,36 +10,14 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <mutex>
-#include <string>
 
 #include "fias/codec.h"
 #include "logger.h"
-
-std::atomic<int> fias_sock{-1};
-std::atomic<int> pms_connected{0};
-std::atomic<int> fias_connected{0};
 
 namespace {
 
 constexpr char STX = 0x02;
 constexpr char ETX = 0x03;
-
-// Every frame goes out in one send() under this mutex, whichever thread sends.
-std::mutex write_mutex;
-
-std::atomic<void (*)()> idle_hook{nullptr};
-
-// A link that a writer ended (a failed start-up exchange) while the main
-// thread may be reading it. The writer only shuts it down: the descriptor
-// stays allocated until the reader's thread releases it with
-// fias_disconnect(), so the reader never touches a closed or reused number.
-std::atomic<int> ended_sock{-1};
-
-void end_link(int sock) {
-    ended_sock = sock;
-    shutdown(sock, SHUT_RDWR);
-}
 
 // `format` filled in with the current local time.
 std::string local_time_text(const char* format) {
@@ -51,53 +29,32 @@ std::string local_time_text(const char* format) {
     return buf;
 }
 
-// One byte from `sock`: 1, 0 at end of stream, -1 on error (EINTR retried).
-//
-// While nothing arrives, the idle hook runs once a second (and after a signal
-// interrupted the wait), so a quiet link never keeps the main thread from
-// acting on pending signals.
-int read_byte(int sock, char* c) {
-    if (sock < 0) return -1;
-    for (;;) {
-        pollfd pfd{sock, POLLIN, 0};
-        int ready = poll(&pfd, 1, 1000);
-        if (ready <= 0) {
-            if (ready < 0 && errno != EINTR) return -1;
-            if (void (*hook)() = idle_hook.load()) hook();
-            continue;
-        }
-        ssize_t n = read(sock, c, 1);
-        if (n >= 0) return static_cast<int>(n);
-        if (errno != EINTR) return -1;
-    }
-}
-
-// One byte from `sock`, waiting at the end of the stream: a peer that has
-// gone quiet is not reported by the reader. Each wait is one second long and
-// runs the idle hook once. 1, or -1 on error or when our side ended the link.
-int read_byte_waiting(int sock, char* c) {
-    for (;;) {
-        int n = read_byte(sock, c);
-        if (n != 0) return n;
-        if (ended_sock == sock) return -1;
-        sleep(1);
-        if (void (*hook)() = idle_hook.load()) hook();
-    }
-}
-
 }  // namespace
 
-void fias_set_idle_hook(void (*hook)()) {
-    idle_hook = hook;
+pms_link::~pms_link() {
+    drop();
 }
 
-int fias_connect(const char* host, int port, const char* /*interface*/) {
-    if (!host) return -1;
+int pms_link::socket_fd() const {
+    mutex_lock guard(write_mutex_);
+    return fd_;
+}
+
+bool pms_link::is_open() const {
+    return open_;
+}
+
+pms_link::state pms_link::current_state() const {
+    if (!open_) return state::down;
+    return pms_connected_ ? state::active : state::connecting;
+}
+
+int pms_link::connect(const std::string& host, int port) {
     addrinfo hints{};
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* res = nullptr;
-    if (getaddrinfo(host, nullptr, &hints, &res) != 0 || !res) return -1;
+    if (getaddrinfo(host.c_str(), nullptr, &hints, &res) != 0 || !res) return -1;
     sockaddr_in sin{};
     memcpy(&sin, res->ai_addr, sizeof sin);
     freeaddrinfo(res);
@@ -105,23 +62,34 @@ int fias_connect(const char* host, int port, const char* /*interface*/) {
 
     int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (sock < 0) return -1;
-    if (connect(sock, reinterpret_cast<sockaddr*>(&sin), sizeof sin) < 0) {
+    if (::connect(sock, reinterpret_cast<sockaddr*>(&sin), sizeof sin) < 0) {
         close(sock);
         return -1;
     }
-    fias_send_raw_packet(sock, local_time_text("LS|DA%y%m%d|TI%H%M%S|").c_str());
-    return sock;
+    attach(sock);
+    send_raw(local_time_text("LS|DA%y%m%d|TI%H%M%S|").c_str());
+    return 0;
 }
 
-void fias_disconnect(int sock) {
-    if (sock < 0) return;
-    int ended = sock;
-    ended_sock.compare_exchange_strong(ended, -1);
-    shutdown(sock, SHUT_RDWR);
-    close(sock);
+void pms_link::attach(int fd) {
+    drop();
+    mutex_lock guard(write_mutex_);
+    fd_ = fd;
+    ended_ = false;
+    open_ = true;
 }
 
-int fias_send_raw_packet(int sock, const char* packet) {
+void pms_link::drop() {
+    mutex_lock guard(write_mutex_);
+    open_ = false;
+    pms_connected_ = 0;
+    if (fd_ < 0) return;
+    shutdown(fd_, SHUT_RDWR);
+    close(fd_);
+    fd_ = -1;
+}
+
+int pms_link::send_raw(const char* packet) {
     if (!packet) return -1;
     LOG(L_DEBUG, "Writing packet %s\n", packet);
     std::string frame;
@@ -132,26 +100,102 @@ int fias_send_raw_packet(int sock, const char* packet) {
 
     ssize_t n;
     {
-        std::lock_guard<std::mutex> guard(write_mutex);
+        mutex_lock guard(write_mutex_);
+        if (fd_ < 0) return -1;
         do {
-            n = send(sock, frame.data(), frame.size(), MSG_NOSIGNAL);
+            n = send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL);
         } while (n < 0 && errno == EINTR);
     }
     return n == static_cast<ssize_t>(frame.size()) ? static_cast<int>(n) : -1;
 }
 
-int fias_send_packet(int sock, const fias_packet_t* p) {
+int pms_link::send_packet(const fias_packet_t* p) {
     if (!p) return -1;
     std::string text = fias_packet_to_str(p);
     if (text.empty()) return -1;
-    return fias_send_raw_packet(sock, text.c_str());
+    return send_raw(text.c_str());
 }
 
-int fias_read_packet(int sock, char* packet, int maxlen) {
+int pms_link::send_la() {
+    return send_raw(local_time_text("LA|DA%y%m%d|TI%H%M%S|").c_str());
+}
+
+int pms_link::init_connection(const char* iftype) {
+    std::string ld = local_time_text("LD|DA%y%m%d|TI%H%M%S|V#1.01|IF");
+    if (iftype) ld.append(iftype, strnlen(iftype, 2));
+    ld.append("|");
+    send_raw(ld.c_str());
+
+    // Only shut down here: the descriptor stays allocated until the reading
+    // thread drops it, so the reader never touches a closed or reused number.
+    auto end_link = [this] {
+        mutex_lock guard(write_mutex_);
+        ended_ = true;
+        if (fd_ >= 0) shutdown(fd_, SHUT_RDWR);
+    };
+    for (const fias_catalogue_row* row = fias_packets; row->num_fields != 0; row++) {
+        if (row->packet[0] == 'L') continue;
+        std::string names;
+        for (int i = 0; i < row->num_fields; i++) names.append(row->fields[i].name);
+        char lr[256];
+        snprintf(lr, sizeof lr, "LR|RI%.2s|FL%s|", row->packet, names.c_str());
+        write_log(L_DEBUG, __FILE_NAME__, __LINE__, "fias_send_lr", "%s\n", lr);
+        if (send_raw(lr) < 0) {
+            end_link();
+            return -1;
+        }
+    }
+    if (send_la() < 0) {
+        end_link();
+        return -1;
+    }
+    fias_connected_ = 1;
+    return 0;
+}
+
+namespace {
+
+// One byte from `sock`: 1, 0 at end of stream, -1 on error (EINTR retried).
+// While nothing arrives, `idle` runs once a second (and after a signal
+// interrupted the wait), so a quiet link never keeps the main thread from
+// acting on pending signals.
+int read_byte(int sock, char* c, const std::function<void()>& idle) {
+    if (sock < 0) return -1;
+    for (;;) {
+        pollfd pfd{sock, POLLIN, 0};
+        int ready = poll(&pfd, 1, 1000);
+        if (ready <= 0) {
+            if (ready < 0 && errno != EINTR) return -1;
+            if (idle) idle();
+            continue;
+        }
+        ssize_t n = read(sock, c, 1);
+        if (n >= 0) return static_cast<int>(n);
+        if (errno != EINTR) return -1;
+    }
+}
+
+}  // namespace
+
+int pms_link::read_packet(char* packet, int maxlen) {
     if (maxlen < 1) return 0;
+    // The main thread is the only one that closes the socket, so the number
+    // stays valid while it reads without the write lock.
+    const int sock = socket_fd();
+    // At the end of the stream a peer that has gone quiet is not reported:
+    // each wait is one second long and runs the idle hook once.
+    auto next_byte = [&](char* c) {
+        for (;;) {
+            int n = read_byte(sock, c, idle_hook_);
+            if (n != 0) return n;
+            if (ended_) return -1;
+            sleep(1);
+            if (idle_hook_) idle_hook_();
+        }
+    };
 
     char c;
-    if (read_byte_waiting(sock, &c) < 0) return -1;
+    if (next_byte(&c) < 0) return -1;
     printf("Read code %x\n", static_cast<int>(static_cast<signed char>(c)));
     fflush(stdout);
     if (c != STX) return -2;
@@ -162,42 +206,11 @@ int fias_read_packet(int sock, char* packet, int maxlen) {
             packet[count] = '\0';
             return count;
         }
-        if (read_byte_waiting(sock, &packet[count]) < 0) return -1;
+        if (next_byte(&packet[count]) < 0) return -1;
         if (packet[count] == ETX) {
             packet[count + 1] = '\0';
             return count;
         }
         count++;
     }
-}
-
-int fias_send_la(int sock) {
-    return fias_send_raw_packet(sock, local_time_text("LA|DA%y%m%d|TI%H%M%S|").c_str());
-}
-
-int fias_init_connection(int sock, const char* iftype) {
-    std::string ld = local_time_text("LD|DA%y%m%d|TI%H%M%S|V#1.01|IF");
-    if (iftype) ld.append(iftype, strnlen(iftype, 2));
-    ld.append("|");
-    fias_send_raw_packet(sock, ld.c_str());
-
-    for (const fias_catalogue_row* row = fias_packets; row->num_fields != 0; row++) {
-        if (row->packet[0] == 'L') continue;
-        std::string names;
-        for (int i = 0; i < row->num_fields; i++) names.append(row->fields[i].name);
-        char lr[256];
-        snprintf(lr, sizeof lr, "LR|RI%.2s|FL%s|", row->packet, names.c_str());
-        write_log(L_DEBUG, __FILE_NAME__, __LINE__, "fias_send_lr", "%s\n", lr);
-        if (fias_send_raw_packet(sock, lr) < 0) {
-            end_link(sock);
-            return -1;
-        }
-    }
-
-    if (fias_send_la(sock) < 0) {
-        end_link(sock);
-        return -1;
-    }
-    fias_connected = 1;
-    return 0;
 }

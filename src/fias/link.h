@@ -1,55 +1,84 @@
-// The FIAS link to the PMS: one TCP connection, framed records (STX text ETX).
+// The FIAS link to the PMS: one TCP connection carrying framed records
+// (STX text ETX), owned by one pms_link object.
 //
 // Contract:
-//  - Only the main thread reads (fias_read_packet), connects and releases the
-//    link's descriptor (fias_disconnect); it owns the descriptor.
-//  - Any thread may write: every frame goes out whole, in one send() call made
-//    under the link's write mutex (MSG_NOSIGNAL: a dead peer never raises
+//  - The process has one pms_link; it alone owns the socket and the link
+//    state (down, connecting, active). Nobody else sees the descriptor.
+//  - The main thread connects, reads and drops the link. Only it ever closes
+//    the socket, and only while holding the write lock, so no write can land
+//    on a descriptor number that was closed and reused.
+//  - Any thread may write: every frame goes out whole, in one send() call
+//    made under the write lock (MSG_NOSIGNAL: a dead peer never raises
 //    SIGPIPE), so frames of different threads never mix.
-//  - A writer that gives up the link (fias_init_connection failing) only shuts
-//    it down; the reader then returns -1 and the main thread releases it. So no
-//    thread ever reads a descriptor that another has closed.
-//  - The link globals are atomics shared by all threads.
+//  - A writer that gives up the link (a failed start-up exchange) only shuts
+//    it down; the reader then returns -1 and the main thread drops it.
+//  - The link is "active" once the PMS has sent "LA" (set_active), until it
+//    is dropped.
 #pragma once
 
 #include <atomic>
+#include <functional>
+#include <string>
 
 #include "fias/packet.h"
+#include "thread_annotations.h"
 
-extern std::atomic<int> fias_sock;       // -1 = no link
-extern std::atomic<int> pms_connected;   // 1 once the PMS has sent "LA"
-extern std::atomic<int> fias_connected;  // 1 once our description and "LA" went out
+class pms_link {
+  public:
+    enum class state { down, connecting, active };
 
-// Opens the link and sends "LS". Returns the socket or -1. `interface` is unused.
-int fias_connect(const char* host, int port, const char* interface);
+    pms_link() = default;
+    ~pms_link();
+    pms_link(const pms_link&) = delete;
+    pms_link& operator=(const pms_link&) = delete;
 
-// Shuts down and closes `sock` if it is not negative. The shutdown wakes a
-// reader blocked on it, but call it from the thread that reads the link.
-void fias_disconnect(int sock);
+    // --- main thread -------------------------------------------------------
+    // Connects to host:port and sends "LS". 0, or -1 (the link stays down).
+    // `interface` is not used for connecting.
+    int connect(const std::string& host, int port);
+    // Takes a connected stream descriptor as the link (tests use one end of
+    // a socket pair) and owns it from then on. Sends nothing.
+    void attach(int fd);
+    // Closes the socket (if any); the link is down.
+    void drop();
+    bool is_open() const;
+    // Reads one framed record into `packet` (NUL-terminated; the ETX stays as
+    // the last character). Returns the length before the ETX, -2 for a stray
+    // byte before STX (printing "Read code %x" on standard output for every
+    // byte read before the record), -1 for a read error, no socket, or a link
+    // ended by a failed start-up exchange. A record longer than maxlen - 1 is
+    // cut there. At the end of the stream it waits (one second per attempt,
+    // running the idle hook) and reads again without returning.
+    int read_packet(char* packet, int maxlen);
+    // Called once per wait while the reader waits for bytes, so that pending
+    // signals are acted on. Set before other threads exist.
+    void set_idle_hook(std::function<void()> hook) { idle_hook_ = std::move(hook); }
 
-// Frames and writes one record text. Returns the bytes written (text + 2) or -1.
-int fias_send_raw_packet(int sock, const char* packet);
+    // --- any thread -----------------------------------------------------------
+    // Frames and writes one record text. Returns the bytes written (text + 2)
+    // or -1.
+    int send_raw(const char* text);
+    // Serialises and sends a packet; -1 on failure.
+    int send_packet(const fias_packet_t* p);
+    // Sends "LA" with the current date and time.
+    int send_la();
+    // Sends "LD", one "LR" per record type and "LA". 0, or -1 when a record
+    // could not be written: the link is then shut down, and its reader
+    // returns -1.
+    int init_connection(const char* iftype);
+    // The PMS sent "LA": postings may go out.
+    void set_active() { pms_connected_ = 1; }
+    bool active() const { return pms_connected_ != 0; }
+    state current_state() const;
 
-// Serialises and sends a packet; -1 on failure.
-int fias_send_packet(int sock, const fias_packet_t* p);
+  private:
+    int socket_fd() const;
 
-// Reads one framed record into `packet` (NUL-terminated; the ETX stays as the
-// last character). Returns the length before the ETX, -2 for a stray byte
-// before STX (printing "Read code %x" on standard output for every byte read
-// before the record), -1 for a read error or a link ended by a failed
-// fias_init_connection. A record longer than maxlen - 1 is cut there. At end
-// of stream it waits (one second per attempt, running the idle hook) and
-// reads again without returning.
-int fias_read_packet(int sock, char* packet, int maxlen);
-
-// Sends "LD", one "LR" per record type and "LA"; sets fias_connected. 0, or -1
-// when a record could not be written: the link is then shut down, its reader
-// returns -1, and the descriptor is left for the main thread to release.
-int fias_init_connection(int sock, const char* iftype);
-
-// Sends "LA" with the current date and time.
-int fias_send_la(int sock);
-
-// Called once per wait while the reader sits at the end of the stream, so
-// that the main thread can still act on pending signals there. May be null.
-void fias_set_idle_hook(void (*hook)());
+    mutable annotated_mutex write_mutex_;
+    int fd_ GUARDED_BY(write_mutex_) = -1;
+    std::atomic<bool> open_{false};
+    std::atomic<bool> ended_{false};      // shut down by a writer
+    std::atomic<int> pms_connected_{0};   // 1 once the PMS has sent "LA"
+    std::atomic<int> fias_connected_{0};  // 1 once our description and "LA" went out
+    std::function<void()> idle_hook_;     // main thread only
+};

@@ -3,42 +3,13 @@
 #include <signal.h>
 #include <strings.h>
 
-#include <cstdio>
 #include <cstring>
 #include <memory>
-#include <mutex>
 
-#include "config.h"
-#include "db/sqlite.h"
 #include "logger.h"
+#include "states/states.h"
 
 namespace {
-
-const char* const insert_format =
-    "INSERT INTO cdrcache (clid,src,dst,dcontext,channel,dstchannel,lastapp,lastdata, "
-    "start,answer,end,duration,billsec,disposition,amaflags, c_from, c_to, cost,accountcode, "
-    "callclass, faxdata,uniqueid,userfield) VALUES ('%s', '%s', '%s', '%s', '%s', '%s', '%s', "
-    "'%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', "
-    "'%s','%s','')";
-
-// The rooms of the `rooms` table; false when the states file cannot be opened.
-bool load_rooms(const std::string& statesfile, std::vector<std::string>& rooms) {
-    std::lock_guard<dbdriver_t> guard(sqliteint);
-    if (sqliteint.connect(nullptr, 0, nullptr, nullptr, statesfile.c_str()) != 0) {
-        LOG(L_ERROR, "Unable to open states file %s", statesfile.c_str());
-        return false;
-    }
-    if (sqliteint.query("select room from rooms") == 0) {
-        while (sqliteint.fetch_row() == 0) {
-            char room[32] = "";
-            sqliteint.fetch_char_field(0, room, sizeof room - 1);
-            rooms.emplace_back(room);
-            LOG(L_DEBUG, "Adding cdrmanager rooms room %s\n", room);
-        }
-    }
-    sqliteint.free_result();
-    return true;
-}
 
 // Writing to a connection the manager has closed must fail, not end the process.
 void ignore_sigpipe() {
@@ -50,8 +21,7 @@ void ignore_sigpipe() {
 
 }  // namespace
 
-void cdrmanager_thread() {
-    const config_ptr cfg = current_config();
+void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
     const std::string host = cfg->mgr_host.value_or("");
     const std::string user = cfg->mgr_user.value_or("");
     const std::string passwd = cfg->mgr_passwd.value_or("");
@@ -60,23 +30,29 @@ void cdrmanager_thread() {
     LOG(L_DEBUG, "1 %s %d %s %s", host.c_str(), cfg->mgr_port, user.c_str(), passwd.c_str());
 
     std::vector<std::string> rooms;
-    if (!load_rooms(cfg->statesfile, rooms)) return;
+    if (states_room_list(rooms, &cfg->statesfile) != 0) {
+        LOG(L_ERROR, "Unable to open states file %s", cfg->statesfile.c_str());
+        return;
+    }
+    for (const std::string& room : rooms)
+        LOG(L_DEBUG, "Adding cdrmanager rooms room %s\n", room.c_str());
 
     auto session = std::make_unique<mansession>();
     if (mgr_init(*session, host.c_str(), cfg->mgr_port, user.c_str(), passwd.c_str()) < 0) {
         LOG(L_ERROR, "Error initiating manager. exiting manager thread");
         return;
     }
+    session->wake_fd = stop.fd();
     char addr[INET_ADDRSTRLEN];
     mgr_inet_ntoa(addr, sizeof addr, session->sin.sin_addr);
 
     LOG(L_DEBUG, "2");
     auto msg = std::make_unique<message>();
-    mgr_login(*session, events.c_str());
+    if (mgr_login(*session, events.c_str()) == 1) return;
     LOG(L_DEBUG, "3");
     ignore_sigpipe();
 
-    for (;;) {
+    while (!stop.requested()) {
         msg->clear();
         int res = mgr_read(*session, *msg);
         if (res >= 1) {
@@ -95,32 +71,44 @@ void cdrmanager_thread() {
                 }
             }
         } else if (res < 0) {
+            if (stop.requested()) break;
             LOG(L_ERROR, "%s: Not connected", addr);
             if (mgr_login(*session, events.c_str()) == 1) break;
         }
     }
 }
 
-int mgr_cache_cdr(const message& m, const std::vector<std::string>& rooms) {
-    char query[2048];
-    snprintf(query, sizeof query, insert_format, mgr_get_header(m, "CallerID"),
-             mgr_get_header(m, "Source"), mgr_get_header(m, "Destination"),
-             mgr_get_header(m, "DestinationContext"), mgr_get_header(m, "Channel"),
-             mgr_get_header(m, "DestinationChannel"), mgr_get_header(m, "LastApplication"),
-             mgr_get_header(m, "LastData"), mgr_get_header(m, "StartTime"),
-             mgr_get_header(m, "AnswerTime"), mgr_get_header(m, "EndTime"),
-             mgr_get_header(m, "Duration"), mgr_get_header(m, "BillableSeconds"),
-             mgr_get_header(m, "Disposition"), mgr_get_header(m, "AMAFlags"),
-             mgr_get_header(m, "From"), mgr_get_header(m, "To"), mgr_get_header(m, "Cost"),
-             mgr_get_header(m, "AccountCode"), mgr_get_header(m, "CallClass"),
-             mgr_get_header(m, "FaxData"), mgr_get_header(m, "UniqueID"));
-    LOG(L_DEBUG, "The query is: %s\n", query);
+void mgr_cache_cdr(const message& m, const std::vector<std::string>& rooms) {
+    const char* const values[cache_insert_values] = {mgr_get_header(m, "CallerID"),
+                                                     mgr_get_header(m, "Source"),
+                                                     mgr_get_header(m, "Destination"),
+                                                     mgr_get_header(m, "DestinationContext"),
+                                                     mgr_get_header(m, "Channel"),
+                                                     mgr_get_header(m, "DestinationChannel"),
+                                                     mgr_get_header(m, "LastApplication"),
+                                                     mgr_get_header(m, "LastData"),
+                                                     mgr_get_header(m, "StartTime"),
+                                                     mgr_get_header(m, "AnswerTime"),
+                                                     mgr_get_header(m, "EndTime"),
+                                                     mgr_get_header(m, "Duration"),
+                                                     mgr_get_header(m, "BillableSeconds"),
+                                                     mgr_get_header(m, "Disposition"),
+                                                     mgr_get_header(m, "AMAFlags"),
+                                                     mgr_get_header(m, "From"),
+                                                     mgr_get_header(m, "To"),
+                                                     mgr_get_header(m, "Cost"),
+                                                     mgr_get_header(m, "AccountCode"),
+                                                     mgr_get_header(m, "CallClass"),
+                                                     mgr_get_header(m, "FaxData"),
+                                                     mgr_get_header(m, "UniqueID")};
+    const std::string query = cache_insert_statement(values);
+    LOG(L_DEBUG, "The query is: %s\n", query.c_str());
 
-    std::lock_guard<dbdriver_t> guard(sqliteint);
+    db_lock guard(sqliteint);
     const char* src = mgr_get_header(m, "Source");
     if (rooms.empty()) {
         LOG(L_ERROR, "No rooms or empty list iterator\n");
-        return 0;
+        return;
     }
     bool matched = false;
     for (const std::string& room : rooms) {
@@ -133,7 +121,6 @@ int mgr_cache_cdr(const message& m, const std::vector<std::string>& rooms) {
     }
     if (matched) {
         LOG(L_DEBUG, "sending cache insert query");
-        sqliteint.query(query);
+        sqliteint.query(query.c_str());
     }
-    return 0;
 }

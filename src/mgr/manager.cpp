@@ -26,6 +26,16 @@ int new_socket() {
     return socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
 }
 
+// Waits up to `ms` for the session's wake descriptor: true when it is readable.
+bool woken(const mansession& s, int ms) {
+    if (s.wake_fd < 0) {
+        if (ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+        return false;
+    }
+    pollfd p{s.wake_fd, POLLIN, 0};
+    return poll(&p, 1, ms) > 0;
+}
+
 std::string dotted(const mansession& s) {
     char buf[INET_ADDRSTRLEN];
     return mgr_inet_ntoa(buf, sizeof buf, s.sin.sin_addr);
@@ -54,6 +64,7 @@ void mansession::reset() {
     authenticated = 0;
     connected = 0;
     dead = 0;
+    wake_fd = -1;
     busy = 0;
     std::memset(actionid, 0, sizeof actionid);
     std::memset(challenge, 0, sizeof challenge);
@@ -223,7 +234,7 @@ int mgr_login(mansession& s, const char* events) {
         int err = errno;
         LOG(L_ERROR, "manager@%s: Connect failed, Retrying (%d) %s [%d]", addr.c_str(), 1,
             strerror(err), err);
-        std::this_thread::sleep_for(std::chrono::seconds(1));
+        if (woken(s, 1000)) return 1;
     }
     mgr_write(s, *m);
     return 0;
@@ -262,8 +273,9 @@ int mgr_get_input(mansession& s, char* output) {
 
     if (s.fd < 0) return -1;  // no socket to wait on: never block for ever on nothing
     for (;;) {
-        pollfd p{s.fd, POLLIN, 0};
-        int r = poll(&p, 1, -1);
+        pollfd p[2] = {{s.fd, POLLIN, 0}, {s.wake_fd, POLLIN, 0}};
+        int r = poll(p, s.wake_fd >= 0 ? 2 : 1, -1);
+        if (r > 0 && (p[1].revents & POLLIN)) return -1;
         if (r > 0) break;
         if (r < 0 && errno == EINTR) {
             if (s.dead) return -1;

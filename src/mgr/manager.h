@@ -29,6 +29,7 @@ struct mansession {
     int authenticated = 0;     // not used
     int connected = 0;         // 0 login answer awaited, 1 "Authentication accepted", -1 refused
     std::atomic<int> dead{0};  // when set, an interrupted wait for input fails the read
+    int wake_fd = -1;          // not owned: readable once the session must stop (-1: none)
     int busy = 0;              // not used
     char actionid[1024]{};     // not used
     char challenge[10]{};      // not used
@@ -84,7 +85,7 @@ int mgr_add_header(message& m, const char* fmt, ...) __attribute__((format(print
 
 // Connects (retrying every second until it succeeds) and sends the login with
 // "Events: <events>" (null or empty: "call"). 0 sent, 1 refused because the
-// manager refused the last login.
+// manager refused the last login, or because wake_fd became readable.
 int mgr_login(mansession& s, const char* events = "call");
 
 // The value of the first header named `name` (compared without regard to
@@ -93,7 +94,7 @@ const char* mgr_get_header(const message& m, const char* name);
 
 // Returns the next buffered line in `output` (1024 bytes) without its line end
 // (1), or waits without time limit for the socket and receives more bytes (0),
-// or fails (-1: peer closed, receive or wait error).
+// or fails (-1: peer closed, receive or wait error, wake_fd readable).
 int mgr_get_input(mansession& s, char* output);
 
 // Reads one whole message into the cleared `m`: 1, or negative on failure.

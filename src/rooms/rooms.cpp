@@ -1,6 +1,5 @@
 #include "rooms/rooms.h"
 
-#include <iniparser.h>
 #include <ldap.h>
 #include <strings.h>
 #include <sys/time.h>
@@ -13,9 +12,8 @@
 #include <optional>
 #include <string>
 
-#include "config.h"
-#include "db/sqlite.h"
 #include "logger.h"
+#include "states/states.h"
 
 namespace {
 
@@ -24,13 +22,6 @@ namespace {
 // unreachable or does not answer cannot hold up start-up for long.
 constexpr int ldap_network_timeout_s = 10;
 constexpr int ldap_answer_timeout_s = 30;
-
-constexpr int max_rooms = 10000;  // rooms:room1 .. rooms:room9999
-
-struct dictionary_deleter {
-    void operator()(dictionary* d) const { iniparser_freedict(d); }
-};
-using dictionary_ptr = std::unique_ptr<dictionary, dictionary_deleter>;
 
 struct ldap_unbinder {
     void operator()(LDAP* ld) const { ldap_unbind_ext_s(ld, nullptr, nullptr); }
@@ -47,65 +38,15 @@ struct ldap_values_deleter {
 };
 using ldap_values_ptr = std::unique_ptr<berval*, ldap_values_deleter>;
 
-// Writes one room into `rooms` under the internal database's lock. Both
-// stamps are formatted from the same local time into one text, the time
-// overwriting the date: the row gets the time of day in ci_date and an empty
-// citime. false when the states file cannot be opened (logged).
-bool store_room(const char* room, const std::string& statesfile) {
-    char stamp[32] = "";
-    char empty[32] = "";
-    time_t now = time(nullptr);
-    struct tm tm_now {};
-    localtime_r(&now, &tm_now);
-    strftime(stamp, sizeof stamp, sqliteint.dateformat, &tm_now);
-    strftime(stamp, sizeof stamp, sqliteint.timeformat, &tm_now);
-
-    std::lock_guard<dbdriver_t> guard(sqliteint);
-    if (sqliteint.connect(nullptr, 0, nullptr, nullptr, statesfile.c_str()) != 0) {
-        LOG(L_ERROR, "Unable to open states file %s", statesfile.c_str());
-        return false;
-    }
-    char statement[256];
-    snprintf(statement, sizeof statement, "replace into rooms values ('%s','%s','%s',0)", room,
-             stamp, empty);
-    sqliteint.query(statement);
-    return true;
-}
-
-void load_numbered_rooms(const dictionary* d, const std::string& statesfile) {
-    for (int n = 1; n < max_rooms; ++n) {
-        char key[32];
-        snprintf(key, sizeof key, "rooms:room%d", n);
-        const char* room = iniparser_getstring(d, key, nullptr);
-        if (!room) return;
-        if (!store_room(room, statesfile)) return;
-    }
-}
-
-std::optional<std::string> read_text(const dictionary* d, const char* key) {
-    if (const char* v = iniparser_getstring(d, key, nullptr)) return std::string(v);
-    return std::nullopt;
+// Writes one room; false when the states file cannot be opened (logged).
+bool store_room(const std::string& room, const std::string& statesfile) {
+    if (states_store_room(statesfile, room, false) == 0) return true;
+    LOG(L_ERROR, "Unable to open states file %s", statesfile.c_str());
+    return false;
 }
 
 const char* c_str_or_null(const std::optional<std::string>& text) {
     return text ? text->c_str() : nullptr;
-}
-
-void load_directory_rooms(const dictionary* d) {
-    const auto host = read_text(d, "rooms:ldap_host");
-    const auto user = read_text(d, "rooms:ldap_user");
-    const auto pass = read_text(d, "rooms:ldap_pass");
-    const auto base = read_text(d, "rooms:ldap_base");
-    const auto scope = read_text(d, "rooms:ldap_scope");
-    const auto filter = read_text(d, "rooms:ldap_filter");
-    const auto attribute = read_text(d, "rooms:ldap_attribute");
-    const int port = iniparser_getint(d, "rooms:ldap_port", 389);
-    const int version = iniparser_getint(d, "rooms:ldap_version", 2);
-
-    if (load_rooms_ldap(c_str_or_null(host), port, version, 0, c_str_or_null(user),
-                        c_str_or_null(pass), c_str_or_null(base), c_str_or_null(scope),
-                        c_str_or_null(filter), c_str_or_null(attribute)) != 0)
-        LOG(L_ERROR, "LDAP rooms load failure\n");
 }
 
 int search_scope(const char* scope) {
@@ -125,22 +66,23 @@ std::string ldap_uri(const char* host, int port) {
 
 }  // namespace
 
-void load_rooms_conf() {
-    dictionary_ptr dict(iniparser_load(config_file.c_str()));
-    if (!dict) return;
-    const dictionary* d = dict.get();
-    const config_ptr cfg = current_config();
-
-    const char* type = iniparser_getstring(d, "rooms:type", nullptr);
-    if (!type || !*type)
-        load_numbered_rooms(d, cfg->statesfile);
-    else if (strncasecmp(type, "ldap", 4) == 0)
-        load_directory_rooms(d);
+void load_rooms_conf(const rooms_settings& r, const std::string& statesfile) {
+    if (!r.type || r.type->empty()) {
+        for (const std::string& room : r.rooms)
+            if (!store_room(room, statesfile)) return;
+    } else if (strncasecmp(r.type->c_str(), "ldap", 4) == 0) {
+        if (load_rooms_ldap(c_str_or_null(r.ldap_host), r.ldap_port, r.ldap_version, 0,
+                            c_str_or_null(r.ldap_user), c_str_or_null(r.ldap_pass),
+                            c_str_or_null(r.ldap_base), c_str_or_null(r.ldap_scope),
+                            c_str_or_null(r.ldap_filter), c_str_or_null(r.ldap_attribute),
+                            statesfile) != 0)
+            LOG(L_ERROR, "LDAP rooms load failure\n");
+    }
 }
 
 int load_rooms_ldap(const char* host, int port, int version, int timelimit, const char* user,
                     const char* password, const char* base, const char* scope, const char* filter,
-                    const char* attribute) {
+                    const char* attribute, const std::string& statesfile) {
     const char* missing = !base        ? "rooms:ldap_base"
                           : !filter    ? "rooms:ldap_filter"
                           : !attribute ? "rooms:ldap_attribute"
@@ -196,10 +138,9 @@ int load_rooms_ldap(const char* host, int port, int version, int timelimit, cons
     ldap_values_ptr values(ldap_get_values_len(ld.get(), entry, attribute));
     if (!values || !values.get()[0]) return -5;
 
-    const std::string statesfile = current_config()->statesfile;
     for (berval** v = values.get(); *v; ++v) {
         const std::string room((*v)->bv_val, (*v)->bv_len);
-        if (!store_room(room.c_str(), statesfile)) return 0;
+        if (!store_room(room, statesfile)) return 0;
     }
     return 0;
 }

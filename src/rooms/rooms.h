@@ -1,22 +1,23 @@
-// Room registry: fills the `rooms` table of the internal database with the
-// hotel's rooms at start-up, from numbered keys of the configuration file
+// Room registry: fills the `rooms` table of the states file with the hotel's
+// rooms at start-up, from numbered keys of the configuration file
 // (rooms:room1, rooms:room2, ...) or from an LDAP directory (rooms:type = ldap).
 //
 // Contract:
-//  - Called once by the main thread at start-up, after the internal database
-//    (`sqliteint`) has been opened and before any other thread exists. Each
-//    row is written under the `sqliteint` lock all the same.
+//  - Called once by the main thread at start-up, after the states file has
+//    been opened and before any other thread exists.
 //  - Rows are written with "replace into", so a room that is already there
 //    is rewritten with `calls` 0. Rows are never removed here.
 //  - Failures are reported through the log only; start-up goes on.
-//  - The texts passed in are only read during the call; nothing is kept.
 #pragma once
 
-// Reads the section [rooms] of the file named by `config_file` (parsed again
-// for this purpose) and loads the rooms from the source chosen by rooms:type:
-// absent or empty = numbered keys, beginning with "ldap" (any case) = LDAP,
-// anything else = nothing.
-void load_rooms_conf();
+#include <string>
+
+#include "config.h"
+
+// Loads the rooms from the source chosen by rooms:type: absent or empty =
+// numbered keys, beginning with "ldap" (any case) = LDAP, anything else =
+// nothing.
+void load_rooms_conf(const rooms_settings& rooms, const std::string& statesfile);
 
 // Loads every value of `attribute` in the first entry that a search under
 // `base` with `filter` and `scope` ("sub...", "base...", "one...", anything
@@ -28,4 +29,4 @@ void load_rooms_conf();
 // the attribute.
 int load_rooms_ldap(const char* host, int port, int version, int timelimit, const char* user,
                     const char* password, const char* base, const char* scope, const char* filter,
-                    const char* attribute);
+                    const char* attribute, const std::string& statesfile);

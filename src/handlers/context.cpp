@@ -1,0 +1,56 @@
+#include "handlers/context.h"
+
+#include "billing/templates.h"
+#include "logger.h"
+
+fias_field_t* room_field(const record_context& ctx) {
+    fias_field_t* rn = fias_get_field(&ctx.record, "RN");
+    if (!rn) {
+        CTX_LOG(ctx, L_ERROR, "No room number");
+        return nullptr;
+    }
+    CTX_LOG(ctx, L_NOTICE, "\tRoom number: %s", field_text(rn));
+    return rn;
+}
+
+void log_date_time(const record_context& ctx, const fias_field_t* da, const fias_field_t* ti) {
+    if (da) {
+        const fias_date_t& d = da->value->date;
+        CTX_LOG(ctx, L_NOTICE, "\tDate: %02d-%02d-%02d", d.year, d.month, d.day);
+    }
+    if (ti) {
+        const fias_time_t& t = ti->value->time;
+        CTX_LOG(ctx, L_NOTICE, "\tTime: %02d:%02d:%02d", t.hour, t.min, t.sec);
+    }
+}
+
+const char* field_text(const fias_field_t* f) {
+    return f && f->value && f->value->str ? f->value->str->c_str() : "";
+}
+
+int run_service_template(const record_context& ctx, const opt_text& service, const fias_field_t* rn,
+                         const fias_field_t* name, const fias_field_t* lang,
+                         const fias_field_t* shared, const fias_field_t* date,
+                         const fias_field_t* tim, const fias_field_t* seq) {
+    if (!service) return 1;
+    service_string s = split_service(*service);
+    if (!s.has_statement) {
+        CTX_LOG(ctx, L_ERROR, "Unable to find DB driver and statement in \"%s\" (no \":\")",
+                service->c_str());
+        return -1;
+    }
+    // The driver name is kept in a 32-byte buffer.
+    std::string driver_name = s.driver.substr(0, 31);
+    dbdriver_ptr drv = find_dbdriver_in(ctx.cfg->dbdrivers, driver_name.c_str());
+    if (!drv) {
+        CTX_LOG(ctx, L_ERROR, "Unable to find DB driver %s", driver_name.c_str());
+        return -1;
+    }
+    std::string query =
+        prepare_query(drv.get(), s.statement.c_str(), rn, name, lang, shared, date, tim, seq);
+
+    db_lock guard(*drv);
+    if (drv->is_connected()) drv->reconnect();
+    drv->query(query.c_str());
+    return 0;
+}

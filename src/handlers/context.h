@@ -1,0 +1,44 @@
+// What every handler of a received PMS record works with, and the helpers the
+// handlers share (guest events, posting answers).
+//
+// Contract:
+//  - A record_context is made by the dispatcher for one record and lives for
+//    that record's handling, in one thread. It holds the one configuration
+//    snapshot taken for the record, the parsed record and the PMS link, and
+//    names the handler, so that the helpers' log lines name the handler that
+//    acted.
+//  - Database work is done under the driver's lock; the states file's lock is
+//    released before a PBX database's lock is taken.
+#pragma once
+
+#include "config.h"
+#include "fias/link.h"
+#include "fias/packet.h"
+
+struct record_context {
+    config_ptr cfg;  // never null
+    fias_packet_t& record;
+    pms_link& link;
+    const char* handler = "";  // the handler's name, for log lines
+};
+
+// Log line in the name of the context's handler.
+#define CTX_LOG(ctx, level, ...) \
+    write_log(level, __FILE_NAME__, __LINE__, (ctx).handler, __VA_ARGS__)
+
+// Runs one service string ("driver:template") with the given fields (each may
+// be null; `seq` fills %seqno%). Returns 0 when the statement was run
+// (whatever its result), 1 when there is nothing to run (no service string),
+// -1 when the driver is not found or the string has no statement.
+int run_service_template(const record_context& ctx, const opt_text& service, const fias_field_t* rn,
+                         const fias_field_t* name, const fias_field_t* lang,
+                         const fias_field_t* shared, const fias_field_t* date,
+                         const fias_field_t* tim, const fias_field_t* seq = nullptr);
+
+// The "RN" field, logged as "\tRoom number: %s", or null with the ERROR
+// "No room number".
+fias_field_t* room_field(const record_context& ctx);
+// Logs "\tDate: ..." and "\tTime: ..." for the fields that are present.
+void log_date_time(const record_context& ctx, const fias_field_t* da, const fias_field_t* ti);
+// The text of a text field, or "".
+const char* field_text(const fias_field_t* f);

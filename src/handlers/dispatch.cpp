@@ -1,0 +1,56 @@
+#include "handlers/dispatch.h"
+
+#include "billing/answer.h"
+#include "fias/codec.h"
+#include "guest/handlers.h"
+#include "logger.h"
+
+namespace {
+
+// The PMS starts the link: answer with our description and "LA".
+void do_link_start(const record_context& ctx) {
+    const opt_text& interface = ctx.cfg->pmsinterface;
+    ctx.link.init_connection(interface ? interface->c_str() : "");
+}
+
+// The PMS's "LA": postings may go out.
+void do_link_active(const record_context& ctx) {
+    ctx.link.set_active();
+}
+
+using record_handler = void (*)(const record_context&);
+
+struct handler_entry {
+    int code;
+    record_handler handler;
+    const char* name;
+};
+
+#define HANDLER(code, fn) \
+    { code, fn, #fn }
+// Record types not listed ("LD", "LR", "DR", "WA", "PS") are logged as
+// received and otherwise ignored.
+const handler_entry handlers[] = {
+    HANDLER(FIAS_LS, do_link_start), HANDLER(FIAS_LA, do_link_active),
+    HANDLER(FIAS_GI, do_checkin),    HANDLER(FIAS_GO, do_checkout),
+    HANDLER(FIAS_RE, do_room_equip), HANDLER(FIAS_WC, do_wakeup_clear),
+    HANDLER(FIAS_WR, do_wakeup_set), HANDLER(FIAS_PA, do_pa),
+};
+#undef HANDLER
+
+}  // namespace
+
+void process_fias_packet(const config_loader& configs, pms_link& link, std::string data) {
+    fias_packet_ptr p = fias_parse_packet(data.c_str(), static_cast<int>(data.size()));
+    if (!p) {
+        LOG(L_WARNING, "Can not parse FIAS packet %s", data.c_str());
+        return;
+    }
+    LOG(L_NOTICE, "Received %s packet from PMS", p->desc);
+    for (const handler_entry& e : handlers) {
+        if (e.code != p->packet_code) continue;
+        const record_context ctx{configs.current(), *p, link, e.name};
+        e.handler(ctx);
+        break;
+    }
+}

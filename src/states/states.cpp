@@ -1,0 +1,140 @@
+#include "states/states.h"
+
+#include <cstdio>
+#include <ctime>
+#include <memory>
+
+#include "db/sqlite.h"
+
+const char* const sql_create_rooms =
+    "create table rooms (room varchar(8), ci_date date, citime time, calls integer, primary "
+    "key(room))";
+
+const char* const sql_create_table =
+    "create table if not exists `cdrcache` (       `accountcode` varchar(20) NOT NULL default "
+    "'',       `src` varchar(80) NOT NULL default '',       `dst` varchar(80) NOT NULL default "
+    "'',       `dcontext` varchar(80) NOT NULL default '',       `clid` varchar(80) NOT NULL "
+    "default '',       `channel` varchar(80) NOT NULL default '',       `dstchannel` "
+    "varchar(80) NOT NULL default '',       `lastapp` varchar(80) NOT NULL default '',       "
+    "`lastdata` varchar(80) NOT NULL default '',       `start` datetime NOT NULL default "
+    "'0000-00-00 00:00:00',       `answer` datetime NOT NULL default '0000-00-00 00:00:00',     "
+    "  `end` datetime NOT NULL default '0000-00-00 00:00:00',       `duration` int(11) NOT NULL "
+    "default '0',       `billsec` int(11) NOT NULL default '0',       `disposition` "
+    "varchar(45) NOT NULL default '',       `amaflags` int(11) NOT NULL default '',       "
+    "`c_from` varchar(80) NOT NULL default '',       `c_to` varchar(80) NOT NULL default '',    "
+    "   `cost` varchar(20) NOT NULL default '',       `callclass` int(11) NOT NULL default "
+    "'0',       `faxdata` varchar(255) NOT NULL default '',       `userfield` varchar(255) NOT "
+    "NULL default '',       `uniqueid` varchar(32) NOT NULL default '');";
+
+const char* const sql_create_table_index =
+    "CREATE INDEX IF NOT EXISTS `idx_cdrcache_c_from_start` ON `cdrcache` (`c_from`,`start`)";
+
+const char* const cache_mark_statement =
+    "update cdrcache set userfield='%param%' where src='%exten%' and date(start)='%date%' and "
+    "time(start)='%time%'";
+
+const char* const pa_remove_statement =
+    "delete from cdrcache src='%exten%' and date(start)='%date%' and time(start)='%time%'";
+
+const char* const pa_mark_statement =
+    "update cdrcache set userfield='%seqno%' where src='%exten%' and date(start)='%date%' and "
+    "time(start)='%time%'";
+
+namespace {
+
+const char* const insert_format =
+    "INSERT INTO cdrcache (clid,src,dst,dcontext,channel,dstchannel,lastapp,lastdata, "
+    "start,answer,end,duration,billsec,disposition,amaflags, c_from, c_to, cost,accountcode, "
+    "callclass, faxdata,uniqueid,userfield) VALUES ('%s', '%s', '%s', '%s', '%s', '%s', '%s', "
+    "'%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', "
+    "'%s','%s','')";
+
+// Never destroyed (its holder is trivially destructible): detached record
+// workers may still use it while the process exits.
+struct immortal_driver {
+    alignas(dbdriver_t) unsigned char storage[sizeof(dbdriver_t)];
+    dbdriver_t* drv;
+    immortal_driver() : drv(std::construct_at(reinterpret_cast<dbdriver_t*>(storage))) {
+        sqlite_init_record(*drv, "sqlite-int");
+    }
+};
+immortal_driver internal_db;
+
+bool connect_states(const std::string& statesfile) REQUIRES(sqliteint) {
+    return sqliteint.connect(nullptr, 0, nullptr, nullptr, statesfile.c_str()) == 0;
+}
+
+}  // namespace
+
+dbdriver_t& sqliteint = *internal_db.drv;
+
+int open_states_file(const std::string& statesfile) {
+    db_lock guard(sqliteint);
+    if (!connect_states(statesfile)) return -1;
+    if (sqliteint.query("select count(*) from rooms") < 0) sqliteint.query(sql_create_rooms);
+    if (sqliteint.query("select count(*) from cdrcache") < 0) {
+        sqliteint.query(sql_create_table);
+        sqliteint.query(sql_create_table_index);
+    }
+    sqliteint.free_result();
+    return 0;
+}
+
+int states_store_room(const std::string& statesfile, const std::string& room, bool close_after) {
+    char stamp[32] = "";
+    char empty[32] = "";
+    time_t now = time(nullptr);
+    struct tm tmv {};
+    localtime_r(&now, &tmv);
+    strftime(stamp, sizeof stamp, sqliteint.dateformat, &tmv);
+    strftime(stamp, sizeof stamp, sqliteint.timeformat, &tmv);
+    char statement[256];
+    snprintf(statement, sizeof statement, "replace into rooms values ('%s','%s','%s',0)",
+             room.c_str(), stamp, empty);
+
+    db_lock guard(sqliteint);
+    if (!connect_states(statesfile)) return -1;
+    sqliteint.query(statement);
+    if (close_after) sqliteint.close();
+    return 0;
+}
+
+int states_remove_room(const std::string& statesfile, const std::string& room) {
+    char statement[256];
+    snprintf(statement, sizeof statement, "delete from rooms where room='%s'", room.c_str());
+    db_lock guard(sqliteint);
+    if (!connect_states(statesfile)) return -1;
+    sqliteint.query(statement);
+    return 0;
+}
+
+int states_room_list(std::vector<std::string>& rooms, const std::string* statesfile) {
+    db_lock guard(sqliteint);
+    if (statesfile && !connect_states(*statesfile)) return -1;
+    if (sqliteint.query("select room from rooms") == 0) {
+        while (sqliteint.fetch_row() == 0) {
+            char room[32] = "";
+            sqliteint.fetch_char_field(0, room, sizeof room - 1);
+            rooms.emplace_back(room);
+        }
+    }
+    sqliteint.free_result();
+    return 0;
+}
+
+std::string cache_insert_statement(const char* const (&v)[cache_insert_values]) {
+    char query[2048];
+    snprintf(query, sizeof query, insert_format, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7],
+             v[8], v[9], v[10], v[11], v[12], v[13], v[14], v[15], v[16], v[17], v[18], v[19],
+             v[20], v[21]);
+    return query;
+}
+
+std::string cache_unposted_query(const std::string& room) {
+    char query[1024];
+    snprintf(query, sizeof query,
+             "select date(start),time(start),dst,billsec,-1 from cdrcache where src='%s' and "
+             "(userfield='NULL' or userfield=NULL or userfield='')",
+             room.c_str());
+    return query;
+}

@@ -1,0 +1,61 @@
+// The states file: the daemon's own SQLite database, with the `rooms` table
+// (the rooms it bills and captures) and the `cdrcache` table (calls cached
+// from the Manager). This module alone knows their statements.
+//
+// Contract:
+//  - `sqliteint` (named "sqlite-int") is the record of the states file; it
+//    lives for the whole process and is never torn down, so that threads
+//    still running while the process exits can use it.
+//  - The functions below take the record's lock themselves for their one
+//    statement; callers that walk rows (billing, capture) lock it with
+//    db_lock and run the statements of this module under it.
+//  - Texts are put between quotes as they are, without escaping.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "db/driver.h"
+
+extern dbdriver_t& sqliteint;
+
+// The statements that create the tables and the cache's index.
+extern const char* const sql_create_rooms;
+extern const char* const sql_create_table;        // cdrcache
+extern const char* const sql_create_table_index;  // its index
+
+// Opens the states file and creates `rooms` and `cdrcache` when missing.
+// 0, or -1 when the file cannot be opened.
+int open_states_file(const std::string& statesfile);
+
+// Writes `room` into `rooms` ("replace into", calls 0). Both stamps are
+// formatted from the same local time into one text, the time over the date:
+// the row gets the time of day in ci_date and an empty citime. With
+// `close_after` the states file is closed afterwards, and, being marked open,
+// never opened again. 0, or -1 when the states file cannot be opened.
+int states_store_room(const std::string& statesfile, const std::string& room, bool close_after);
+
+// Deletes `room` from `rooms`. 0, or -1 when the states file cannot be opened.
+int states_remove_room(const std::string& statesfile, const std::string& room);
+
+// The rooms of the `rooms` table. With `statesfile` the file is opened
+// first: -1 when it cannot be; otherwise 0.
+int states_room_list(std::vector<std::string>& rooms, const std::string* statesfile = nullptr);
+
+// The cache insert of one Cdr event; `values` in the order of the columns
+// clid, src, dst, dcontext, channel, dstchannel, lastapp, lastdata, start,
+// answer, end, duration, billsec, disposition, amaflags, c_from, c_to, cost,
+// accountcode, callclass, faxdata, uniqueid (userfield is inserted empty).
+constexpr int cache_insert_values = 22;
+std::string cache_insert_statement(const char* const (&values)[cache_insert_values]);
+
+// The select of a room's calls not yet posted: date, time, dst, billsec, -1.
+std::string cache_unposted_query(const std::string& room);
+
+// Templates run on the states file (placeholders filled by the template
+// routines): the mark of a posted call, and what an accepted posting answer
+// runs (the remove statement has no "where", so SQLite refuses it and the
+// cached call stays; with services:noremovecalls the mark runs instead).
+extern const char* const cache_mark_statement;
+extern const char* const pa_remove_statement;
+extern const char* const pa_mark_statement;
