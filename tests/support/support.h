@@ -13,7 +13,7 @@
 
 // A fresh folder under $TMPDIR (or /tmp), removed with its content at the end.
 class temp_dir {
-public:
+  public:
     temp_dir();
     ~temp_dir();
     temp_dir(const temp_dir&) = delete;
@@ -21,7 +21,7 @@ public:
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
 
-private:
+  private:
     std::string path_;
 };
 
@@ -31,14 +31,14 @@ std::string read_file(const std::string& path);
 // Collects what is written to descriptor `fd` (1 or 2) between its
 // construction and finish(), through the file `path`.
 class fd_capture {
-public:
+  public:
     fd_capture(int fd, const std::string& path);
     ~fd_capture() { finish(); }
     fd_capture(const fd_capture&) = delete;
     fd_capture& operator=(const fd_capture&) = delete;
     std::string finish();
 
-private:
+  private:
     int fd_;
     std::string path_;
     int saved_ = -1;
@@ -50,7 +50,6 @@ std::vector<std::string> lines_of(const std::string& text);
 // Matches a whole line against `pattern`, in which '#' stands for one digit
 // and '@' for one or more digits; every other character stands for itself.
 bool like(const std::string& pattern, const std::string& text);
-// Whether one of the lines of `text` is like `pattern`.
 bool has_line_like(const std::string& text, const std::string& pattern);
 // The time stamp that opens every log line, "%D %T".
 extern const std::string kStamp;
@@ -59,42 +58,43 @@ extern const std::string kStamp;
 bool wait_until(const std::function<bool()>& cond,
                 std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
-// A program run as a child; its standard output and error are collected
-// (merged, in arrival order) by a reader thread.
+// A program run as a child, killed when the test program dies; its standard
+// output and error go, merged, into an unnamed temporary file.
 class child_process {
-public:
+  public:
     child_process() = default;
     ~child_process();
     child_process(const child_process&) = delete;
     child_process& operator=(const child_process&) = delete;
 
-    // Starts argv[0] with the arguments; `stdin_text`, when given, is fed to
-    // its standard input (which is then closed). false when it cannot start.
-    bool start(const std::vector<std::string>& argv, const std::string* stdin_text = nullptr);
+    // Starts argv[0]; `stdin_text`, when given, is its standard input.
+    // `env` entries ("NAME=value") come before the inherited environment.
+    bool start(const std::vector<std::string>& argv, const std::string* stdin_text = nullptr,
+               const std::vector<std::string>& env = {});
 
     pid_t pid() const { return pid_; }
     std::string output() const;
-    // Waits until the output holds `text` (true) or `timeout` passes (false).
     bool wait_output(const std::string& text,
                      std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
     size_t count(const std::string& text) const;
     void signal(int signo) const;
-    // Waits for the child to end; its exit status, or -1 on time-out or when it
-    // was killed by a signal (then *signo is set when given).
+    // The exit status, or -1 on time-out or when a signal ended the child
+    // (then *signo is set when given).
     int wait_exit(std::chrono::milliseconds timeout = std::chrono::seconds(10),
                   int* signo = nullptr);
-    bool running();
-    // SIGKILL and reap, if still running.
+    bool running() { return !reap(false); }
+    // SIGTERM, up to `grace` of waiting, then stop().
+    void terminate(std::chrono::milliseconds grace);
+    // SIGKILL to the child's process group and reap, if still running.
     void stop();
 
-private:
+  private:
+    bool reap(bool block);  // whether the child has ended and been reaped
+
     pid_t pid_ = -1;
     int out_fd_ = -1;
     bool reaped_ = false;
     int status_ = 0;
-    std::thread reader_;
-    mutable std::mutex mutex_;
-    std::string output_;  // guarded by mutex_
 };
 
 // The pid of the process holding a write lock on `path`; 0 for none, -1
@@ -108,7 +108,7 @@ std::string find_program(const std::vector<std::string>& names);
 std::vector<std::vector<std::string>> sqlite_rows(const std::string& path, const std::string& sql);
 // Runs statements on the SQLite file `path`; false (with a test failure) on error.
 bool sqlite_exec(const std::string& path, const std::string& sql);
-// The schema as `sqlite3 FILE .schema` shows it (the statements of sqlite_master).
+// The statements of sqlite_master, each followed by ";\n".
 std::string sqlite_schema(const std::string& path);
 
 // Paths of the built programs and the source tree (set by the build).

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,26 +16,21 @@
 temp_dir::temp_dir() {
     const char* base = getenv("TMPDIR");
     std::string templ = std::string(base && *base ? base : "/tmp") + "/orlanbeck-test-XXXXXX";
-    std::vector<char> buf(templ.begin(), templ.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data())) path_ = buf.data();
+    if (mkdtemp(templ.data())) path_ = templ;
 }
 
 temp_dir::~temp_dir() {
-    if (path_.empty()) return;
     std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
+    if (!path_.empty()) std::filesystem::remove_all(path_, ec);
 }
 
 void write_file(const std::string& path, const std::string& text) {
-    std::ofstream f(path, std::ios::binary | std::ios::trunc);
-    f << text;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
 std::string read_file(const std::string& path) {
-    std::ifstream f(path, std::ios::binary);
     std::ostringstream ss;
-    ss << f.rdbuf();
+    ss << std::ifstream(path, std::ios::binary).rdbuf();
     return ss.str();
 }
 
@@ -63,20 +59,19 @@ std::vector<std::string> lines_of(const std::string& text) {
     return lines;
 }
 
-bool like(const std::string& pattern_text, const std::string& line) {
-    const char* pattern = pattern_text.c_str();
-    const char* text = line.c_str();
-    for (;; ++pattern, ++text) {
-        if (*pattern == '\0') return *text == '\0';
-        if (*pattern == '@') {
-            if (!isdigit(static_cast<unsigned char>(*text))) return false;
-            while (isdigit(static_cast<unsigned char>(text[1]))) ++text;
-        } else if (*pattern == '#') {
-            if (!isdigit(static_cast<unsigned char>(*text))) return false;
-        } else if (*pattern != *text) {
+bool like(const std::string& pattern, const std::string& line) {
+    auto digit = [](char c) { return isdigit(static_cast<unsigned char>(c)) != 0; };
+    size_t t = 0;
+    for (char p : pattern) {
+        if (t >= line.size()) return false;
+        if (p == '@' || p == '#') {
+            if (!digit(line[t++])) return false;
+            while (p == '@' && t < line.size() && digit(line[t])) ++t;
+        } else if (p != line[t++]) {
             return false;
         }
     }
+    return t == line.size();
 }
 
 bool has_line_like(const std::string& text, const std::string& pattern) {
@@ -89,68 +84,70 @@ const std::string kStamp = "##/##/## ##:##:##";
 
 bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds timeout) {
     auto end = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-        if (cond()) return true;
+    while (!cond()) {
         if (std::chrono::steady_clock::now() >= end) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-}
-
-child_process::~child_process() { stop(); }
-
-bool child_process::start(const std::vector<std::string>& argv, const std::string* stdin_text) {
-    int out[2], in[2] = {-1, -1};
-    if (pipe2(out, O_CLOEXEC) < 0) return false;
-    if (stdin_text && pipe2(in, O_CLOEXEC) < 0) return false;
-    std::vector<char*> args;
-    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    pid_ = fork();
-    if (pid_ < 0) return false;
-    if (pid_ == 0) {
-        setpgid(0, 0);
-        dup2(out[1], 1);
-        dup2(out[1], 2);
-        if (stdin_text) {
-            dup2(in[0], 0);
-        } else {
-            int null_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-            dup2(null_fd, 0);
-        }
-        execv(args[0], args.data());
-        _exit(127);
-    }
-    close(out[1]);
-    out_fd_ = out[0];
-    if (stdin_text) {
-        close(in[0]);
-        std::string text = *stdin_text;
-        int fd = in[1];
-        std::thread([fd, text] {
-            size_t off = 0;
-            while (off < text.size()) {
-                ssize_t n = write(fd, text.data() + off, text.size() - off);
-                if (n <= 0) break;
-                off += static_cast<size_t>(n);
-            }
-            close(fd);
-        }).detach();
-    }
-    reader_ = std::thread([this] {
-        char buf[4096];
-        for (;;) {
-            ssize_t n = read(out_fd_, buf, sizeof buf);
-            if (n <= 0) break;
-            std::lock_guard<std::mutex> guard(mutex_);
-            output_.append(buf, static_cast<size_t>(n));
-        }
-    });
     return true;
 }
 
+namespace {
+
+// An open, already unlinked temporary file holding `text`.
+int unnamed_file(const std::string& text) {
+    const char* base = getenv("TMPDIR");
+    std::string path = std::string(base && *base ? base : "/tmp") + "/orlanbeck-child-XXXXXX";
+    int fd = mkostemp(path.data(), O_CLOEXEC);
+    if (fd < 0) return -1;
+    unlink(path.c_str());
+    if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+        close(fd);
+        return -1;
+    }
+    lseek(fd, 0, SEEK_SET);
+    return fd;
+}
+
+}  // namespace
+
+child_process::~child_process() {
+    stop();
+    if (out_fd_ >= 0) close(out_fd_);
+}
+
+bool child_process::start(const std::vector<std::string>& argv, const std::string* stdin_text,
+                          const std::vector<std::string>& env) {
+    out_fd_ = unnamed_file("");
+    int in_fd = stdin_text ? unnamed_file(*stdin_text) : open("/dev/null", O_RDONLY | O_CLOEXEC);
+    std::vector<char*> args, envp;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    // getenv() takes the first entry of a name, so these win over inherited ones.
+    for (const std::string& e : env) envp.push_back(const_cast<char*>(e.c_str()));
+    for (char** e = environ; *e; ++e) envp.push_back(*e);
+    args.push_back(nullptr);
+    envp.push_back(nullptr);
+    pid_t parent = getpid();
+    pid_ = out_fd_ < 0 || in_fd < 0 ? -1 : fork();
+    if (pid_ == 0) {  // only async-signal-safe calls until exec
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) _exit(127);
+        setpgid(0, 0);
+        dup2(in_fd, 0);
+        dup2(out_fd_, 1);
+        dup2(out_fd_, 2);
+        execve(args[0], args.data(), envp.data());
+        _exit(127);
+    }
+    if (in_fd >= 0) close(in_fd);
+    return pid_ > 0;
+}
+
 std::string child_process::output() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return output_;
+    std::string out;
+    char buf[4096];
+    for (ssize_t n; out_fd_ >= 0 && (n = pread(out_fd_, buf, sizeof buf, out.size())) > 0;)
+        out.append(buf, static_cast<size_t>(n));
+    return out;
 }
 
 bool child_process::wait_output(const std::string& text, std::chrono::milliseconds timeout) const {
@@ -160,8 +157,7 @@ bool child_process::wait_output(const std::string& text, std::chrono::millisecon
 size_t child_process::count(const std::string& text) const {
     std::string out = output();
     size_t n = 0;
-    for (size_t pos = out.find(text); pos != std::string::npos; pos = out.find(text, pos + 1))
-        ++n;
+    for (size_t at = out.find(text); at != std::string::npos; at = out.find(text, at + 1)) ++n;
     return n;
 }
 
@@ -169,57 +165,29 @@ void child_process::signal(int signo) const {
     if (pid_ > 0) kill(pid_, signo);
 }
 
-int child_process::wait_exit(std::chrono::milliseconds timeout, int* signo) {
-    if (pid_ <= 0) return -1;
-    if (!reaped_) {
-        bool done = wait_until(
-            [&] {
-                int st;
-                pid_t r = waitpid(pid_, &st, WNOHANG);
-                if (r == pid_) {
-                    status_ = st;
-                    reaped_ = true;
-                }
-                return reaped_;
-            },
-            timeout);
-        if (!done) return -1;
-    }
-    if (WIFSIGNALED(status_)) {
-        if (signo) *signo = WTERMSIG(status_);
-        return -1;
-    }
-    return WEXITSTATUS(status_);
+bool child_process::reap(bool block) {
+    if (pid_ <= 0 || reaped_) return true;
+    reaped_ = waitpid(pid_, &status_, block ? 0 : WNOHANG) == pid_;
+    return reaped_;
 }
 
-bool child_process::running() {
-    if (pid_ <= 0 || reaped_) return false;
-    int st;
-    pid_t r = waitpid(pid_, &st, WNOHANG);
-    if (r == pid_) {
-        status_ = st;
-        reaped_ = true;
-        return false;
-    }
-    return true;
+int child_process::wait_exit(std::chrono::milliseconds timeout, int* signo) {
+    if (pid_ <= 0 || !wait_until([&] { return reap(false); }, timeout)) return -1;
+    if (WIFSIGNALED(status_) && signo) *signo = WTERMSIG(status_);
+    return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
+}
+
+void child_process::terminate(std::chrono::milliseconds grace) {
+    signal(SIGTERM);
+    wait_exit(grace);
+    stop();
 }
 
 void child_process::stop() {
     if (pid_ > 0 && !reaped_) {
         kill(-pid_, SIGKILL);
         kill(pid_, SIGKILL);
-        int st;
-        if (waitpid(pid_, &st, 0) == pid_) status_ = st;
-        reaped_ = true;
-    }
-    if (reader_.joinable()) {
-        // The child's group is gone; grandchildren (a daemon) may still hold
-        // the pipe, so the reader is not waited for past its end of file.
-        reader_.join();
-    }
-    if (out_fd_ >= 0) {
-        close(out_fd_);
-        out_fd_ = -1;
+        reap(true);
     }
 }
 
@@ -238,12 +206,9 @@ std::string find_program(const std::vector<std::string>& names) {
     dirs += ":/usr/sbin:/usr/local/sbin:/usr/bin:/usr/local/bin:/sbin:/bin";
     for (const std::string& name : names) {
         std::stringstream ss(dirs);
-        std::string dir;
-        while (std::getline(ss, dir, ':')) {
-            if (dir.empty()) continue;
-            std::string path = dir + "/" + name;
-            if (access(path.c_str(), X_OK) == 0) return path;
-        }
+        for (std::string dir; std::getline(ss, dir, ':');)
+            if (!dir.empty() && access((dir + "/" + name).c_str(), X_OK) == 0)
+                return dir + "/" + name;
     }
     return "";
 }
@@ -251,23 +216,19 @@ std::string find_program(const std::vector<std::string>& names) {
 std::vector<std::vector<std::string>> sqlite_rows(const std::string& path, const std::string& sql) {
     std::vector<std::vector<std::string>> rows;
     sqlite3* db = nullptr;
+    sqlite3_stmt* st = nullptr;
     if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
         ADD_FAILURE() << "cannot open " << path;
-        sqlite3_close(db);
-        return rows;
-    }
-    sqlite3_busy_timeout(db, 5000);
-    sqlite3_stmt* st = nullptr;
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr) != SQLITE_OK) {
+    } else if (sqlite3_busy_timeout(db, 5000),
+               sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr) != SQLITE_OK) {
         ADD_FAILURE() << sqlite3_errmsg(db) << " in " << sql;
     } else {
         while (sqlite3_step(st) == SQLITE_ROW) {
-            std::vector<std::string> row;
+            rows.emplace_back();
             for (int i = 0; i < sqlite3_column_count(st); ++i) {
                 const unsigned char* t = sqlite3_column_text(st, i);
-                row.emplace_back(t ? reinterpret_cast<const char*>(t) : "NULL");
+                rows.back().emplace_back(t ? reinterpret_cast<const char*>(t) : "NULL");
             }
-            rows.push_back(std::move(row));
         }
     }
     sqlite3_finalize(st);
@@ -294,7 +255,9 @@ std::string sqlite_schema(const std::string& path) {
     return out;
 }
 
+// clang-format off
 std::string orlanbeck_binary() { return ORLANBECK_BINARY; }
 std::string source_dir() { return ORLANBECK_SOURCE_DIR; }
 std::string pms_sim_binary() { return ORLANBECK_PMS_SIM; }
 std::string mgr_sim_binary() { return ORLANBECK_MGR_SIM; }
+// clang-format on
