@@ -1,60 +1,79 @@
 #include "support_daemon.h"
 
-ini_file& ini_file::set(const std::string& section, const std::string& key,
-                        const std::string& value) {
-    for (auto& [name, keys] : sections_) {
-        if (name != section) continue;
-        for (auto& kv : keys)
-            if (kv.first == key) {
-                kv.second = value;
-                return *this;
-            }
-        keys.emplace_back(key, value);
-        return *this;
+using namespace std::chrono_literals;
+
+void daemon_run::write_config() const {
+    std::string text;
+    for (const auto& [section, keys] : config_) {
+        text += "[" + section + "]\n";
+        for (const auto& [key, value] : keys) text += key + " = " + value + "\n";
     }
-    sections_.push_back({section, {{key, value}}});
-    return *this;
+    write_file(config_path(), text);
 }
 
-ini_file& ini_file::unset(const std::string& section, const std::string& key) {
-    for (auto& [name, keys] : sections_)
-        if (name == section)
-            std::erase_if(keys, [&](const auto& kv) { return kv.first == key; });
-    return *this;
-}
-
-std::string ini_file::text() const {
-    std::string out;
-    for (const auto& [name, keys] : sections_) {
-        out += "[" + name + "]\n";
-        for (const auto& [k, v] : keys) out += k + " = " + v + "\n";
-        out += "\n";
-    }
-    return out;
-}
-
-daemon_run::daemon_run(int pms_port) {
-    config_.set("pms", "host", "127.0.0.1")
-        .set("pms", "port", std::to_string(pms_port))
+daemon_run::daemon_run(bool pms_up)
+    : pms([this] {
+          pms_sim::options opts;
+          opts.port = pms_port_;
+          return opts;
+      }()),
+      pms_up_(pms_up) {
+    set("pms", "host", "127.0.0.1")
+        .set("pms", "port", std::to_string(pms_port_))
         .set("pms", "interface", "PB")
         .set("pms", "statesfile", states_file())
         .set("logger", "log_level", "5")
         .set("logger", "log_file", dir_.file("orlanbeck.log"))
         .set("pbx", "dbdriver", "sqlite")
         .set("pbx", "database", pbx_file());
+    if (pms_up_) pms.start();
 }
 
-daemon_run::~daemon_run() { proc_.stop(); }
+void daemon_run::use_manager() {
+    manager_ = mgr.start();
+    set("services", "cdr_use_manager", "yes")
+        .set("services", "cdr_mgr_host", "127.0.0.1")
+        .set("services", "cdr_mgr_port", std::to_string(mgr.port()))
+        .set("services", "cdr_mgr_user", "orlanbeck")
+        .set("services", "cdr_mgr_password", "secret")
+        .set("services", "cdr_mgr_events", "cdr");
+}
 
-void daemon_run::write_config() { write_file(config_path(), config_.text()); }
+void daemon_run::use_log_templates() {
+    sqlite_exec(pbx_file(), "create table log (what text, exten text, a text, b text, c text)");
+    for (const char* key : {"checkin", "checkout", "bareon", "bareoff", "dndon", "dndoff",
+                            "wakeup_set", "wakeup_clear"}) {
+        std::string what = key;
+        std::string values = what.starts_with("check")    ? "%name%','%lang%','%share%"
+                             : what.starts_with("wakeup") ? "%date%','%time%','"
+                                                          : "','','";
+        set("services", key,
+            "pbx:insert into log values ('" + what + "','%exten%','" + values + "')");
+    }
+}
 
 bool daemon_run::start() {
+    if (pms_up_ && pms.port() != pms_port_) return false;
     write_config();
-    return proc_.start({orlanbeck_binary(), "-f", "-d", "-c", config_path()});
+    if (!proc_.start({orlanbeck_binary(), "-f", "-d", "-c", config_path()}, nullptr,
+                     {"ORLANBECK_TEST_BILLING_PERIOD_MS=200", "ORLANBECK_TEST_RECORD_PAUSE_MS=20"}))
+        return false;
+    if (!pms_up_) return true;
+    if (!pms.wait_link_active(15s) || !wait_log("Received Link active packet from PMS"))
+        return false;
+    return !manager_ || (mgr.wait_logins(1, 15s) && wait_log("connected successfully!"));
+}
+
+bool daemon_run::play(const std::vector<std::string>& records, const std::string& last_line) {
+    for (const std::string& r : records)
+        if (!pms.send_record(r)) return false;
+    if (!wait_log(last_line)) return false;
+    std::this_thread::sleep_for(200ms);
+    return true;
 }
 
 std::string daemon_run::log_after(const std::string& marker) const {
     std::string out = log();
-    size_t pos = out.find(marker);
-    return pos == std::string::npos ? std::string() : out.substr(pos);
+    size_t at = out.find(marker);
+    return at == std::string::npos ? std::string() : out.substr(at);
 }

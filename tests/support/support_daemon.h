@@ -1,64 +1,80 @@
-// Runs the built daemon as a child process for scenario tests: a
-// configuration in a temporary folder, the daemon in the foreground with
-// console logging, and a look at its log and databases.
+// The built daemon as a child process for scenario tests: in the foreground
+// with console logging, configured in a temporary folder, linked to a PMS
+// simulator (and, when asked, a Manager simulator), with billing cycles and
+// record pauses shortened through the environment.
 #pragma once
 
 #include <map>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "netutil.h"
+#include "sim_mgr.h"
+#include "sim_pms.h"
 #include "support.h"
 
-// An INI file built key by key; sections keep their first-use order.
-class ini_file {
-public:
-    ini_file& set(const std::string& section, const std::string& key, const std::string& value);
-    ini_file& unset(const std::string& section, const std::string& key);
-    std::string text() const;
-
-private:
-    std::vector<std::pair<std::string, std::vector<std::pair<std::string, std::string>>>> sections_;
-};
+using sql_rows = std::vector<std::vector<std::string>>;
 
 class daemon_run {
-public:
-    // A configuration whose PMS is 127.0.0.1:pms_port, with the states file
-    // and a SQLite PBX database ([pbx]) in the temporary folder.
-    explicit daemon_run(int pms_port);
-    ~daemon_run();
+    int pms_port_ = pick_free_port();  // before pms, which listens on it
 
-    ini_file& config() { return config_; }
+  public:
+    // The PMS simulator is started now or, with `pms_up` false, by the test.
+    explicit daemon_run(bool pms_up = true);
+    ~daemon_run() { proc_.stop(); }
+
+    pms_sim pms;
+    mgr_sim mgr;
+    int pms_port() const { return pms_port_; }
+
+    // The configuration. The states file, a SQLite PBX database ([pbx]) and
+    // the log file are in the temporary folder.
+    daemon_run& set(const std::string& section, const std::string& key, const std::string& value) {
+        config_[section][key] = value;
+        return *this;
+    }
+    daemon_run& unset(const std::string& section, const std::string& key) {
+        config_[section].erase(key);
+        return *this;
+    }
     const temp_dir& dir() const { return dir_; }
+    std::string config_path() const { return dir_.file("orlanbeck.conf"); }
     std::string states_file() const { return dir_.file("states.db"); }
     std::string pbx_file() const { return dir_.file("pbx.db"); }
-    std::string config_path() const { return dir_.file("orlanbeck.conf"); }
+    void write_config() const;
+    // Starts the Manager simulator and has the daemon cache its calls.
+    void use_manager();
+    // Guest templates (checkin, checkout, bareon, bareoff, dndon, dndoff,
+    // wakeup_set, wakeup_clear) that insert into the PBX table `log`.
+    void use_log_templates();
+    sql_rows pbx_log() const { return pbx("select what, exten, a, b, c from log order by rowid"); }
 
-    // Writes the configuration and starts "orlanbeck -f -d -c <file>".
+    // Writes the configuration and starts "orlanbeck -f -d -c <file>". With
+    // the PMS up, false unless the link (and the Manager login) is made.
     bool start();
-    // Rewrites the configuration file (for reload tests).
-    void write_config();
+    // Sends the records, waits until the log holds `last_line`, then a moment
+    // more for the handler's statement after its log line.
+    bool play(const std::vector<std::string>& records, const std::string& last_line);
 
     child_process& process() { return proc_; }
     std::string log() const { return proc_.output(); }
-    bool wait_log(const std::string& text,
-                  std::chrono::milliseconds timeout = std::chrono::seconds(15)) const {
-        return proc_.wait_output(text, timeout);
+    bool wait_log(const std::string& text) const {
+        return proc_.wait_output(text, std::chrono::seconds(15));
     }
     size_t count_log(const std::string& text) const { return proc_.count(text); }
-    // Log text after the first occurrence of `marker` (empty when absent).
+    // Log text from the first occurrence of `marker` on (empty when absent).
     std::string log_after(const std::string& marker) const;
-
-    std::vector<std::vector<std::string>> pbx(const std::string& sql) const {
-        return sqlite_rows(pbx_file(), sql);
+    bool wait_log_after(const std::string& marker, const std::string& text) const {
+        return wait_until([&] { return log_after(marker).find(text) != std::string::npos; });
     }
-    std::vector<std::vector<std::string>> states(const std::string& sql) const {
-        return sqlite_rows(states_file(), sql);
-    }
-    void stop() { proc_.stop(); }
 
-private:
+    sql_rows pbx(const std::string& sql) const { return sqlite_rows(pbx_file(), sql); }
+    sql_rows states(const std::string& sql) const { return sqlite_rows(states_file(), sql); }
+
+  private:
     temp_dir dir_;
-    ini_file config_;
+    std::map<std::string, std::map<std::string, std::string>> config_;
+    bool pms_up_;
+    bool manager_ = false;
     child_process proc_;
 };

@@ -1,0 +1,137 @@
+// Behaviours the daemon keeps on purpose although they surprise, each pinned
+// once, end to end against the simulators.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <regex>
+
+#include "support_daemon.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+TEST(Compatibility, LinkStartUpRecordsAndAHangupInTheForeground) {
+    daemon_run run;
+    ASSERT_TRUE(run.start()) << run.log();
+    EXPECT_EQ(1u, run.pms.count_frames("LS|"));
+    EXPECT_EQ(9u, run.pms.count_frames("LR|"));
+    auto ld = run.pms.frames("LD|");
+    ASSERT_EQ(1u, ld.size());
+    EXPECT_TRUE(std::regex_match(ld[0], std::regex(R"(LD\|DA\d{6}\|TI\d{6}\|V#1\.01\|IFPB\|)")))
+        << ld[0];
+
+    // In the foreground there are no signal handlers: SIGHUP ends the daemon.
+    run.process().signal(SIGHUP);
+    int signo = 0;
+    EXPECT_EQ(-1, run.process().wait_exit(10s, &signo));
+    EXPECT_EQ(SIGHUP, signo);
+}
+
+TEST(Compatibility, ACheckInClosesTheStatesFileAndTheCallCacheForGood) {
+    daemon_run run;
+    run.use_log_templates();
+    run.use_manager();
+    run.set("rooms", "room1", "101");
+    ASSERT_TRUE(run.start()) << run.log();
+    ASSERT_TRUE(run.play({"GI|RN101|GNSmith|"}, "\tName: Smith")) << run.log();
+    ASSERT_TRUE(wait_until([&] { return run.pbx_log().size() == 1; }));
+    // The row carries the time of day as its date and an empty time.
+    sql_rows room = run.states("select ci_date, citime, calls from rooms where room='101'");
+    ASSERT_EQ(1u, room.size());
+    EXPECT_TRUE(std::regex_match(room[0][0], std::regex(R"(\d\d:\d\d:\d\d)"))) << room[0][0];
+    EXPECT_EQ("", room[0][1]);
+    EXPECT_EQ("0", room[0][2]);
+
+    // The check-out that follows cannot delete the row.
+    ASSERT_TRUE(run.play({"GO|RN101|"}, "Checkout"));
+    ASSERT_TRUE(wait_until([&] { return run.pbx_log().size() == 2; }));
+    EXPECT_TRUE(run.wait_log_after("Checkout", "Sqlite query error"));
+    EXPECT_EQ(1u, run.states("select room from rooms where room='101'").size());
+
+    // Nor is a call from the Manager cached.
+    run.mgr.send_cdr(mgr_cdr_event::make("101", "5551234", "2009-05-14 10:20:30", 125));
+    ASSERT_TRUE(run.wait_log_after("sending cache insert query", "Sqlite query error"))
+        << run.log();
+    EXPECT_TRUE(run.states("select src from cdrcache").empty());
+}
+
+TEST(Compatibility, DatesCostsAndDoNotDisturbInStatementsAndRecords) {
+    daemon_run run;
+    run.use_log_templates();
+    run.unset("services", "bareoff").unset("services", "dndon");
+    ASSERT_TRUE(sqlite_exec(run.pbx_file(),
+                            "create table calls (src, calldate, calltime, dst, billsec, cost, "
+                            "posted default 0, billed default '');"
+                            "insert into calls values ('101','2009-05-14','10:20:30','5551234',"
+                            "125,498,0,'');"));
+    run.set("rooms", "room1", "101")
+        .set("services", "billcalls",
+             "pbx:select calldate, calltime, dst, billsec, cost from calls where src='%exten%' "
+             "and posted=0")
+        .set("services", "billmark",
+             "pbx:update calls set posted=1 where src='%exten%' and calldate='%date%' and "
+             "calltime='%time%'")
+        .set("services", "billok", "pbx:update calls set billed='%seqno%' where src='%exten%'");
+    ASSERT_TRUE(run.start()) << run.log();
+
+    // A cost goes out as a number field: the count of its digits.
+    auto ps = run.pms.wait_for_frame("PS|", 10s);
+    ASSERT_TRUE(ps) << run.log();
+    EXPECT_EQ("PS|P#0001|RN101|PTC|TA3|DA090514|TI102030|DU000205|DD5551234|", *ps);
+    ASSERT_TRUE(wait_until([&] {
+        return run.pbx("select posted, billed from calls") == sql_rows{{"1", "0001"}};
+    })) << run.log();
+
+    // DND on is acted upon only when a bar-off template exists, DND off only
+    // when a DND-on template exists.
+    ASSERT_TRUE(run.play({"RE|RN101|DNY|", "RE|RN101|DNN|"}, "Phone DND off"));
+    EXPECT_EQ(1u, run.count_log("Phone DND on"));
+    EXPECT_TRUE(run.pbx_log().empty());
+
+    // The pair "09" reads as 0; the month goes into the date one ahead.
+    ASSERT_TRUE(run.play({"WR|RN101|DA091015|TI063000|"}, "Wakeup set"));
+    ASSERT_TRUE(wait_until([&] { return run.pbx_log().size() == 1; }));
+    std::string log = run.log_after("Wakeup set");
+    EXPECT_NE(std::string::npos, log.find("\tDate: 00-10-15"));
+    EXPECT_NE(std::string::npos, log.find("\tTime: 06:30:00"));
+    EXPECT_EQ((sql_rows{{"wakeup_set", "101", "2000-11-15", "06:30:00", ""}}), run.pbx_log());
+    ASSERT_TRUE(run.play({"WC|RN101|"}, "Wakeup clear"));
+    ASSERT_TRUE(wait_until([&] { return run.pbx_log().size() == 2; }));
+    EXPECT_EQ((std::vector<std::string>{"wakeup_clear", "101", "", "", ""}), run.pbx_log()[1]);
+    EXPECT_EQ(std::string::npos, run.log_after("Wakeup clear").find("\tDate:"));
+}
+
+TEST(Compatibility, PostingAnswersInTheStatementsOfTheCallCache) {
+    {
+        // The remove statement has no "where": SQLite refuses it and the row stays.
+        daemon_run run;
+        run.use_manager();
+        run.set("rooms", "room1", "101");
+        ASSERT_TRUE(run.start()) << run.log();
+        run.mgr.send_cdr(mgr_cdr_event::make("101", "5551234", "2009-05-14 10:20:30", 125));
+        const std::string remove =
+            "OK query is: delete from cdrcache src='101' and date(start)='2000-06-14' and "
+            "time(start)='10:20:30'";
+        ASSERT_TRUE(run.wait_log(remove)) << run.log();
+        EXPECT_TRUE(run.wait_log_after(remove, "Sqlite query error"));
+        EXPECT_EQ(1u, run.states("select src from cdrcache").size());
+    }
+    // With noremovecalls the row is marked instead; the answer's month goes in
+    // zero-based, so an answer naming the month before matches the call.
+    daemon_run run;
+    run.use_manager();
+    run.set("rooms", "room1", "101").set("services", "noremovecalls", "1");
+    run.pms.set_answer(pms_sim::answer_mode::none);
+    ASSERT_TRUE(run.start()) << run.log();
+    run.mgr.send_cdr(mgr_cdr_event::make("101", "5551234", "2010-04-14 10:20:30", 61));
+    auto ps = run.pms.wait_for_frame("PS|", 10s);
+    ASSERT_TRUE(ps) << run.log();
+    EXPECT_EQ("PS|P#0001|RN101|PTT|DA100414|TI102030|DU000101|DD5551234|", *ps);
+    ASSERT_TRUE(run.pms.send_record("PA|ASOK|RN101|P#0001|DA100314|TI102030|"));
+    ASSERT_TRUE(wait_until([&] {
+        return run.states("select userfield from cdrcache") == sql_rows{{"0001"}};
+    })) << run.log();
+}
+
+}  // namespace
