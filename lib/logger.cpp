@@ -1,6 +1,7 @@
 #include "logger.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -23,6 +24,7 @@ constexpr size_t kLineSize = 1024;
 std::atomic<int> log_level{1};
 std::atomic<int> log_to_syslog{1};
 std::atomic<int> dont_log{0};
+std::atomic<unsigned> file_mode{0};
 // Seconds east of UTC, as last seen by write_log(), for the signal-safe path.
 std::atomic<long> utc_offset{0};
 
@@ -114,6 +116,27 @@ int logger_init(const char* path, int level, int to_syslog, int disable) {
     return 0;
 }
 
+void logger_set_file_mode(unsigned mode) {
+    file_mode = mode;
+}
+
+namespace {
+
+// The log file opened for appending, with the mode asked for.
+FILE* open_log(const char* path) {
+    const unsigned mode = file_mode;
+    if (mode == 0) return fopen(path, "ae");
+    int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, mode);
+    if (fd < 0) return nullptr;
+    struct stat st;
+    if (fstat(fd, &st) == 0 && (st.st_mode & 07777) != mode) fchmod(fd, mode);
+    FILE* f = fdopen(fd, "a");
+    if (!f) close(fd);
+    return f;
+}
+
+}  // namespace
+
 void set_log_level(int level) {
     log_level = level;
 }
@@ -150,7 +173,7 @@ void write_log(int level, const char* file, int line, const char* function, cons
     char path[kLineSize];
     copy_path(path);
     if (path[0]) {
-        if (FILE* f = fopen(path, "ae")) {
+        if (FILE* f = open_log(path)) {
             fprintf(f, "%s: %s\n", stamp, buf);
             fclose(f);
             return;
@@ -186,8 +209,10 @@ void write_log_async_safe(int level, const char* file, int line, const char* fun
     }
     out.add(message);
     out.add("\n");
-    int fd =
-        logfile_path[0] ? open(logfile_path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666) : -1;
+    const unsigned mode = file_mode;
+    int fd = logfile_path[0]
+                 ? open(logfile_path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, mode ? mode : 0666)
+                 : -1;
     int target = fd >= 0 ? fd : 2;
     [[maybe_unused]] ssize_t w = write(target, out.buf, out.len);
     if (fd >= 0) close(fd);

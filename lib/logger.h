@@ -30,6 +30,10 @@ int logger_init(const char* path, int level, int to_syslog, int disable);
 
 void set_log_level(int level);
 
+// Log files get exactly `mode` (e.g. 0640), whatever the umask, also when
+// they exist already; 0 (the default) leaves creation to the umask.
+void logger_set_file_mode(unsigned mode);
+
 void write_log(int level, const char* file, int line, const char* function, const char* format, ...)
     __attribute__((format(printf, 5, 6)));
 

@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "logger.h"
 
@@ -103,6 +104,36 @@ rooms_settings read_rooms(const dictionary* d) {
     return r;
 }
 
+// [fixes]: every key yes/no, `all` the default of the others.
+fixes_settings read_fixes(const dictionary* d) {
+    const bool all = iniparser_getboolean(d, "fixes:all", 0) != 0;
+    fixes_settings f;
+    const struct {
+        const char* key;
+        bool& value;
+    } keys[] = {{"link_end", f.link_end},
+                {"ordered_records", f.ordered_records},
+                {"signals", f.signals},
+                {"reload", f.reload},
+                {"exit_status", f.exit_status},
+                {"quiet", f.quiet},
+                {"private_files", f.private_files}};
+    for (const auto& k : keys)
+        k.value = iniparser_getboolean(d, ("fixes:" + std::string(k.key)).c_str(), all) != 0;
+
+    int n = iniparser_getsecnkeys(d, "fixes");
+    if (n <= 0) return f;
+    std::vector<const char*> names(static_cast<size_t>(n));
+    if (!iniparser_getseckeys(d, "fixes", names.data())) return f;
+    for (const char* full : names) {
+        const char* key = full + strlen("fixes:");
+        bool known = strcmp(key, "all") == 0;
+        for (const auto& k : keys) known = known || strcmp(key, k.key) == 0;
+        if (!known) LOG(L_WARNING, "Unknown key \"%s\" in [fixes]: ignored", key);
+    }
+    return f;
+}
+
 // A fresh driver list: the records of this load, newest first, then the
 // records of earlier loads that no new record shadows.
 std::vector<dbdriver_ptr> merge_drivers(std::vector<dbdriver_ptr> fresh,
@@ -156,6 +187,7 @@ bool parse_config_file(const std::string& path, config& cfg) {
     read_text(d, "services:remark", cfg.remark);
 
     cfg.rooms = read_rooms(d);
+    cfg.fixes = read_fixes(d);
     return true;
 }
 

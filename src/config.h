@@ -43,7 +43,24 @@ struct rooms_settings {
     opt_text ldap_attribute;
 };
 
+// [fixes]: corrections of behaviours that a real installation cannot live
+// with. Every key is yes/no; `all` is the default of every key, and a key
+// that is present overrides it. All off (the section absent) is the
+// daemon's long-standing behaviour. signals, ordered_records and
+// private_files take effect at start only.
+struct fixes_settings {
+    bool link_end = false;         // end of stream, failed writes and "LE" drop the link
+    bool ordered_records = false;  // one worker in arrival order, no pause per record
+    bool signals = false;          // handlers in the foreground too; a crash ends non-zero
+    bool reload = false;           // SIGHUP re-reads rooms, moves PMS and Manager connections
+    bool exit_status = false;      // an unreadable file on reload ends with status 1
+    bool quiet = false;            // statements to the log at DEBUG, nothing on standard output
+    bool private_files = false;    // log and states file 0640; the Manager secret never logged
+};
+
 struct config {
+    // [fixes]
+    fixes_settings fixes;
     // [pms]
     std::string pmshost = "localhost";
     uint16_t pmsport = 5010;

@@ -6,6 +6,7 @@
 // It reads the link and hands each record to a worker of its own; signals are
 // counted by their handlers and acted upon here.
 #include <getopt.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -13,9 +14,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <future>
+#include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "billing/background.h"
 #include "config.h"
@@ -25,6 +27,7 @@
 #include "handlers/dispatch.h"
 #include "logger.h"
 #include "mgr/cdr.h"
+#include "owned_thread.h"
 #include "process.h"
 #include "rooms/rooms.h"
 #include "states/states.h"
@@ -98,42 +101,24 @@ options get_options(int argc, char** argv) {
     return opts;
 }
 
-// A thread of the process that can be waited for with a deadline: one that
-// the design leaves blocked for good is given up on, not joined.
-class owned_thread {
-  public:
-    template <typename F>
-    void start(F body) {
-        std::packaged_task<void()> task(std::move(body));
-        done_ = task.get_future();
-        thread_ = std::thread(std::move(task));
-    }
-    // True when the thread ended (and was joined) before `deadline`.
-    bool join_until(std::chrono::steady_clock::time_point deadline) {
-        if (!thread_.joinable()) return true;
-        if (done_.wait_until(deadline) != std::future_status::ready) {
-            thread_.detach();
-            return false;
-        }
-        thread_.join();
-        return true;
-    }
-
-  private:
-    std::thread thread_;
-    std::future<void> done_;
-};
-
 // What the signal handlers act on. They run in the main thread, from
-// signal_handle_all(), never in a signal context (SIGABRT excepted, which
-// has its own handler).
+// signal_handle_all(), never in a signal context (fault signals excepted,
+// which have their own handler).
 struct process_state {
     options opts;
     config_loader* configs = nullptr;
     pms_link* link = nullptr;
-    stop_flag stop;
+    // The corrections in force for the whole run, from the first load.
+    fixes_settings start_fixes;
+    std::string statesfile;
+    stop_flag stop;  // billing
     owned_thread billing;
+    // The capture thread and its stop flag; flags of threads that were given
+    // up on are kept, since those threads may still look at them.
+    std::vector<std::unique_ptr<stop_flag>> capture_stops;
     owned_thread capture;
+    std::unique_ptr<ordered_records> ordered;
+    bool pms_moved = false;  // the link was ended to connect elsewhere
 };
 process_state* self = nullptr;
 
@@ -142,14 +127,33 @@ void apply_logger(const config& cfg) {
                 cfg.disable_log);
 }
 
-// Stops the billing and capture threads (waiting a few seconds at most),
-// drops the link, closes the databases whose lock is free, removes the pid
-// file and ends the process with `status`.
+pms_link::options link_options(const config& cfg) {
+    return pms_link::options{cfg.fixes.link_end, cfg.fixes.quiet};
+}
+
+void start_capture(const config_ptr& cfg) {
+    if (!cfg->use_manager) return;
+    self->capture_stops.push_back(std::make_unique<stop_flag>());
+    stop_flag& stop = *self->capture_stops.back();
+    self->capture.start([cfg, &stop] { cdrmanager_thread(cfg, stop); });
+}
+
+// Stops the capture thread, waiting until `deadline` at most.
+bool stop_capture(std::chrono::steady_clock::time_point deadline) {
+    if (!self->capture.running()) return true;
+    self->capture_stops.back()->request();
+    return self->capture.join_until(deadline);
+}
+
+// Stops the billing and capture threads (and the record worker), waiting a
+// few seconds at most, drops the link, closes the databases whose lock is
+// free, removes the pid file and ends the process with `status`.
 [[noreturn]] void shut_down(int status) {
     self->stop.request();
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-    bool billing_joined = self->billing.join_until(deadline);
-    bool capture_joined = self->capture.join_until(deadline);
+    bool joined = self->billing.join_until(deadline);
+    joined = stop_capture(deadline) && joined;
+    if (self->ordered) joined = self->ordered->stop(deadline) && joined;
     self->link->drop();
     // A record worker may still be using a database: one whose lock is taken
     // is left as it is.
@@ -166,7 +170,7 @@ void apply_logger(const config& cfg) {
     fflush(nullptr);
     // A thread that could not be joined may still touch the process's
     // objects: leave without running their destructors.
-    if (!billing_joined || !capture_joined) _exit(status);
+    if (!joined) _exit(status);
     exit(status);
 }
 
@@ -175,26 +179,60 @@ void sig_term(int signo) {
     shut_down(0);
 }
 
-// SIGABRT runs at once, in whatever thread it hits: only async-signal-safe
-// calls. The log line is the one SIGTERM writes.
-void sig_abort(int signo) {
-    char text[] = "Caught signal 0. Exiting.";
-    text[14] = static_cast<char>('0' + signo % 10);
+// Fault signals run at once, in whatever thread they hit: only
+// async-signal-safe calls. The log line is the one SIGTERM writes. With
+// [fixes] signals the process then ends by the signal itself, so that a
+// supervisor sees the crash; otherwise with status 0.
+volatile sig_atomic_t crash_ends_by_signal = 0;
+
+void sig_fault(int signo) {
+    char text[32] = "Caught signal ";
+    size_t n = strlen(text);
+    if (signo >= 10) text[n++] = static_cast<char>('0' + signo / 10 % 10);
+    text[n++] = static_cast<char>('0' + signo % 10);
+    memcpy(text + n, ". Exiting.", sizeof ". Exiting.");
     write_log_async_safe(L_NOTICE, __FILE_NAME__, __LINE__, "sig_term", text);
     daemon_close_async_safe();
+    if (crash_ends_by_signal) {
+        signal(signo, SIG_DFL);
+        raise(signo);
+    }
     _exit(0);
+}
+
+// After a reload with [fixes] reload: the room list, the PMS address and the
+// Manager session follow the new configuration.
+void apply_reload(const config& before, const config_ptr& after) {
+    load_rooms_conf(after->rooms, self->statesfile);
+    if (before.pmshost != after->pmshost || before.pmsport != after->pmsport ||
+        before.pmsinterface != after->pmsinterface) {
+        LOG(L_NOTICE, "PMS settings changed: connecting to %s:%d", after->pmshost.c_str(),
+            after->pmsport);
+        self->pms_moved = true;
+        self->link->end();
+    }
+    if (before.use_manager != after->use_manager || before.mgr_host != after->mgr_host ||
+        before.mgr_port != after->mgr_port || before.mgr_user != after->mgr_user ||
+        before.mgr_passwd != after->mgr_passwd || before.mgr_events != after->mgr_events) {
+        LOG(L_NOTICE, "Manager settings changed: starting a new session");
+        if (!stop_capture(std::chrono::steady_clock::now() + std::chrono::seconds(3)))
+            LOG(L_WARNING, "The old Manager session did not stop; it is left behind");
+        start_capture(after);
+    }
 }
 
 void sig_hup(int) {
     LOG(L_NOTICE, "Hangup. Reloading configuration.");
+    const config_ptr before = self->configs->current();
     if (self->configs->load() < 0) {
         LOG(L_ERROR, "Unable to open configuration file %s. Exiting...",
             self->configs->path().c_str());
-        shut_down(0);
+        shut_down(before->fixes.exit_status ? 1 : 0);
     }
     config_ptr cfg = self->configs->current();
     warn_service_strings(*cfg);
     apply_logger(*cfg);
+    if (cfg->fixes.reload) apply_reload(*before, cfg);
 }
 
 // Opens the link to the PMS of the current configuration (a reload moves the
@@ -202,6 +240,7 @@ void sig_hup(int) {
 bool connect_pms() {
     config_ptr cfg = self->configs->current();
     const char* interface = cfg->pmsinterface ? cfg->pmsinterface->c_str() : "";
+    self->link->set_options(link_options(*cfg));
     if (self->link->connect(cfg->pmshost, cfg->pmsport) == 0) return true;
     LOG(L_ERROR, "Unable to connect to PMS at %s:%d/%s", cfg->pmshost.c_str(), cfg->pmsport,
         interface);
@@ -215,9 +254,23 @@ void install_signal_handlers() {
     signal_set_handler(SIGUSR1, 0, SIG_IGN);
     signal_set_handler(SIGUSR2, 0, SIG_IGN);
     signal_set_handler(SIGINT, 0, sig_term);
-    signal_set_handler(SIGABRT, 0, sig_abort);
+    signal_set_handler(SIGABRT, 0, sig_fault);
     signal_set_handler(SIGQUIT, 0, sig_term);
     signal_set_handler(SIGKILL, 0, sig_term);  // refused by the system, as expected
+}
+
+// Hands one record to its handler: a worker per record, or, with [fixes]
+// ordered_records, the reader itself for link records and the one ordered
+// worker for all others.
+void dispatch(const config_loader& configs, pms_link& link, const char* record) {
+    if (!self->ordered) {
+        std::thread(process_fias_packet, std::cref(configs), std::ref(link), std::string(record))
+            .detach();
+    } else if (is_link_record(record)) {
+        process_fias_packet(configs, link, record);
+    } else {
+        self->ordered->push(record);
+    }
 }
 
 }  // namespace
@@ -235,6 +288,7 @@ int main(int argc, char** argv) {
         exit(0);
     }
     warn_service_strings(*configs.current());
+    state.start_fixes = configs.current()->fixes;
 
     pid_t pid = state.opts.foreground ? 0 : fork();
     if (pid != 0) {
@@ -243,8 +297,12 @@ int main(int argc, char** argv) {
         fflush(nullptr);
         _exit(0);
     }
-    if (!state.opts.foreground) {
+    if (!state.opts.foreground || state.start_fixes.signals) {
+        crash_ends_by_signal = state.start_fixes.signals;
         install_signal_handlers();
+        if (state.start_fixes.signals) signal_set_handler(SIGSEGV, 0, sig_fault);
+    }
+    if (!state.opts.foreground) {
         const char* name = strrchr(argv[0], '/');
         daemon_init(name ? name + 1 : argv[0]);
     }
@@ -252,14 +310,17 @@ int main(int argc, char** argv) {
     pms_link link;
     state.link = &link;
     config_ptr cfg = configs.current();
+    if (state.start_fixes.private_files) logger_set_file_mode(0640);
     apply_logger(*cfg);
     // The first warnings came before the logger had its settings.
     warn_service_strings(*cfg);
 
+    state.statesfile = cfg->statesfile;
     if (open_states_file(cfg->statesfile) != 0) {
         LOG(L_ERROR, "Unable to open states file %s", cfg->statesfile.c_str());
         exit(1);
     }
+    if (state.start_fixes.private_files) chmod(cfg->statesfile.c_str(), 0640);
     load_rooms_conf(cfg->rooms, cfg->statesfile);
 
     // While the reader waits, signals are still acted upon.
@@ -267,7 +328,9 @@ int main(int argc, char** argv) {
     connect_pms();
 
     state.billing.start([&] { service_background(configs, link, state.stop); });
-    if (cfg->use_manager) state.capture.start([&, cfg] { cdrmanager_thread(cfg, state.stop); });
+    start_capture(cfg);
+    if (state.start_fixes.ordered_records)
+        state.ordered = std::make_unique<ordered_records>(configs, link);
     cfg.reset();
 
     char buffer[4096];
@@ -279,16 +342,20 @@ int main(int argc, char** argv) {
             }
         }
         int n = link.read_packet(buffer, sizeof buffer);
+        const fixes_settings fixes = configs.current()->fixes;
+        if (n >= 0 && fixes.link_end && strncmp(buffer, "LE", 2) == 0 && is_link_record(buffer)) {
+            LOG(L_DEBUG, "Read %s", buffer);
+            n = -1;  // the PMS ends the link
+        }
         if (n < 0) {
-            LOG(L_WARNING, "Connection to PMS lost");
+            if (!state.pms_moved) LOG(L_WARNING, "Connection to PMS lost");
+            state.pms_moved = false;
             link.drop();
         } else {
             LOG(L_DEBUG, "Read %s", buffer);
-            std::thread(process_fias_packet, std::cref(configs), std::ref(link),
-                        std::string(buffer))
-                .detach();
+            dispatch(configs, link, buffer);
         }
         signal_handle_all();
-        std::this_thread::sleep_for(record_pause());
+        if (!state.ordered) std::this_thread::sleep_for(record_pause());
     }
 }

@@ -30,8 +30,8 @@ void do_pa(const record_context& ctx) {
 
     if (ctx.cfg->use_manager) {
         const char* templ = ctx.cfg->noremovecalls ? pa_mark_statement : pa_remove_statement;
-        std::string statement =
-            prepare_query(&sqliteint, templ, rn, nullptr, nullptr, nullptr, da, ti, seq);
+        std::string statement = prepare_query(&sqliteint, templ, rn, nullptr, nullptr, nullptr, da,
+                                              ti, seq, fill_options_of(*ctx.cfg));
         LOG(L_DEBUG, "OK query is: %s\n", statement.c_str());
         db_lock guard(sqliteint);
         sqliteint.query(statement.c_str());

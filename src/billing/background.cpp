@@ -11,6 +11,7 @@
 
 #include "billing/templates.h"
 #include "fias/codec.h"
+#include "handlers/context.h"
 #include "logger.h"
 #include "process.h"
 #include "states/states.h"
@@ -93,6 +94,7 @@ void set_field(fias_packet_t* p, const char* name, const fias_value_t& v) {
 struct pass_env {
     pms_link& link;
     posting_sequence& sequence;
+    fill_options fill;
 };
 
 // Builds and sends the "PS" record of one call. Null when the record cannot
@@ -156,7 +158,7 @@ pass_source resolve(const config& cfg, const std::string& service, const char* k
 // The statement of a mark setting, or an empty text when it has none. A mark
 // whose template can never be filled stops this thread here, before any
 // database lock is taken (the template routine itself logs and blocks).
-std::string mark_statement(const opt_text& service, const char* key) {
+std::string mark_statement(const opt_text& service, const char* key, const fill_options& fill) {
     if (!service) return "";
     service_string s = split_service(*service);
     if (!s.has_statement) {
@@ -165,7 +167,7 @@ std::string mark_statement(const opt_text& service, const char* key) {
         return "";
     }
     if (template_unknown_placeholder(TEMPLATE_STRINGS, s.statement.c_str()) >= 0)
-        prepare_query2(&sqliteint, s.statement.c_str(), nullptr, nullptr, nullptr, nullptr);
+        prepare_query2(&sqliteint, s.statement.c_str(), nullptr, nullptr, nullptr, nullptr, fill);
     return s.statement;
 }
 
@@ -195,7 +197,8 @@ void cache_pass(pass_env& env, const std::vector<std::string>& rooms) {
             if (!rec) continue;
             std::string text = fias_packet_to_str(rec.get());
             marks.push_back(prepare_query3(&sqliteint, cache_mark_statement, text.c_str(),
-                                           room.c_str(), row.date, row.time, sequence.c_str()));
+                                           room.c_str(), row.date, row.time, sequence.c_str(),
+                                           env.fill));
             LOG(L_DEBUG, "Sending mark query: %s\n", marks.back().c_str());
         }
         run_marks(sqliteint, marks);
@@ -206,11 +209,11 @@ bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>
     pass_source src = resolve(cfg, *cfg.billcalls, "billcalls");
     if (!src.ok) return false;
     if (!src.drv) return true;
-    std::string billmark = mark_statement(cfg.billmark, "billmark");
+    std::string billmark = mark_statement(cfg.billmark, "billmark", env.fill);
     dbdriver_t& drv = *src.drv;
     for (const std::string& room : rooms) {
-        std::string statement =
-            prepare_query2(&drv, src.statement.c_str(), room.c_str(), nullptr, nullptr, nullptr);
+        std::string statement = prepare_query2(&drv, src.statement.c_str(), room.c_str(), nullptr,
+                                               nullptr, nullptr, env.fill);
         db_lock guard(drv);
         open_room_query(drv, statement);
         std::vector<std::string> marks;
@@ -222,8 +225,11 @@ bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>
             if (!rec) continue;
             if (!billmark.empty()) {
                 marks.push_back(prepare_query2(&drv, billmark.c_str(), room.c_str(), row.date,
-                                               row.time, sequence.c_str()));
-                printf("Sending mark query: %s\n", marks.back().c_str());
+                                               row.time, sequence.c_str(), env.fill));
+                if (env.fill.quiet)
+                    LOG(L_DEBUG, "Sending mark query: %s\n", marks.back().c_str());
+                else
+                    printf("Sending mark query: %s\n", marks.back().c_str());
             }
         }
         run_marks(drv, marks);
@@ -250,11 +256,11 @@ bool single_row_pass(pass_env& env, const config& cfg, const std::string& servic
     pass_source src = resolve(cfg, service, key);
     if (!src.ok) return false;
     if (!src.drv) return true;
-    std::string mark = mark_statement(mark_service, mark_key);
+    std::string mark = mark_statement(mark_service, mark_key, env.fill);
     dbdriver_t& drv = *src.drv;
     for (const std::string& room : rooms) {
-        std::string statement =
-            prepare_query2(&drv, src.statement.c_str(), room.c_str(), nullptr, nullptr, nullptr);
+        std::string statement = prepare_query2(&drv, src.statement.c_str(), room.c_str(), nullptr,
+                                               nullptr, nullptr, env.fill);
         db_lock guard(drv);
         open_room_query(drv, statement);
         if (drv.fetch_row() != 0) continue;
@@ -262,7 +268,7 @@ bool single_row_pass(pass_env& env, const config& cfg, const std::string& servic
         if (!done) return true;
         if (!done->made || mark.empty()) continue;
         std::string m = prepare_query2(&drv, mark.c_str(), room.c_str(), done->date.c_str(),
-                                       done->time.c_str(), nullptr);
+                                       done->time.c_str(), nullptr, env.fill);
         LOG(L_DEBUG, "Sending mark query: %s\n", m.c_str());
         drv.query(m.c_str());
     }
@@ -339,7 +345,7 @@ std::optional<reported> room_status_pass(pass_env& pass, dbdriver_t& drv, const 
 
 bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms, pms_link& link,
                    posting_sequence& sequence) {
-    pass_env env{link, sequence};
+    pass_env env{link, sequence, fill_options_of(cfg)};
     if (!link.active()) return true;
     bool posted = false;
     if (cfg.use_manager) {
@@ -363,11 +369,20 @@ bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms, pms
 }
 
 void service_background(const config_loader& configs, pms_link& link, stop_flag& stop) {
+    unsigned version = states_rooms_version();
     std::vector<std::string> rooms;
     states_room_list(rooms);
     posting_sequence sequence;
     for (;;) {
-        if (!billing_cycle(*configs.current(), rooms, link, sequence)) return;
+        config_ptr cfg = configs.current();
+        // With [fixes] reload the cycle bills the rooms of the table as it
+        // is now (a reload or a check-in changes it).
+        if (cfg->fixes.reload && version != states_rooms_version()) {
+            version = states_rooms_version();
+            rooms.clear();
+            states_room_list(rooms);
+        }
+        if (!billing_cycle(*cfg, rooms, link, sequence)) return;
         if (stop.requested() || stop.wait_for(billing_period())) return;
     }
 }

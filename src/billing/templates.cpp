@@ -78,7 +78,8 @@ void append_now(std::string& out, const char* format) {
 // The substitution skeleton shared by the three routines: `value` appends the
 // value of placeholder `index` of `set`.
 template <typename Value>
-std::string substitute(const char* q, template_kind kind, const char* echo, Value value) {
+std::string substitute(const char* q, template_kind kind, const char* echo,
+                       const fill_options& opts, Value value) {
     std::string out;
     const char* p = strchr(q, '%');
     if (!p) {
@@ -100,7 +101,10 @@ std::string substitute(const char* q, template_kind kind, const char* echo, Valu
         }
         out += cursor;
     }
-    printf("%s%s\n", echo, out.c_str());
+    if (opts.quiet)
+        LOG(L_DEBUG, "%s%s", echo, out.c_str());
+    else
+        printf("%s%s\n", echo, out.c_str());
     return out;
 }
 
@@ -115,9 +119,9 @@ void append_field_text(std::string& out, const fias_field_t* f) {
 // Shared by prepare_query2 and prepare_query3, whose sets differ only by %param%.
 std::string prepare_strings(const dbdriver_t* drv, const char* q, template_kind kind,
                             const char* echo, const char* param, const char* rn, const char* da,
-                            const char* ti, const char* seq) {
+                            const char* ti, const char* seq, const fill_options& opts) {
     const placeholder_set set = set_of(kind);
-    return substitute(q, kind, echo, [&](std::string& out, int i) {
+    return substitute(q, kind, echo, opts, [&](std::string& out, int i) {
         std::string_view token = set.begin[i].token;
         if (token == "%param%")
             append_text(out, param);
@@ -141,8 +145,9 @@ std::string prepare_strings(const dbdriver_t* drv, const char* q, template_kind 
 std::string prepare_query(const dbdriver_t* drv, const char* q, const fias_field_t* rn,
                           const fias_field_t* name, const fias_field_t* lang,
                           const fias_field_t* shared, const fias_field_t* date,
-                          const fias_field_t* tim, const fias_field_t* seq) {
-    return substitute(q, TEMPLATE_FIELDS, "query: ", [&](std::string& out, int i) {
+                          const fias_field_t* tim, const fias_field_t* seq,
+                          const fill_options& opts) {
+    return substitute(q, TEMPLATE_FIELDS, "query: ", opts, [&](std::string& out, int i) {
         std::string_view token = fields_set[i].token;
         if (token == "%exten%") {
             append_field_text(out, rn);
@@ -182,13 +187,14 @@ std::string prepare_query(const dbdriver_t* drv, const char* q, const fias_field
 }
 
 std::string prepare_query2(const dbdriver_t* drv, const char* q, const char* rn, const char* da,
-                           const char* ti, const char* seq) {
-    return prepare_strings(drv, q, TEMPLATE_STRINGS, "1query: ", nullptr, rn, da, ti, seq);
+                           const char* ti, const char* seq, const fill_options& opts) {
+    return prepare_strings(drv, q, TEMPLATE_STRINGS, "1query: ", nullptr, rn, da, ti, seq, opts);
 }
 
 std::string prepare_query3(const dbdriver_t* drv, const char* q, const char* param, const char* rn,
-                           const char* da, const char* ti, const char* seq) {
-    return prepare_strings(drv, q, TEMPLATE_PARAM, "1query: ", param, rn, da, ti, seq);
+                           const char* da, const char* ti, const char* seq,
+                           const fill_options& opts) {
+    return prepare_strings(drv, q, TEMPLATE_PARAM, "1query: ", param, rn, da, ti, seq, opts);
 }
 
 int template_unknown_placeholder(template_kind kind, const char* q) {

@@ -23,16 +23,24 @@ enum template_kind {
     TEMPLATE_PARAM,    // prepare_query3: texts and %param%
 };
 
+// How a template is filled, beyond its values (from the configuration's
+// [fixes]).
+struct fill_options {
+    bool quiet = false;  // the finished statement goes to the log at DEBUG, not to stdout
+};
+
 std::string prepare_query(const dbdriver_t* drv, const char* q, const fias_field_t* rn,
                           const fias_field_t* name, const fias_field_t* lang,
                           const fias_field_t* shared, const fias_field_t* date,
-                          const fias_field_t* tim, const fias_field_t* seq);
+                          const fias_field_t* tim, const fias_field_t* seq,
+                          const fill_options& opts = {});
 
 std::string prepare_query2(const dbdriver_t* drv, const char* q, const char* rn, const char* da,
-                           const char* ti, const char* seq);
+                           const char* ti, const char* seq, const fill_options& opts = {});
 
 std::string prepare_query3(const dbdriver_t* drv, const char* q, const char* param, const char* rn,
-                           const char* da, const char* ti, const char* seq);
+                           const char* da, const char* ti, const char* seq,
+                           const fill_options& opts = {});
 
 // Position of the first "%" in `q` that starts no placeholder known to `kind`,
 // or -1 when the template is sound.

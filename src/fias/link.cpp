@@ -1,5 +1,6 @@
 #include "fias/link.h"
 
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -29,10 +30,39 @@ std::string local_time_text(const char* format) {
     return buf;
 }
 
+constexpr int connect_limit_ms = 5000;
+constexpr int write_limit_s = 10;
+
+// A connect that gives up after connect_limit_ms.
+bool connect_bounded(int sock, const sockaddr_in& sin) {
+    int flags = fcntl(sock, F_GETFL, 0);
+    if (flags < 0 || fcntl(sock, F_SETFL, flags | O_NONBLOCK) < 0) return false;
+    if (::connect(sock, reinterpret_cast<const sockaddr*>(&sin), sizeof sin) < 0) {
+        if (errno != EINPROGRESS) return false;
+        pollfd p{sock, POLLOUT, 0};
+        int r;
+        do {
+            r = poll(&p, 1, connect_limit_ms);
+        } while (r < 0 && errno == EINTR);
+        int error = 0;
+        socklen_t len = sizeof error;
+        if (r <= 0 || getsockopt(sock, SOL_SOCKET, SO_ERROR, &error, &len) < 0 || error)
+            return false;
+    }
+    return fcntl(sock, F_SETFL, flags) == 0;
+}
+
 }  // namespace
 
 pms_link::~pms_link() {
     drop();
+}
+
+void pms_link::end() {
+    mutex_lock guard(write_mutex_);
+    ended_ = true;
+    pms_connected_ = 0;
+    if (fd_ >= 0) shutdown(fd_, SHUT_RDWR);
 }
 
 int pms_link::socket_fd() const {
@@ -62,9 +92,15 @@ int pms_link::connect(const std::string& host, int port) {
 
     int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (sock < 0) return -1;
-    if (::connect(sock, reinterpret_cast<sockaddr*>(&sin), sizeof sin) < 0) {
+    if (link_end_ ? !connect_bounded(sock, sin)
+                  : ::connect(sock, reinterpret_cast<sockaddr*>(&sin), sizeof sin) < 0) {
         close(sock);
         return -1;
+    }
+    if (link_end_) {
+        // A PMS that stops reading holds a writer for 10 s at most.
+        timeval limit{write_limit_s, 0};
+        setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     }
     attach(sock);
     send_raw(local_time_text("LS|DA%y%m%d|TI%H%M%S|").c_str());
@@ -101,10 +137,16 @@ int pms_link::send_raw(const char* packet) {
     ssize_t n;
     {
         mutex_lock guard(write_mutex_);
-        if (fd_ < 0) return -1;
+        if (fd_ < 0 || (link_end_ && ended_)) return -1;
         do {
             n = send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL);
         } while (n < 0 && errno == EINTR);
+        if (n != static_cast<ssize_t>(frame.size()) && link_end_) {
+            // Lost: nothing more goes into this link; the reader ends it.
+            ended_ = true;
+            pms_connected_ = 0;
+            shutdown(fd_, SHUT_RDWR);
+        }
     }
     return n == static_cast<ssize_t>(frame.size()) ? static_cast<int>(n) : -1;
 }
@@ -188,7 +230,7 @@ int pms_link::read_packet(char* packet, int maxlen) {
         for (;;) {
             int n = read_byte(sock, c, idle_hook_);
             if (n != 0) return n;
-            if (ended_) return -1;
+            if (ended_ || link_end_) return -1;
             sleep(1);
             if (idle_hook_) idle_hook_();
         }
@@ -196,8 +238,12 @@ int pms_link::read_packet(char* packet, int maxlen) {
 
     char c;
     if (next_byte(&c) < 0) return -1;
-    printf("Read code %x\n", static_cast<int>(static_cast<signed char>(c)));
-    fflush(stdout);
+    if (quiet_) {
+        LOG(L_DEBUG, "Read code %x", static_cast<int>(static_cast<signed char>(c)));
+    } else {
+        printf("Read code %x\n", static_cast<int>(static_cast<signed char>(c)));
+        fflush(stdout);
+    }
     if (c != STX) return -2;
 
     int count = 0;

@@ -27,12 +27,26 @@ class pms_link {
   public:
     enum class state { down, connecting, active };
 
+    // How the link behaves; set by the main thread before it connects.
+    struct options {
+        // The end of the stream, a failed or short write and a write that
+        // cannot complete within 10 s count as a lost link: the link is down
+        // at once and the reader returns -1. Connecting gives up after 5 s.
+        bool link_end = false;
+        // "Read code ..." is logged at DEBUG instead of printed.
+        bool quiet = false;
+    };
+
     pms_link() = default;
     ~pms_link();
     pms_link(const pms_link&) = delete;
     pms_link& operator=(const pms_link&) = delete;
 
     // --- main thread -------------------------------------------------------
+    void set_options(const options& o) {
+        link_end_ = o.link_end;
+        quiet_ = o.quiet;
+    }
     // Connects to host:port and sends "LS". 0, or -1 (the link stays down).
     // `interface` is not used for connecting.
     int connect(const std::string& host, int port);
@@ -41,6 +55,9 @@ class pms_link {
     void attach(int fd);
     // Closes the socket (if any); the link is down.
     void drop();
+    // Ends the link from any thread (only shut down: the reader returns -1
+    // and the main thread drops it). The link is down at once.
+    void end();
     bool is_open() const;
     // Reads one framed record into `packet` (NUL-terminated; the ETX stays as
     // the last character). Returns the length before the ETX, -2 for a stray
@@ -80,5 +97,7 @@ class pms_link {
     std::atomic<bool> ended_{false};      // shut down by a writer
     std::atomic<int> pms_connected_{0};   // 1 once the PMS has sent "LA"
     std::atomic<int> fias_connected_{0};  // 1 once our description and "LA" went out
-    std::function<void()> idle_hook_;     // main thread only
+    std::atomic<bool> link_end_{false};
+    std::atomic<bool> quiet_{false};
+    std::function<void()> idle_hook_;  // main thread only
 };

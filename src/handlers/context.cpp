@@ -46,8 +46,8 @@ int run_service_template(const record_context& ctx, const opt_text& service, con
         CTX_LOG(ctx, L_ERROR, "Unable to find DB driver %s", driver_name.c_str());
         return -1;
     }
-    std::string query =
-        prepare_query(drv.get(), s.statement.c_str(), rn, name, lang, shared, date, tim, seq);
+    std::string query = prepare_query(drv.get(), s.statement.c_str(), rn, name, lang, shared, date,
+                                      tim, seq, fill_options_of(*ctx.cfg));
 
     db_lock guard(*drv);
     if (drv->is_connected()) drv->reconnect();

@@ -11,6 +11,7 @@
 //    released before a PBX database's lock is taken.
 #pragma once
 
+#include "billing/templates.h"
 #include "config.h"
 #include "fias/link.h"
 #include "fias/packet.h"
@@ -21,6 +22,11 @@ struct record_context {
     pms_link& link;
     const char* handler = "";  // the handler's name, for log lines
 };
+
+// How templates are filled under `cfg`.
+inline fill_options fill_options_of(const config& cfg) {
+    return fill_options{cfg.fixes.quiet};
+}
 
 // Log line in the name of the context's handler.
 #define CTX_LOG(ctx, level, ...) \

@@ -54,3 +54,48 @@ void process_fias_packet(const config_loader& configs, pms_link& link, std::stri
         break;
     }
 }
+
+bool is_link_record(const char* data) {
+    return data[0] == 'L' && (data[1] == 'S' || data[1] == 'A' || data[1] == 'E') &&
+           (data[2] == '|' || data[2] == '\x03' || data[2] == '\0');
+}
+
+ordered_records::ordered_records(const config_loader& configs, pms_link& link)
+    : configs_(configs), link_(link) {
+    worker_.start([this] { run(); });
+}
+
+ordered_records::~ordered_records() {
+    stop(std::chrono::steady_clock::now());
+}
+
+void ordered_records::push(std::string data) {
+    {
+        mutex_lock guard(mutex_);
+        queue_.push_back(std::move(data));
+    }
+    changed_.notify_one();
+}
+
+bool ordered_records::stop(std::chrono::steady_clock::time_point deadline) {
+    {
+        mutex_lock guard(mutex_);
+        stopping_ = true;
+    }
+    changed_.notify_one();
+    return worker_.join_until(deadline);
+}
+
+void ordered_records::run() {
+    for (;;) {
+        std::string data;
+        {
+            mutex_lock guard(mutex_);
+            while (queue_.empty() && !stopping_) changed_.wait(mutex_);
+            if (queue_.empty()) return;  // stopping, and every record handled
+            data = std::move(queue_.front());
+            queue_.pop_front();
+        }
+        process_fias_packet(configs_, link_, std::move(data));
+    }
+}

@@ -27,8 +27,12 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
     const std::string passwd = cfg->mgr_passwd.value_or("");
     const std::string& events = cfg->mgr_events;
 
-    LOG(L_DEBUG, "1 %s %d %s %s", host.c_str(), cfg->mgr_port, user.c_str(), passwd.c_str());
+    // With [fixes] private_files the secret never reaches the log.
+    const bool hide = cfg->fixes.private_files;
+    LOG(L_DEBUG, "1 %s %d %s %s", host.c_str(), cfg->mgr_port, user.c_str(),
+        hide ? "(hidden)" : passwd.c_str());
 
+    unsigned version = states_rooms_version();
     std::vector<std::string> rooms;
     if (states_room_list(rooms, &cfg->statesfile) != 0) {
         LOG(L_ERROR, "Unable to open states file %s", cfg->statesfile.c_str());
@@ -43,6 +47,7 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
         return;
     }
     session->wake_fd = stop.fd();
+    session->hide_secret = hide;
     char addr[INET_ADDRSTRLEN];
     mgr_inet_ntoa(addr, sizeof addr, session->sin.sin_addr);
 
@@ -59,8 +64,15 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
             for (int i = 0; i < msg->hdrcount; ++i)
                 LOG(L_DEBUG, "%s got: %s", addr, msg->headers[i]);
             if (session->connected != 0) {
-                if (strcasecmp(mgr_get_header(*msg, "Event"), "Cdr") == 0)
-                    mgr_cache_cdr(*msg, rooms);
+                if (strcasecmp(mgr_get_header(*msg, "Event"), "Cdr") != 0) continue;
+                // With [fixes] reload a call is matched against the rooms of
+                // the table as it is now.
+                if (cfg->fixes.reload && version != states_rooms_version()) {
+                    version = states_rooms_version();
+                    rooms.clear();
+                    states_room_list(rooms);
+                }
+                mgr_cache_cdr(*msg, rooms);
             } else {
                 const char* text = mgr_get_header(*msg, "Message");
                 if (strcmp(text, "Authentication accepted") == 0) {

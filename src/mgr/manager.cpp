@@ -65,6 +65,7 @@ void mansession::reset() {
     connected = 0;
     dead = 0;
     wake_fd = -1;
+    hide_secret = false;
     busy = 0;
     std::memset(actionid, 0, sizeof actionid);
     std::memset(challenge, 0, sizeof challenge);
@@ -222,7 +223,7 @@ int mgr_login(mansession& s, const char* events) {
     s.connected = 0;
     std::string addr = dotted(s);
     LOG(L_DEBUG, "asterisk@%s: Connecting (u=%s, p=%s)", addr.c_str(), s.user.c_str(),
-        s.pass.c_str());
+        s.hide_secret ? "(hidden)" : s.pass.c_str());
 
     auto m = std::make_unique<message>();
     mgr_add_header(*m, "Action: Login");

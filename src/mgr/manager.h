@@ -30,6 +30,7 @@ struct mansession {
     int connected = 0;         // 0 login answer awaited, 1 "Authentication accepted", -1 refused
     std::atomic<int> dead{0};  // when set, an interrupted wait for input fails the read
     int wake_fd = -1;          // not owned: readable once the session must stop (-1: none)
+    bool hide_secret = false;  // the secret is not written to the log
     int busy = 0;              // not used
     char actionid[1024]{};     // not used
     char challenge[10]{};      // not used

@@ -1,5 +1,6 @@
 #include "states/states.h"
 
+#include <atomic>
 #include <cstdio>
 #include <ctime>
 #include <memory>
@@ -68,6 +69,10 @@ bool connect_states(const std::string& statesfile) REQUIRES(sqliteint) {
 
 dbdriver_t& sqliteint = *internal_db.drv;
 
+namespace {
+std::atomic<unsigned> rooms_version{0};
+}  // namespace
+
 int open_states_file(const std::string& statesfile) {
     db_lock guard(sqliteint);
     if (!connect_states(statesfile)) return -1;
@@ -96,6 +101,7 @@ int states_store_room(const std::string& statesfile, const std::string& room, bo
     if (!connect_states(statesfile)) return -1;
     sqliteint.query(statement);
     if (close_after) sqliteint.close();
+    rooms_version++;
     return 0;
 }
 
@@ -105,7 +111,12 @@ int states_remove_room(const std::string& statesfile, const std::string& room) {
     db_lock guard(sqliteint);
     if (!connect_states(statesfile)) return -1;
     sqliteint.query(statement);
+    rooms_version++;
     return 0;
+}
+
+unsigned states_rooms_version() {
+    return rooms_version;
 }
 
 int states_room_list(std::vector<std::string>& rooms, const std::string* statesfile) {

@@ -42,6 +42,10 @@ int states_remove_room(const std::string& statesfile, const std::string& room);
 // first: -1 when it cannot be; otherwise 0.
 int states_room_list(std::vector<std::string>& rooms, const std::string* statesfile = nullptr);
 
+// A number that changes whenever this process writes or deletes a room, so
+// that readers of the room list know when to read it again.
+unsigned states_rooms_version();
+
 // The cache insert of one Cdr event; `values` in the order of the columns
 // clid, src, dst, dcontext, channel, dstchannel, lastapp, lastdata, start,
 // answer, end, duration, billsec, disposition, amaflags, c_from, c_to, cost,
