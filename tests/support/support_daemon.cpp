@@ -1,5 +1,7 @@
 #include "support_daemon.h"
 
+#include <gtest/gtest.h>
+
 using namespace std::chrono_literals;
 
 void daemon_run::write_config() const {
@@ -27,6 +29,12 @@ daemon_run::daemon_run(bool pms_up)
         .set("pbx", "dbdriver", "sqlite")
         .set("pbx", "database", pbx_file());
     if (pms_up_) pms.start();
+}
+
+daemon_run::~daemon_run() {
+    proc_.stop();
+    for (const char* report : {"ThreadSanitizer", "AddressSanitizer", "runtime error:"})
+        if (log().find(report) != std::string::npos) ADD_FAILURE() << "the daemon:\n" << log();
 }
 
 void daemon_run::use_manager() {
