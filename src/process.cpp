@@ -21,6 +21,12 @@ std::chrono::milliseconds billing_period() {
     return period;
 }
 
+std::chrono::milliseconds link_write_limit() {
+    static const auto limit =
+        from_environment("ORLANBECK_TEST_WRITE_LIMIT_MS", std::chrono::seconds(10));
+    return limit;
+}
+
 std::chrono::milliseconds record_pause() {
     static const auto pause =
         from_environment("ORLANBECK_TEST_RECORD_PAUSE_MS", std::chrono::seconds(1));

@@ -9,3 +9,7 @@
 // once; the daemon's own values are never changed by anything else.
 std::chrono::milliseconds billing_period();
 std::chrono::milliseconds record_pause();
+
+// How long a write to the PMS may block before the link counts as lost
+// ([fixes] link_end): 10 s, ORLANBECK_TEST_WRITE_LIMIT_MS for tests.
+std::chrono::milliseconds link_write_limit();

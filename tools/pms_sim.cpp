@@ -12,7 +12,9 @@
 //   wait PREFIX     wait for a received frame beginning with PREFIX; each wait
 //                   looks only at frames after the one the previous wait matched
 //   raw BYTES       send BYTES unframed; \xNN and \\ escapes allowed
-//   drop            close the client's connection
+//   drop            close the client's connection cleanly
+//   reset           reset the client's connection
+//   pause, resume   stop reading from the client, read again
 //   answer ok|refuse|none [TEXT]   change how "PS" records are answered
 //   # ...           comment; blank lines are skipped
 // It ends on SIGTERM or SIGINT, or after the last command with
@@ -174,6 +176,14 @@ bool run_command(pms_sim& sim, const std::string& line, size_t& wait_cursor,
     }
     if (line == "drop") {
         sim.drop_connection();
+        return true;
+    }
+    if (line == "reset") {
+        sim.reset_connection();
+        return true;
+    }
+    if (line == "pause" || line == "resume") {
+        sim.pause_reading(line == "pause");
         return true;
     }
     if (line.rfind("answer ", 0) == 0) {

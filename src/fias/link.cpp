@@ -14,6 +14,7 @@
 
 #include "fias/codec.h"
 #include "logger.h"
+#include "process.h"
 
 namespace {
 
@@ -31,7 +32,7 @@ std::string local_time_text(const char* format) {
 }
 
 constexpr int connect_limit_ms = 5000;
-constexpr int write_limit_s = 10;
+constexpr int send_buffer_bytes = 64 * 1024;
 
 // A connect that gives up after connect_limit_ms.
 bool connect_bounded(int sock, const sockaddr_in& sin) {
@@ -98,9 +99,13 @@ int pms_link::connect(const std::string& host, int port) {
         return -1;
     }
     if (link_end_) {
-        // A PMS that stops reading holds a writer for 10 s at most.
-        timeval limit{write_limit_s, 0};
+        // A PMS that stops reading holds a writer for 10 s at most, and
+        // that is noticed after a modest backlog (records are small).
+        const long ms = link_write_limit().count();
+        timeval limit{ms / 1000, static_cast<suseconds_t>(ms % 1000 * 1000)};
         setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+        int buffer = send_buffer_bytes;
+        setsockopt(sock, SOL_SOCKET, SO_SNDBUF, &buffer, sizeof buffer);
     }
     attach(sock);
     send_raw(local_time_text("LS|DA%y%m%d|TI%H%M%S|").c_str());

@@ -93,11 +93,19 @@ void pms_sim::run() {
     for (;;) {
         pollfd fds[2] = {{wake_fd_, POLLIN, 0}, {-1, POLLIN, 0}};
         fds[1].fd = client_fd_ >= 0 ? client_fd_ : listen_fd_;
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            if (paused_ && client_fd_ >= 0) fds[1].fd = -1;  // poll ignores it
+        }
         int n = poll(fds, 2, -1);
         if (n < 0 && errno != EINTR) break;
         {
             std::lock_guard<std::mutex> guard(mutex_);
             if (stopping_) break;
+        }
+        if (n > 0 && (fds[0].revents & POLLIN)) {
+            uint64_t count;  // a wake-up for new settings: taken, not kept
+            [[maybe_unused]] ssize_t r = read(wake_fd_, &count, sizeof count);
         }
         if (n <= 0 || !fds[1].revents) continue;
 
@@ -233,6 +241,28 @@ void pms_sim::drop_connection() {
     // The simulator's thread sees the end of the stream and closes the socket.
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait_for(lock, std::chrono::seconds(5), [this] { return !connected_ || stopping_; });
+}
+
+void pms_sim::reset_connection() {
+    {
+        std::lock_guard<std::mutex> guard(send_mutex_);
+        if (client_fd_ < 0) return;
+        linger l{1, 0};  // close() then sends a reset
+        setsockopt(client_fd_, SOL_SOCKET, SO_LINGER, &l, sizeof l);
+        shutdown(client_fd_, SHUT_RD);
+    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait_for(lock, std::chrono::seconds(5), [this] { return !connected_ || stopping_; });
+}
+
+void pms_sim::pause_reading(bool paused) {
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        paused_ = paused;
+    }
+    // Wake the thread so that it polls with the new setting.
+    uint64_t one = 1;
+    [[maybe_unused]] ssize_t n = write(wake_fd_, &one, sizeof one);
 }
 
 void pms_sim::record(bool incoming, const std::string& text, bool raw) {

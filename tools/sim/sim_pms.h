@@ -86,9 +86,14 @@ class pms_sim {
     bool send_record(const std::string& text);
     // Sends bytes exactly as given (no frame), e.g. stray bytes. false as above.
     bool send_raw(const std::string& bytes);
-    // Shuts the client's connection down; the simulator then waits for the
-    // next client.
+    // Shuts the client's connection down cleanly (the client reads the end
+    // of the stream); the simulator then waits for the next client.
     void drop_connection();
+    // Resets the client's connection (the client gets a connection reset).
+    void reset_connection();
+    // Stops reading from the client (its writes pile up and then block),
+    // or reads again.
+    void pause_reading(bool paused);
 
     bool connected() const;
     // Number of clients accepted so far.
@@ -145,6 +150,7 @@ class pms_sim {
     bool link_active_ = false;
     int connections_ = 0;
     bool stopping_ = false;
+    bool paused_ = false;  // not reading from the client
 
     // Reader state, used only by the simulator's thread.
     bool collecting_ = false;
