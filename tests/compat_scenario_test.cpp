@@ -85,8 +85,8 @@ TEST(Compatibility, DatesCostsAndDoNotDisturbInStatementsAndRecords) {
 
     // DND on is acted upon only when a bar-off template exists, DND off only
     // when a DND-on template exists.
-    ASSERT_TRUE(run.play({"RE|RN101|DNY|", "RE|RN101|DNN|"}, "Phone DND off"));
-    EXPECT_EQ(1u, run.count_log("Phone DND on"));
+    ASSERT_TRUE(run.play({"RE|RN101|DNY|"}, "Phone DND on"));
+    ASSERT_TRUE(run.play({"RE|RN101|DNN|"}, "Phone DND off"));
     EXPECT_TRUE(run.pbx_log().empty());
 
     // The pair "09" reads as 0; the month goes into the date one ahead.
