@@ -103,20 +103,19 @@ TEST(Compatibility, DatesCostsAndDoNotDisturbInStatementsAndRecords) {
 }
 
 TEST(Compatibility, PostingAnswersInTheStatementsOfTheCallCache) {
-    {
-        // The remove statement has no "where": SQLite refuses it and the row stays.
-        daemon_run run;
-        run.use_manager();
-        run.set("rooms", "room1", "101");
-        ASSERT_TRUE(run.start()) << run.log();
-        run.mgr.send_cdr(mgr_cdr_event::make("101", "5551234", "2009-05-14 10:20:30", 125));
-        const std::string remove =
-            "OK query is: delete from cdrcache src='101' and date(start)='2000-06-14' and "
-            "time(start)='10:20:30'";
-        ASSERT_TRUE(run.wait_log(remove)) << run.log();
-        EXPECT_TRUE(run.wait_log_after(remove, "Sqlite query error"));
-        EXPECT_EQ(1u, run.states("select src from cdrcache").size());
-    }
+    // The remove statement has no "where": SQLite refuses it and the row stays.
+    daemon_run first;
+    first.use_manager();
+    first.set("rooms", "room1", "101");
+    ASSERT_TRUE(first.start()) << first.log();
+    first.mgr.send_cdr(mgr_cdr_event::make("101", "5551234", "2009-05-14 10:20:30", 125));
+    const std::string remove =
+        "OK query is: delete from cdrcache src='101' and date(start)='2000-06-14' and "
+        "time(start)='10:20:30'";
+    ASSERT_TRUE(first.wait_log(remove)) << first.log();
+    EXPECT_TRUE(first.wait_log_after(remove, "Sqlite query error"));
+    EXPECT_EQ(1u, first.states("select src from cdrcache").size());
+
     // With noremovecalls the row is marked instead; the answer's month goes in
     // zero-based, so an answer naming the month before matches the call.
     daemon_run run;
