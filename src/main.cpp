@@ -339,6 +339,8 @@ int main(int argc, char** argv) {
             if (!connect_pms()) {
                 signal_handle_all();
                 std::this_thread::sleep_for(std::chrono::seconds(1));
+                // With [fixes] link_end a link that is down is not lost again.
+                if (configs.current()->fixes.link_end) continue;
             }
         }
         int n = link.read_packet(buffer, sizeof buffer);

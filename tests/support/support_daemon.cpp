@@ -63,8 +63,11 @@ void daemon_run::use_log_templates() {
 bool daemon_run::start() {
     if (pms_up_ && pms.port() != pms_port_) return false;
     write_config();
-    if (!proc_.start({orlanbeck_binary(), "-f", "-d", "-c", config_path()}, nullptr,
-                     {"ORLANBECK_TEST_BILLING_PERIOD_MS=200", "ORLANBECK_TEST_RECORD_PAUSE_MS=20"}))
+    std::vector<std::string> argv = {orlanbeck_binary(), "-f", "-d", "-c", config_path()};
+    if (!console_log) argv.erase(argv.begin() + 2);
+    if (!proc_.start(argv, nullptr,
+                     {"ORLANBECK_TEST_BILLING_PERIOD_MS=200", "ORLANBECK_TEST_RECORD_PAUSE_MS=20",
+                      "ORLANBECK_TEST_WRITE_LIMIT_MS=500"}))
         return false;
     if (!pms_up_) return true;
     if (!pms.wait_link_active(15s) || !wait_log("Received Link active packet from PMS"))
@@ -78,6 +81,17 @@ bool daemon_run::play(const std::vector<std::string>& records, const std::string
     if (!wait_log(last_line)) return false;
     std::this_thread::sleep_for(200ms);
     return true;
+}
+
+std::string daemon_run::log() const {
+    return console_log ? proc_.output() : read_file(dir_.file("orlanbeck.log"));
+}
+
+size_t daemon_run::count_log(const std::string& text) const {
+    std::string out = log();
+    size_t n = 0;
+    for (size_t at = out.find(text); at != std::string::npos; at = out.find(text, at + 1)) ++n;
+    return n;
 }
 
 std::string daemon_run::log_after(const std::string& marker) const {

@@ -26,6 +26,8 @@ class daemon_run {
 
     pms_sim pms;
     mgr_sim mgr;
+    // With false the daemon logs to its log file (no -d), which log() reads.
+    bool console_log = true;
     int pms_port() const { return pms_port_; }
 
     // The configuration. The states file, a SQLite PBX database ([pbx]) and
@@ -58,11 +60,12 @@ class daemon_run {
     bool play(const std::vector<std::string>& records, const std::string& last_line);
 
     child_process& process() { return proc_; }
-    std::string log() const { return proc_.output(); }
+    std::string log() const;
     bool wait_log(const std::string& text) const {
-        return proc_.wait_output(text, std::chrono::seconds(15));
+        return wait_until([&] { return log().find(text) != std::string::npos; },
+                          std::chrono::seconds(15));
     }
-    size_t count_log(const std::string& text) const { return proc_.count(text); }
+    size_t count_log(const std::string& text) const;
     // Log text from the first occurrence of `marker` on (empty when absent).
     std::string log_after(const std::string& marker) const;
     bool wait_log_after(const std::string& marker, const std::string& text) const {

@@ -59,6 +59,10 @@ bool pms_sim::start() {
         listen_fd_ = -1;
         return false;
     }
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        stopping_ = false;  // started again after a stop()
+    }
     thread_ = std::thread([this] { run(); });
     return true;
 }

@@ -1,0 +1,209 @@
+// The [fixes] corrections of the PMS link and of the process, end to end
+// against the simulators; and, for each, that it is off without the section.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+
+#include "support_daemon.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// The call records live in a database of their own ([cdr]), so that the
+// billing pass never holds the lock of the guest templates' database.
+std::string cdr_file(const daemon_run& run) {
+    return run.dir().file("cdr.db");
+}
+
+// `n` calls of `room`, each at its own second of the day.
+void add_calls(daemon_run& run, const std::string& room, int n) {
+    if (n == 0) return;
+    ASSERT_TRUE(sqlite_exec(
+        cdr_file(run),
+        "with recursive n(i) as (select 1 union all select i + 1 from n where i < " +
+            std::to_string(n) + ") insert into calls (src, d, t, dst, billsec) select '" + room +
+            "', '2024-05-14', printf('%02d:%02d:%02d', i / 3600, i / 60 % 60, i % 60), "
+            "'555' || i, 60 from n"));
+}
+
+// Room 101 billed from the PBX table `calls` by a query pass; `calls` calls
+// are there from the start.
+void use_calls(daemon_run& run, int calls = 0) {
+    ASSERT_TRUE(sqlite_exec(cdr_file(run),
+                            "create table calls (src, d, t, dst, billsec, "
+                            "posted default 0)"));
+    add_calls(run, "101", calls);
+    run.set("cdr", "dbdriver", "sqlite")
+        .set("cdr", "database", cdr_file(run))
+        .set("rooms", "room1", "101")
+        .set("services", "billcalls",
+             "cdr:select d, t, dst, billsec, -1 from calls where src='%exten%' and posted=0")
+        .set("services", "billmark",
+             "cdr:update calls set posted=1 where src='%exten%' and d='%date%' and t='%time%'");
+}
+
+mode_t mode_of(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+
+// The postings received after the last link start-up.
+std::vector<std::string> postings_since_last_start(const pms_sim& pms) {
+    std::vector<std::string> out;
+    for (const std::string& f : pms.frames()) {
+        if (f.starts_with("LS|")) out.clear();
+        if (f.starts_with("PS|")) out.push_back(f);
+    }
+    return out;
+}
+
+TEST(FixesLink, ALostLinkIsNoticedAndMadeAgainAndNothingIsPostedIntoIt) {
+    daemon_run run;
+    run.set("fixes", "all", "yes");
+    use_calls(run);
+    ASSERT_TRUE(run.start()) << run.log();
+
+    // The PMS resets the link, then closes it cleanly: each time the daemon
+    // connects again at once and runs the start-up again.
+    run.pms.reset_connection();
+    ASSERT_TRUE(wait_until([&] { return run.pms.connections() == 2; }, 3s)) << run.log();
+    ASSERT_TRUE(run.pms.wait_link_active(10s));
+    run.pms.drop_connection();
+    ASSERT_TRUE(wait_until([&] { return run.pms.connections() == 3; }, 3s)) << run.log();
+    ASSERT_TRUE(run.pms.wait_link_active(10s));
+    EXPECT_EQ(2u, run.count_log("Connection to PMS lost"));
+    EXPECT_EQ(3u, run.pms.count_frames("LS|"));
+
+    // "LE" ends the link too. While the PMS is away a call becomes due: it is
+    // posted once, on the next link, after its start-up.
+    run.pms.send_record("LE|DA240514|TI120000|");
+    ASSERT_TRUE(wait_until([&] { return run.count_log("Connection to PMS lost") == 3; }));
+    run.pms.stop();
+    add_calls(run, "101", 1);
+    std::this_thread::sleep_for(1s);  // several billing cycles without a link
+    ASSERT_TRUE(run.pms.start());
+    ASSERT_TRUE(run.pms.wait_link_active(15s)) << run.log();
+    ASSERT_TRUE(run.pms.wait_for_frame("PS|", 10s));
+    std::this_thread::sleep_for(500ms);
+    EXPECT_EQ(1u, run.pms.count_frames("PS|"));
+    EXPECT_EQ(1u, postings_since_last_start(run.pms).size());
+    EXPECT_EQ((sql_rows{{"1"}}), sqlite_rows(cdr_file(run), "select posted from calls"));
+}
+
+TEST(FixesLink, APmsThatStopsReadingCostsTheLinkNotTheThreads) {
+    daemon_run run;
+    run.set("fixes", "all", "yes");
+    run.use_log_templates();
+    use_calls(run);
+    ASSERT_TRUE(run.start()) << run.log();
+    run.pms.pause_reading(true);
+    add_calls(run, "101", 6000);  // more than the socket buffers take
+    ASSERT_TRUE(run.wait_log("Connection to PMS lost")) << run.log();
+    run.pms.pause_reading(false);
+    ASSERT_TRUE(wait_until([&] { return run.pms.connections() == 2; }, 10s)) << run.log();
+    ASSERT_TRUE(run.pms.wait_link_active(10s));
+    // Records are handled again.
+    ASSERT_TRUE(run.play({"GI|RN101|GNSmith|"}, "\tName: Smith")) << run.log();
+    ASSERT_TRUE(wait_until([&] { return run.pbx_log().size() == 1; }));
+}
+
+TEST(FixesLink, ABurstOfRecordsIsAppliedInOrderAndAtOnce) {
+    daemon_run run;
+    run.set("fixes", "all", "yes");
+    run.use_log_templates();
+    // The PBX database does not sync each statement to disk: the test
+    // measures the daemon's pace, not the disk's.
+    for (const char* what : {"checkin", "checkout"})
+        run.set("services", what,
+                std::string("\"pbx:PRAGMA synchronous=OFF; insert into log values ('") + what +
+                    "','%exten%','%name%','%lang%','%share%')\"");
+    ASSERT_TRUE(run.start()) << run.log();
+    for (int room = 1000; room < 3000; ++room)
+        ASSERT_TRUE(run.pms.send_record("GI|RN" + std::to_string(room) + "|GNGuest|"));
+    ASSERT_TRUE(run.pms.send_record("GI|RN7|GNLate|"));
+    ASSERT_TRUE(run.pms.send_record("GO|RN7|"));
+    // Watched in the log (the table is read once, at the end, so that the
+    // test's reads do not hold up the daemon's writes).
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    const auto limit = 60s;  // instrumented builds are several times slower
+#else
+    const auto limit = 10s;
+#endif
+    ASSERT_TRUE(wait_until([&] { return run.count_log("insert into log values") == 2002; }, limit))
+        << run.count_log("insert into log values") << " of 2002";
+    std::this_thread::sleep_for(300ms);
+    sql_rows rows = run.pbx("select what, exten from log order by rowid");
+    for (int i = 0; i < 2000; ++i)
+        ASSERT_EQ((std::vector<std::string>{"checkin", std::to_string(1000 + i)}), rows[i]) << i;
+    EXPECT_EQ((std::vector<std::string>{"checkout", "7"}), rows.back());
+}
+
+TEST(FixesLink, InTheForegroundHangupReloadsAndTerminateEndsCleanly) {
+    daemon_run run;
+    run.set("fixes", "all", "yes");
+    use_calls(run);
+    add_calls(run, "101", 1);
+    add_calls(run, "102", 1);
+    ASSERT_TRUE(run.start()) << run.log();
+    ASSERT_TRUE(run.pms.wait_for_frame("PS|P#0001|RN101|", 10s)) << run.log();
+
+    // A room added to [rooms] is billed after the reload.
+    run.set("rooms", "room2", "102").write_config();
+    run.process().signal(SIGHUP);
+    ASSERT_TRUE(run.pms.wait_for_frame("PS|P#0002|RN102|", 10s)) << run.log();
+
+    // A new PMS port is connected to.
+    pms_sim moved;
+    ASSERT_TRUE(moved.start());
+    run.set("pms", "port", std::to_string(moved.port())).write_config();
+    run.process().signal(SIGHUP);
+    ASSERT_TRUE(moved.wait_link_active(10s)) << run.log();
+
+    run.process().signal(SIGTERM);
+    EXPECT_EQ(0, run.process().wait_exit(10s)) << run.log();
+    EXPECT_TRUE(run.wait_log("Caught signal 15. Exiting."));
+}
+
+TEST(FixesLink, PrivateFilesAQuietOutputAndARotatedLog) {
+    daemon_run run;
+    run.set("fixes", "all", "yes");
+    run.use_manager();
+    run.console_log = false;
+    const std::string log_file = run.dir().file("orlanbeck.log");
+    write_file(log_file, "");
+    chmod(log_file.c_str(), 0666);
+    ASSERT_TRUE(run.start()) << read_file(log_file);
+    EXPECT_EQ(0640u, mode_of(log_file));
+    EXPECT_EQ(0640u, mode_of(run.states_file()));
+    EXPECT_NE(std::string::npos, read_file(log_file).find("p=(hidden)"));
+    EXPECT_EQ(std::string::npos, read_file(log_file).find("secret"));
+
+    ASSERT_EQ(0, rename(log_file.c_str(), (log_file + ".1").c_str()));
+    run.process().signal(SIGHUP);
+    ASSERT_TRUE(
+        wait_until([&] { return read_file(log_file).find("Hangup.") != std::string::npos; }));
+    EXPECT_EQ(0640u, mode_of(log_file));
+    // Nothing on standard output: no "Read code", no statements.
+    EXPECT_EQ(std::string::npos, run.process().output().find("Read code"));
+}
+
+TEST(FixesLink, WithoutTheSectionTheLinkAndTheFilesBehaveAsBefore) {
+    daemon_run run;
+    run.use_manager();
+    ASSERT_TRUE(run.start()) << run.log();
+    EXPECT_NE(std::string::npos, run.log().find("Read code 2"));
+    EXPECT_NE(std::string::npos, run.log().find("p=secret"));
+    // "LE" is no record the daemon knows, and a PMS that closes the link is
+    // not noticed.
+    ASSERT_TRUE(run.pms.send_record("LE|DA240514|TI120000|"));
+    EXPECT_TRUE(run.wait_log("Can not parse FIAS packet LE|"));
+    run.pms.drop_connection();
+    std::this_thread::sleep_for(2s);
+    EXPECT_EQ(1, run.pms.connections());
+    EXPECT_EQ(0u, run.count_log("Connection to PMS lost"));
+}
+
+}  // namespace
