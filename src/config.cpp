@@ -129,7 +129,7 @@ fixes_settings read_fixes(const dictionary* d) {
         const char* key = full + strlen("fixes:");
         bool known = strcmp(key, "all") == 0;
         for (const auto& k : keys) known = known || strcmp(key, k.key) == 0;
-        if (!known) LOG(L_WARNING, "Unknown key \"%s\" in [fixes]: ignored", key);
+        if (!known) f.unknown.emplace_back(key);
     }
     return f;
 }

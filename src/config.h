@@ -56,6 +56,7 @@ struct fixes_settings {
     bool exit_status = false;      // an unreadable file on reload ends with status 1
     bool quiet = false;            // statements to the log at DEBUG, nothing on standard output
     bool private_files = false;    // log and states file 0640; the Manager secret never logged
+    std::vector<std::string> unknown;  // keys of the section that are none of the above
 };
 
 struct config {

@@ -65,3 +65,9 @@ void warn_service_strings(const config& cfg) {
                 s.driver.c_str());
     }
 }
+
+void check_configuration(const config& cfg) {
+    for (const std::string& key : cfg.fixes.unknown)
+        LOG(L_WARNING, "Unknown key \"%s\" in [fixes]: ignored", key.c_str());
+    warn_service_strings(cfg);
+}

@@ -9,3 +9,7 @@
 // written: no ":", an unknown placeholder, or a driver no section defines;
 // and for a report whose mark is missing.
 void warn_service_strings(const config& cfg);
+
+// All the warnings of a loaded configuration: the service strings above and
+// unknown keys in [fixes].
+void check_configuration(const config& cfg);

@@ -230,7 +230,7 @@ void sig_hup(int) {
         shut_down(before->fixes.exit_status ? 1 : 0);
     }
     config_ptr cfg = self->configs->current();
-    warn_service_strings(*cfg);
+    check_configuration(*cfg);
     apply_logger(*cfg);
     if (cfg->fixes.reload) apply_reload(*before, cfg);
 }
@@ -287,7 +287,7 @@ int main(int argc, char** argv) {
                 configs.path().c_str());
         exit(0);
     }
-    warn_service_strings(*configs.current());
+    check_configuration(*configs.current());
     state.start_fixes = configs.current()->fixes;
 
     pid_t pid = state.opts.foreground ? 0 : fork();
@@ -313,7 +313,7 @@ int main(int argc, char** argv) {
     if (state.start_fixes.private_files) logger_set_file_mode(0640);
     apply_logger(*cfg);
     // The first warnings came before the logger had its settings.
-    warn_service_strings(*cfg);
+    check_configuration(*cfg);
 
     state.statesfile = cfg->statesfile;
     if (open_states_file(cfg->statesfile) != 0) {

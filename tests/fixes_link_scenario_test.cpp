@@ -155,6 +155,12 @@ TEST(FixesLink, InTheForegroundHangupReloadsAndTerminateEndsCleanly) {
     run.process().signal(SIGHUP);
     ASSERT_TRUE(run.pms.wait_for_frame("PS|P#0002|RN102|", 10s)) << run.log();
 
+    // A check-in (which closes the states file for good) does not cost the
+    // billing its room list.
+    ASSERT_TRUE(run.play({"GI|RN101|GNSmith|"}, "\tName: Smith"));
+    add_calls(run, "101", 2);
+    ASSERT_TRUE(run.pms.wait_for_frame("PS|P#0003|RN101|", 10s)) << run.log();
+
     // A new PMS port is connected to.
     pms_sim moved;
     ASSERT_TRUE(moved.start());
@@ -188,6 +194,30 @@ TEST(FixesLink, PrivateFilesAQuietOutputAndARotatedLog) {
     EXPECT_EQ(0640u, mode_of(log_file));
     // Nothing on standard output: no "Read code", no statements.
     EXPECT_EQ(std::string::npos, run.process().output().find("Read code"));
+
+    // A file that cannot be read on reload ends the daemon with status 1.
+    std::remove(run.config_path().c_str());
+    run.process().signal(SIGHUP);
+    EXPECT_EQ(1, run.process().wait_exit(10s)) << read_file(log_file);
+}
+
+TEST(FixesLink, AKeyGivenAloneLeavesTheOthersOff) {
+    daemon_run run;
+    run.set("fixes", "signals", "yes").set("fixes", "frobnicate", "yes");
+    use_calls(run);
+    add_calls(run, "102", 1);
+    ASSERT_TRUE(run.start()) << run.log();
+    EXPECT_EQ(1u, run.count_log("Unknown key \"frobnicate\" in [fixes]"));
+    // Without reload, a room added to [rooms] is not billed after a reload.
+    run.set("rooms", "room2", "102").write_config();
+    run.process().signal(SIGHUP);
+    ASSERT_TRUE(run.wait_log("Hangup. Reloading configuration."));
+    std::this_thread::sleep_for(1s);  // several billing cycles
+    EXPECT_EQ(0u, run.pms.count_frames("PS|"));
+    // Without exit_status, an unreadable file on reload ends with status 0.
+    std::remove(run.config_path().c_str());
+    run.process().signal(SIGHUP);
+    EXPECT_EQ(0, run.process().wait_exit(10s)) << run.log();
 }
 
 TEST(FixesLink, WithoutTheSectionTheLinkAndTheFilesBehaveAsBefore) {

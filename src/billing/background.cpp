@@ -379,8 +379,8 @@ void service_background(const config_loader& configs, pms_link& link, stop_flag&
         // is now (a reload or a check-in changes it).
         if (cfg->fixes.reload && version != states_rooms_version()) {
             version = states_rooms_version();
-            rooms.clear();
-            states_room_list(rooms);
+            std::vector<std::string> now;
+            if (states_room_list(now) == 0) rooms = std::move(now);
         }
         if (!billing_cycle(*cfg, rooms, link, sequence)) return;
         if (stop.requested() || stop.wait_for(billing_period())) return;

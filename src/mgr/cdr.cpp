@@ -34,7 +34,7 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
 
     unsigned version = states_rooms_version();
     std::vector<std::string> rooms;
-    if (states_room_list(rooms, &cfg->statesfile) != 0) {
+    if (states_room_list(rooms, &cfg->statesfile) == -1) {
         LOG(L_ERROR, "Unable to open states file %s", cfg->statesfile.c_str());
         return;
     }
@@ -69,8 +69,8 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
                 // the table as it is now.
                 if (cfg->fixes.reload && version != states_rooms_version()) {
                     version = states_rooms_version();
-                    rooms.clear();
-                    states_room_list(rooms);
+                    std::vector<std::string> now;
+                    if (states_room_list(now) == 0) rooms = std::move(now);
                 }
                 mgr_cache_cdr(*msg, rooms);
             } else {

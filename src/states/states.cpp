@@ -99,9 +99,8 @@ int states_store_room(const std::string& statesfile, const std::string& room, bo
 
     db_lock guard(sqliteint);
     if (!connect_states(statesfile)) return -1;
-    sqliteint.query(statement);
+    if (sqliteint.query(statement) == 0) rooms_version++;
     if (close_after) sqliteint.close();
-    rooms_version++;
     return 0;
 }
 
@@ -110,8 +109,7 @@ int states_remove_room(const std::string& statesfile, const std::string& room) {
     snprintf(statement, sizeof statement, "delete from rooms where room='%s'", room.c_str());
     db_lock guard(sqliteint);
     if (!connect_states(statesfile)) return -1;
-    sqliteint.query(statement);
-    rooms_version++;
+    if (sqliteint.query(statement) == 0) rooms_version++;
     return 0;
 }
 
@@ -122,7 +120,8 @@ unsigned states_rooms_version() {
 int states_room_list(std::vector<std::string>& rooms, const std::string* statesfile) {
     db_lock guard(sqliteint);
     if (statesfile && !connect_states(*statesfile)) return -1;
-    if (sqliteint.query("select room from rooms") == 0) {
+    const int rc = sqliteint.query("select room from rooms");
+    if (rc == 0) {
         while (sqliteint.fetch_row() == 0) {
             char room[32] = "";
             sqliteint.fetch_char_field(0, room, sizeof room - 1);
@@ -130,7 +129,7 @@ int states_room_list(std::vector<std::string>& rooms, const std::string* statesf
         }
     }
     sqliteint.free_result();
-    return 0;
+    return rc == 0 ? 0 : -2;
 }
 
 std::string cache_insert_statement(const char* const (&v)[cache_insert_values]) {

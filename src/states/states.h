@@ -38,12 +38,14 @@ int states_store_room(const std::string& statesfile, const std::string& room, bo
 // Deletes `room` from `rooms`. 0, or -1 when the states file cannot be opened.
 int states_remove_room(const std::string& statesfile, const std::string& room);
 
-// The rooms of the `rooms` table. With `statesfile` the file is opened
-// first: -1 when it cannot be; otherwise 0.
+// Appends the rooms of the `rooms` table. With `statesfile` the file is
+// opened first: -1 when it cannot be; -2 when the table cannot be read;
+// otherwise 0.
 int states_room_list(std::vector<std::string>& rooms, const std::string* statesfile = nullptr);
 
 // A number that changes whenever this process writes or deletes a room, so
-// that readers of the room list know when to read it again.
+// that readers of the room list know when to read it again (a statement
+// that fails changes nothing).
 unsigned states_rooms_version();
 
 // The cache insert of one Cdr event; `values` in the order of the columns
