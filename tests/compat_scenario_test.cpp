@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <regex>
-
 #include "support_daemon.h"
 
 using namespace std::chrono_literals;
@@ -18,7 +16,8 @@ TEST(Compatibility, LinkStartUpRecordsAndAHangupInTheForeground) {
     EXPECT_EQ(9u, run.pms.count_frames("LR|"));
     auto ld = run.pms.frames("LD|");
     ASSERT_EQ(1u, ld.size());
-    EXPECT_TRUE(std::regex_match(ld[0], std::regex(R"(LD\|DA\d{6}\|TI\d{6}\|V#1\.01\|IFPB\|)")))
+    EXPECT_TRUE(like("LD|DA######|TI######|", ld[0].substr(0, 21)) &&
+                ld[0].substr(21) == "V#1.01|IFPB|")
         << ld[0];
 
     // In the foreground there are no signal handlers: SIGHUP ends the daemon.
@@ -39,7 +38,7 @@ TEST(Compatibility, ACheckInClosesTheStatesFileAndTheCallCacheForGood) {
     // The row carries the time of day as its date and an empty time.
     sql_rows room = run.states("select ci_date, citime, calls from rooms where room='101'");
     ASSERT_EQ(1u, room.size());
-    EXPECT_TRUE(std::regex_match(room[0][0], std::regex(R"(\d\d:\d\d:\d\d)"))) << room[0][0];
+    EXPECT_TRUE(like("##:##:##", room[0][0])) << room[0][0];
     EXPECT_EQ("", room[0][1]);
     EXPECT_EQ("0", room[0][2]);
 
