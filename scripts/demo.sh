@@ -106,6 +106,10 @@ start_sims() {
 # write_config FILE MANAGER(yes|no)
 write_config() {
   cat >"$1" <<CONF
+; The corrections of [fixes], as the sample configuration sets them.
+[fixes]
+all = yes
+
 [pms]
 host = 127.0.0.1
 port = $pms_port
@@ -192,6 +196,8 @@ start_sims
 echo
 echo "Simulated PMS on 127.0.0.1:$pms_port, simulated Asterisk Manager on 127.0.0.1:$mgr_port."
 echo "Work folder: $work"
+echo "Mode: [fixes] all = yes, as in the sample configuration etc/orlanbeck.conf"
+echo "(without that section the daemon keeps its long-standing behaviours: see the README)."
 
 # ---------------------------------------------------------------- act 1
 say "Act 1: a call captured from the Asterisk Manager (services:cdr_use_manager = yes)"
