@@ -204,10 +204,16 @@ TEST(FixesLink, PrivateFilesAQuietOutputAndARotatedLog) {
 TEST(FixesLink, AKeyGivenAloneLeavesTheOthersOff) {
     daemon_run run;
     run.set("fixes", "signals", "yes").set("fixes", "frobnicate", "yes");
+    run.env.push_back("ORLANBECK_TEST_RECORD_PAUSE_MS=1000");
     use_calls(run);
     add_calls(run, "102", 1);
     ASSERT_TRUE(run.start()) << run.log();
     EXPECT_EQ(1u, run.count_log("Unknown key \"frobnicate\" in [fixes]"));
+    // Without ordered_records the reader pauses after every record.
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(run.pms.send_record("DR|DA240514|TI120000|"));
+    ASSERT_TRUE(run.wait_log("Received Description record packet from PMS"));
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(1u, run.count_log("Received Description record packet from PMS"));
     // Without reload, a room added to [rooms] is not billed after a reload.
     run.set("rooms", "room2", "102").write_config();
     run.process().signal(SIGHUP);

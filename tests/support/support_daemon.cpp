@@ -65,10 +65,11 @@ bool daemon_run::start() {
     write_config();
     std::vector<std::string> argv = {orlanbeck_binary(), "-f", "-d", "-c", config_path()};
     if (!console_log) argv.erase(argv.begin() + 2);
-    if (!proc_.start(argv, nullptr,
-                     {"ORLANBECK_TEST_BILLING_PERIOD_MS=200", "ORLANBECK_TEST_RECORD_PAUSE_MS=20",
-                      "ORLANBECK_TEST_WRITE_LIMIT_MS=500"}))
-        return false;
+    std::vector<std::string> environment = env;
+    for (const char* e : {"ORLANBECK_TEST_BILLING_PERIOD_MS=200",
+                          "ORLANBECK_TEST_RECORD_PAUSE_MS=20", "ORLANBECK_TEST_WRITE_LIMIT_MS=500"})
+        environment.push_back(e);
+    if (!proc_.start(argv, nullptr, environment)) return false;
     if (!pms_up_) return true;
     if (!pms.wait_link_active(15s) || !wait_log("Received Link active packet from PMS"))
         return false;

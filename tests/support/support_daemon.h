@@ -28,6 +28,8 @@ class daemon_run {
     mgr_sim mgr;
     // With false the daemon logs to its log file (no -d), which log() reads.
     bool console_log = true;
+    // More environment for the daemon ("NAME=value"; these win).
+    std::vector<std::string> env;
     int pms_port() const { return pms_port_; }
 
     // The configuration. The states file, a SQLite PBX database ([pbx]) and
