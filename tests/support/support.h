@@ -74,9 +74,6 @@ class child_process {
 
     pid_t pid() const { return pid_; }
     std::string output() const;
-    bool wait_output(const std::string& text,
-                     std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
-    size_t count(const std::string& text) const;
     void signal(int signo) const;
     // The exit status, or -1 on time-out or when a signal ended the child
     // (then *signo is set when given).

@@ -150,17 +150,6 @@ std::string child_process::output() const {
     return out;
 }
 
-bool child_process::wait_output(const std::string& text, std::chrono::milliseconds timeout) const {
-    return wait_until([&] { return output().find(text) != std::string::npos; }, timeout);
-}
-
-size_t child_process::count(const std::string& text) const {
-    std::string out = output();
-    size_t n = 0;
-    for (size_t at = out.find(text); at != std::string::npos; at = out.find(text, at + 1)) ++n;
-    return n;
-}
-
 void child_process::signal(int signo) const {
     if (pid_ > 0) kill(pid_, signo);
 }
