@@ -117,7 +117,16 @@ fixes_settings read_fixes(const dictionary* d) {
                 {"reload", f.reload},
                 {"exit_status", f.exit_status},
                 {"quiet", f.quiet},
-                {"private_files", f.private_files}};
+                {"private_files", f.private_files},
+                {"escape", f.escape},
+                {"numbers", f.numbers},
+                {"dates", f.dates},
+                {"percent", f.percent},
+                {"dnd_keys", f.dnd_keys},
+                {"states_file", f.states_file},
+                {"posting", f.posting},
+                {"mysql", f.mysql},
+                {"manager_events", f.manager_events}};
     for (const auto& k : keys)
         k.value = iniparser_getboolean(d, ("fixes:" + std::string(k.key)).c_str(), all) != 0;
 
@@ -155,6 +164,7 @@ bool parse_config_file(const std::string& path, config& cfg) {
     cfg.pmsport = static_cast<uint16_t>(read_port(d, "pms:port", 5010));
     read_text(d, "pms:statesfile", cfg.statesfile);
     read_text(d, "pms:interface", cfg.pmsinterface);
+    read_text(d, "pms:encoding", cfg.pmsencoding);
     if (opt_text t = get_text(d, "logger:log_type"))
         cfg.logtype = strcasestr(t->c_str(), "syslog") ? 0 : 1;
     cfg.loglevel = static_cast<uint16_t>(iniparser_getint(d, "logger:log_level", 5));
@@ -168,6 +178,7 @@ bool parse_config_file(const std::string& path, config& cfg) {
     read_text(d, "services:cdr_mgr_host", cfg.mgr_host);
     read_text(d, "services:cdr_mgr_user", cfg.mgr_user);
     read_text(d, "services:cdr_mgr_password", cfg.mgr_passwd);
+    cfg.mgr_events_set = iniparser_find_entry(d, "services:cdr_mgr_events") != 0;
     read_text(d, "services:cdr_mgr_events", cfg.mgr_events);
     cfg.noremovecalls = iniparser_getint(d, "services:noremovecalls", 0);
     read_text(d, "services:bareon", cfg.bareon);
@@ -214,7 +225,7 @@ int config_loader::load() {
         publish(std::move(cfg));
         return -1;
     }
-    cfg->dbdrivers = merge_drivers(load_dbdrivers(cfg->databases), old);
+    cfg->dbdrivers = merge_drivers(load_dbdrivers(cfg->databases, cfg->fixes.mysql), old);
     publish(std::move(cfg));
     return 0;
 }

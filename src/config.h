@@ -56,6 +56,15 @@ struct fixes_settings {
     bool exit_status = false;      // an unreadable file on reload ends with status 1
     bool quiet = false;            // statements to the log at DEBUG, nothing on standard output
     bool private_files = false;    // log and states file 0640; the Manager secret never logged
+    bool escape = false;           // values escaped for their database; pms:encoding applied
+    bool numbers = false;          // number fields carry their value; pairs read in base 10
+    bool dates = false;            // a received date keeps its month; rooms rows get true stamps
+    bool percent = false;          // "%%" is "%", an unknown "%" is copied; no thread stops
+    bool dnd_keys = false;         // DND on/off guarded by dndon/dndoff themselves
+    bool states_file = false;      // no handler closes the states file
+    bool posting = false;          // marks after a whole write; accepted calls leave the cache
+    bool mysql = false;            // dbdriver = mysql makes a MySQL record
+    bool manager_events = false;   // the login asks for "cdr" when cdr_mgr_events is not set
     std::vector<std::string> unknown;  // keys of the section that are none of the above
 };
 
@@ -67,6 +76,7 @@ struct config {
     uint16_t pmsport = 5010;
     std::string statesfile = "/var/run/orlanbeck.db";
     opt_text pmsinterface;
+    opt_text pmsencoding;  // pms:encoding, the PMS's character set ([fixes] escape)
     // [logger]
     uint8_t logtype = 0;  // 1 = copy log lines to the system log
     uint16_t loglevel = 5;
@@ -82,6 +92,7 @@ struct config {
     opt_text mgr_user;
     opt_text mgr_passwd;
     std::string mgr_events = "call";  // services:cdr_mgr_events
+    bool mgr_events_set = false;      // the key is in the file
     int noremovecalls = 0;
     opt_text bareon;
     opt_text bareoff;

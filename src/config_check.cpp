@@ -2,6 +2,7 @@
 
 #include "billing/templates.h"
 #include "db/registry.h"
+#include "fias/charset.h"
 #include "logger.h"
 
 void warn_service_strings(const config& cfg) {
@@ -55,7 +56,12 @@ void warn_service_strings(const config& cfg) {
             continue;
         }
         int at = template_unknown_placeholder(e.kind, s.statement.c_str());
-        if (at >= 0)
+        if (at >= 0 && cfg.fixes.percent)
+            LOG(L_WARNING,
+                "services:%s has a \"%%\" that starts no placeholder at \"%.20s\": it is "
+                "copied as it is (\"%%%%\" writes one \"%%\")",
+                e.key, s.statement.c_str() + at);
+        else if (at >= 0)
             LOG(L_WARNING,
                 "services:%s has an unknown placeholder at \"%.20s\": the thread that fills it "
                 "will stop there",
@@ -69,5 +75,9 @@ void warn_service_strings(const config& cfg) {
 void check_configuration(const config& cfg) {
     for (const std::string& key : cfg.fixes.unknown)
         LOG(L_WARNING, "Unknown key \"%s\" in [fixes]: ignored", key.c_str());
+    if (cfg.pmsencoding && !known_encoding(*cfg.pmsencoding))
+        LOG(L_WARNING,
+            "pms:encoding = \"%s\" is no known character set: texts are taken as received",
+            cfg.pmsencoding->c_str());
     warn_service_strings(cfg);
 }

@@ -128,7 +128,8 @@ void apply_logger(const config& cfg) {
 }
 
 pms_link::options link_options(const config& cfg) {
-    return pms_link::options{cfg.fixes.link_end, cfg.fixes.quiet};
+    return pms_link::options{cfg.fixes.link_end, cfg.fixes.quiet,
+                             fias_codec_options{cfg.fixes.numbers}};
 }
 
 void start_capture(const config_ptr& cfg) {
@@ -203,7 +204,7 @@ void sig_fault(int signo) {
 // After a reload with [fixes] reload: the room list, the PMS address and the
 // Manager session follow the new configuration.
 void apply_reload(const config& before, const config_ptr& after) {
-    load_rooms_conf(after->rooms, self->statesfile);
+    load_rooms_conf(after->rooms, self->statesfile, after->fixes.dates);
     if (before.pmshost != after->pmshost || before.pmsport != after->pmsport ||
         before.pmsinterface != after->pmsinterface) {
         LOG(L_NOTICE, "PMS settings changed: connecting to %s:%d", after->pmshost.c_str(),
@@ -321,7 +322,7 @@ int main(int argc, char** argv) {
         exit(1);
     }
     if (state.start_fixes.private_files) chmod(cfg->statesfile.c_str(), 0640);
-    load_rooms_conf(cfg->rooms, cfg->statesfile);
+    load_rooms_conf(cfg->rooms, cfg->statesfile, cfg->fixes.dates);
 
     // While the reader waits, signals are still acted upon.
     link.set_idle_hook(signal_handle_all);

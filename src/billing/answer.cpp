@@ -23,15 +23,30 @@ void do_pa(const record_context& ctx) {
     const char* answer = as ? field_text(as) : nullptr;
     if (answer) LOG(L_NOTICE, "\tAnswer is: %s", answer);
     // An answer without "AS" counts as refused.
-    if (!answer || strncasecmp(answer, "OK", 2) != 0) {
+    const bool accepted = answer && strncasecmp(answer, "OK", 2) == 0;
+    const bool posting = ctx.cfg->fixes.posting;
+    // With [fixes] posting an answer settles its posting (or its copy).
+    if (posting) ctx.link.posting_answered(field_text(seq));
+    if (!accepted) {
         LOG(L_WARNING, "Non-OK answer on Post call. Please check");
+        // It stays marked as sent: it is settled on the PMS's side.
+        if (posting)
+            LOG(L_WARNING, "Posting P#%s of room %s refused by the PMS: %s", field_text(seq),
+                field_text(rn), answer ? answer : "(no answer text)");
         return;
     }
 
     if (ctx.cfg->use_manager) {
+        // With [fixes] posting the accepted call is removed by its own row,
+        // or marked, matched with the date's own month.
+        fill_options fill = fill_options_of(*ctx.cfg);
         const char* templ = ctx.cfg->noremovecalls ? pa_mark_statement : pa_remove_statement;
-        std::string statement = prepare_query(&sqliteint, templ, rn, nullptr, nullptr, nullptr, da,
-                                              ti, seq, fill_options_of(*ctx.cfg));
+        if (posting) {
+            templ = ctx.cfg->noremovecalls ? pa_mark_statement : pa_remove_own_statement;
+            fill.dates = fill.escape = fill.percent = true;
+        }
+        std::string statement =
+            prepare_query(&sqliteint, templ, rn, nullptr, nullptr, nullptr, da, ti, seq, fill);
         LOG(L_DEBUG, "OK query is: %s\n", statement.c_str());
         db_lock guard(sqliteint);
         sqliteint.query(statement.c_str());

@@ -95,10 +95,24 @@ struct pass_env {
     pms_link& link;
     posting_sequence& sequence;
     fill_options fill;
+    const fixes_settings& fixes;
+    billing_memory* memory;  // may be null
+    fias_codec_options codec() const { return fias_codec_options{fixes.numbers}; }
 };
 
+// Sends a report ("PS", "WA", "RE"). True when it is to be marked: always by
+// default (also when the send failed); with [fixes] posting only when it was
+// written whole on an active link.
+bool send_report(pass_env& env, const fias_packet_t* rec, const char* error) {
+    if (env.fixes.posting && !env.link.active()) return false;
+    if (env.link.send_packet(rec) >= 0) return true;
+    LOG(L_ERROR, "%s", error);
+    return !env.fixes.posting;
+}
+
 // Builds and sends the "PS" record of one call. Null when the record cannot
-// be made (the row is then skipped and not marked).
+// be made or, with [fixes] posting, was not sent (the row is then skipped and
+// not marked).
 fias_packet_ptr post_call(pass_env& env, const dbdriver_t& drv, const std::string& room,
                           const call_row& row, std::string* sequence) {
     fias_packet_ptr rec = fias_create_packet(FIAS_PS);
@@ -123,7 +137,10 @@ fias_packet_ptr post_call(pass_env& env, const dbdriver_t& drv, const std::strin
     } else {
         set_field(rec.get(), "PT", text_value("T"));
     }
-    if (env.link.send_packet(rec.get()) < 0) LOG(L_ERROR, "Unable to send fias Post Simple");
+    if (!send_report(env, rec.get(), "Unable to send fias Post Simple")) return nullptr;
+    if (env.fixes.posting)
+        env.link.posting_sent(
+            {*sequence, room, row.dst, fias_packet_to_str(rec.get(), env.codec())});
     return rec;
 }
 
@@ -136,21 +153,41 @@ struct pass_source {
     bool ok = true;
 };
 
-pass_source resolve(const config& cfg, const std::string& service, const char* key) {
+// Whether a pass's complaint is to be logged: always by default; with
+// [fixes] posting once per configuration load.
+bool first_time(pass_env& env, const config& cfg, const char* key) {
+    if (!env.fixes.posting || !env.memory) return true;
+    billing_memory& m = *env.memory;
+    if (m.loaded != &cfg) {
+        m.loaded = &cfg;
+        m.reported.clear();
+    }
+    return m.reported.insert(key).second;
+}
+
+pass_source resolve(pass_env& env, const config& cfg, const std::string& service, const char* key) {
     pass_source src;
     service_string s = split_service(service);
     if (!s.has_statement) {
-        LOG(L_ERROR, "services:%s = \"%s\" has no \":\" and so no statement: pass skipped", key,
-            service.c_str());
+        if (first_time(env, cfg, key))
+            LOG(L_ERROR, "services:%s = \"%s\" has no \":\" and so no statement: pass skipped", key,
+                service.c_str());
         return src;
     }
     std::string name = s.driver.substr(0, 31);
     src.drv = find_dbdriver_in(cfg.dbdrivers, name.c_str());
     if (!src.drv) {
-        LOG(L_ERROR, "Unable to find DB driver %s", name.c_str());
-        src.ok = false;
+        if (first_time(env, cfg, key)) LOG(L_ERROR, "Unable to find DB driver %s", name.c_str());
+        // Billing ends for good, or, with [fixes] posting, skips the pass.
+        src.ok = env.fixes.posting;
         return src;
     }
+    // A template that can never be filled stops this thread here, before any
+    // lock is taken (the template routine itself logs and blocks).
+    if (!env.fill.percent &&
+        template_unknown_placeholder(TEMPLATE_STRINGS, s.statement.c_str()) >= 0)
+        prepare_query2(src.drv.get(), s.statement.c_str(), nullptr, nullptr, nullptr, nullptr,
+                       env.fill);
     src.statement = s.statement;
     return src;
 }
@@ -166,9 +203,18 @@ std::string mark_statement(const opt_text& service, const char* key, const fill_
             key, service->c_str());
         return "";
     }
-    if (template_unknown_placeholder(TEMPLATE_STRINGS, s.statement.c_str()) >= 0)
+    if (!fill.percent && template_unknown_placeholder(TEMPLATE_STRINGS, s.statement.c_str()) >= 0)
         prepare_query2(&sqliteint, s.statement.c_str(), nullptr, nullptr, nullptr, nullptr, fill);
     return s.statement;
+}
+
+// A pass's statement filled for `room`, under the lock the caller holds (for
+// [fixes] escape, which may use the live connection). A template that would
+// stop the thread was already met, lock-free, by resolve().
+std::string room_statement(pass_env& env, dbdriver_t& drv, const std::string& statement,
+                           const std::string& room) REQUIRES(drv) {
+    return prepare_query2(&drv, statement.c_str(), room.c_str(), nullptr, nullptr, nullptr,
+                          env.fill);
 }
 
 // Runs a room's query on its pass driver, under the lock the caller holds.
@@ -195,7 +241,7 @@ void cache_pass(pass_env& env, const std::vector<std::string>& rooms) {
             std::string sequence;
             fias_packet_ptr rec = post_call(env, sqliteint, room, row, &sequence);
             if (!rec) continue;
-            std::string text = fias_packet_to_str(rec.get());
+            std::string text = fias_packet_to_str(rec.get(), env.codec());
             marks.push_back(prepare_query3(&sqliteint, cache_mark_statement, text.c_str(),
                                            room.c_str(), row.date, row.time, sequence.c_str(),
                                            env.fill));
@@ -206,16 +252,14 @@ void cache_pass(pass_env& env, const std::vector<std::string>& rooms) {
 }
 
 bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>& rooms) {
-    pass_source src = resolve(cfg, *cfg.billcalls, "billcalls");
+    pass_source src = resolve(env, cfg, *cfg.billcalls, "billcalls");
     if (!src.ok) return false;
     if (!src.drv) return true;
     std::string billmark = mark_statement(cfg.billmark, "billmark", env.fill);
     dbdriver_t& drv = *src.drv;
     for (const std::string& room : rooms) {
-        std::string statement = prepare_query2(&drv, src.statement.c_str(), room.c_str(), nullptr,
-                                               nullptr, nullptr, env.fill);
         db_lock guard(drv);
-        open_room_query(drv, statement);
+        open_room_query(drv, room_statement(env, drv, src.statement, room));
         std::vector<std::string> marks;
         while (drv.fetch_row() == 0) {
             call_row row;
@@ -253,16 +297,14 @@ using report_fn = std::optional<reported> (*)(pass_env&, dbdriver_t&, const std:
 bool single_row_pass(pass_env& env, const config& cfg, const std::string& service, const char* key,
                      const opt_text& mark_service, const char* mark_key,
                      const std::vector<std::string>& rooms, report_fn report) {
-    pass_source src = resolve(cfg, service, key);
+    pass_source src = resolve(env, cfg, service, key);
     if (!src.ok) return false;
     if (!src.drv) return true;
     std::string mark = mark_statement(mark_service, mark_key, env.fill);
     dbdriver_t& drv = *src.drv;
     for (const std::string& room : rooms) {
-        std::string statement = prepare_query2(&drv, src.statement.c_str(), room.c_str(), nullptr,
-                                               nullptr, nullptr, env.fill);
         db_lock guard(drv);
-        open_room_query(drv, statement);
+        open_room_query(drv, room_statement(env, drv, src.statement, room));
         if (drv.fetch_row() != 0) continue;
         std::optional<reported> done = report(env, drv, room);
         if (!done) return true;
@@ -315,7 +357,7 @@ std::optional<reported> wakeup_pass(pass_env& pass, dbdriver_t& drv, const std::
     set_field(rec.get(), "DA", date_value(date, drv.dateformat));
     set_field(rec.get(), "TI", time_value(time, drv.timeformat));
     set_field(rec.get(), "AS", text_value(wakeup_answer(result)));
-    if (pass.link.send_packet(rec.get()) < 0) LOG(L_ERROR, "Unable to send fias WR");
+    if (!send_report(pass, rec.get(), "Unable to send fias WR")) return reported{};
     return reported{true, date, time};
 }
 
@@ -337,16 +379,23 @@ std::optional<reported> room_status_pass(pass_env& pass, dbdriver_t& drv, const 
     if (!rec) return reported{};
     set_field(rec.get(), "RN", text_value(room.c_str()));
     set_field(rec.get(), "RS", text_value(room_status_code(status)));
-    if (pass.link.send_packet(rec.get()) < 0) LOG(L_ERROR, "Unable to send fias RE");
+    if (!send_report(pass, rec.get(), "Unable to send fias RE")) return reported{};
     return reported{true, "", ""};
 }
 
 }  // namespace
 
 bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms, pms_link& link,
-                   posting_sequence& sequence) {
-    pass_env env{link, sequence, fill_options_of(cfg)};
+                   posting_sequence& sequence, billing_memory* memory) {
+    pass_env env{link, sequence, fill_options_of(cfg), cfg.fixes, memory};
     if (!link.active()) return true;
+    // Postings whose answers were lost with an earlier link go out once more,
+    // with their own "P#" ([fixes] posting).
+    for (const pms_link::posting& p : link.postings_to_resend()) {
+        LOG(L_WARNING, "Posting P#%s of room %s (%s) sent again: its answer was lost with the link",
+            p.seq.c_str(), p.room.c_str(), p.number.c_str());
+        if (link.send_raw(p.text.c_str()) < 0) LOG(L_ERROR, "Unable to send fias Post Simple");
+    }
     bool posted = false;
     if (cfg.use_manager) {
         cache_pass(env, rooms);
@@ -373,6 +422,7 @@ void service_background(const config_loader& configs, pms_link& link, stop_flag&
     std::vector<std::string> rooms;
     states_room_list(rooms);
     posting_sequence sequence;
+    billing_memory memory;
     for (;;) {
         config_ptr cfg = configs.current();
         // With [fixes] reload the cycle bills the rooms of the table as it
@@ -382,7 +432,7 @@ void service_background(const config_loader& configs, pms_link& link, stop_flag&
             std::vector<std::string> now;
             if (states_room_list(now) == 0) rooms = std::move(now);
         }
-        if (!billing_cycle(*cfg, rooms, link, sequence)) return;
+        if (!billing_cycle(*cfg, rooms, link, sequence, &memory)) return;
         if (stop.requested() || stop.wait_for(billing_period())) return;
     }
 }

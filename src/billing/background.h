@@ -13,6 +13,7 @@
 //    of the PMS link.
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,14 @@ struct posting_sequence {
     std::string next();
 };
 
+// What the billing thread remembers across cycles: the complaints already
+// logged for the configuration in force ([fixes] posting logs each once per
+// load).
+struct billing_memory {
+    const config* loaded = nullptr;
+    std::set<std::string> reported;
+};
+
 // Runs until a pass's driver is missing (which ends billing for good) or a
 // stop is requested.
 void service_background(const config_loader& configs, pms_link& link, stop_flag& stop);
@@ -33,4 +42,4 @@ void service_background(const config_loader& configs, pms_link& link, stop_flag&
 // One cycle's passes over `rooms` (the cache or query pass, the wake-up pass,
 // the room-status pass). Returns false when a pass's driver is missing.
 bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms, pms_link& link,
-                   posting_sequence& sequence);
+                   posting_sequence& sequence, billing_memory* memory = nullptr);

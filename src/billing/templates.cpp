@@ -91,9 +91,16 @@ std::string substitute(const char* q, template_kind kind, const char* echo,
         for (;;) {
             out.append(copied, cursor);
             int i = match(set, cursor);
-            if (i < 0) hang_on_unknown(q, cursor);
-            value(out, i);
-            cursor += set.begin[i].len;
+            if (i >= 0) {
+                value(out, i);
+                cursor += set.begin[i].len;
+            } else if (opts.percent) {
+                // "%%" writes one "%"; any other "%" is copied as it is.
+                out += '%';
+                cursor += cursor[1] == '%' ? 2 : 1;
+            } else {
+                hang_on_unknown(q, cursor);
+            }
             copied = cursor;
             const char* next = strchr(cursor, '%');
             if (!next) break;
@@ -108,12 +115,18 @@ std::string substitute(const char* q, template_kind kind, const char* echo,
     return out;
 }
 
-void append_text(std::string& out, const char* s) {
-    if (s) out += s;
+// A value, escaped for the database under [fixes] escape. The caller then
+// holds the record's lock (escaping may use the live connection).
+void append_value(std::string& out, std::string_view v, const dbdriver_t* drv,
+                  const fill_options& opts) NO_THREAD_SAFETY_ANALYSIS {
+    if (opts.escape && drv && drv->dbhandle)
+        out += drv->dbhandle->escape(v);
+    else
+        out += v;
 }
 
-void append_field_text(std::string& out, const fias_field_t* f) {
-    if (f && f->value && f->value->str) out += *f->value->str;
+std::string_view field_str(const fias_field_t* f) {
+    return f && f->value && f->value->str ? std::string_view(*f->value->str) : std::string_view();
 }
 
 // Shared by prepare_query2 and prepare_query3, whose sets differ only by %param%.
@@ -123,20 +136,21 @@ std::string prepare_strings(const dbdriver_t* drv, const char* q, template_kind 
     const placeholder_set set = set_of(kind);
     return substitute(q, kind, echo, opts, [&](std::string& out, int i) {
         std::string_view token = set.begin[i].token;
+        auto text = [&](const char* s) { append_value(out, s ? s : "", drv, opts); };
         if (token == "%param%")
-            append_text(out, param);
+            text(param);
         else if (token == "%exten%")
-            append_text(out, rn);
+            text(rn);
         else if (token == "%date%")
-            append_text(out, da);
+            text(da);
         else if (token == "%current_date%")
             append_now(out, drv->dateformat);
         else if (token == "%time%")
-            append_text(out, ti);
+            text(ti);
         else if (token == "%current_time%")
             append_now(out, drv->timeformat);
         else
-            append_text(out, seq);
+            text(seq);
     });
 }
 
@@ -150,20 +164,21 @@ std::string prepare_query(const dbdriver_t* drv, const char* q, const fias_field
     return substitute(q, TEMPLATE_FIELDS, "query: ", opts, [&](std::string& out, int i) {
         std::string_view token = fields_set[i].token;
         if (token == "%exten%") {
-            append_field_text(out, rn);
+            append_value(out, field_str(rn), drv, opts);
         } else if (token == "%name%") {
-            append_field_text(out, name);
+            append_value(out, field_str(name), drv, opts);
         } else if (token == "%lang%") {
-            append_field_text(out, lang);
+            append_value(out, field_str(lang), drv, opts);
         } else if (token == "%share%") {
             out += std::to_string(shared && shared->value ? shared->value->bval : 0);
         } else if (token == "%date%") {
             if (date && date->value) {
                 // The month goes in unchanged as the zero-based month: a
-                // numeric month format shows the following month.
+                // numeric month format shows the following month ([fixes]
+                // dates: the date's own month).
                 struct tm tmv {};
                 tmv.tm_year = date->value->date.year + 100;
-                tmv.tm_mon = date->value->date.month;
+                tmv.tm_mon = date->value->date.month - (opts.dates ? 1 : 0);
                 tmv.tm_mday = date->value->date.day;
                 append_strftime(out, drv->dateformat, tmv);
             }
@@ -181,7 +196,7 @@ std::string prepare_query(const dbdriver_t* drv, const char* q, const fias_field
         } else if (token == "%current_time%") {
             append_now(out, drv->timeformat);
         } else {
-            append_field_text(out, seq);
+            append_value(out, field_str(seq), drv, opts);
         }
     });
 }

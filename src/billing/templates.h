@@ -26,7 +26,10 @@ enum template_kind {
 // How a template is filled, beyond its values (from the configuration's
 // [fixes]).
 struct fill_options {
-    bool quiet = false;  // the finished statement goes to the log at DEBUG, not to stdout
+    bool quiet = false;    // the finished statement goes to the log at DEBUG, not to stdout
+    bool escape = false;   // values escaped for the record's database (its lock held)
+    bool dates = false;    // a received date keeps its own month
+    bool percent = false;  // "%%" writes "%", an unknown "%" is copied; nothing stops
 };
 
 std::string prepare_query(const dbdriver_t* drv, const char* q, const fias_field_t* rn,

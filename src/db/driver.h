@@ -22,6 +22,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "thread_annotations.h"
 
@@ -41,6 +42,8 @@ class db_handle {
     virtual void free_result() = 0;
     virtual void close() = 0;
     virtual int is_connected() = 0;
+    // `text` escaped for a quoted literal of this database.
+    virtual std::string escape(std::string_view text) = 0;
 };
 
 struct CAPABILITY("database record") dbdriver_t {

@@ -24,6 +24,7 @@ const char* const option_group = "orlanbeck";
 // Bounds a connect to a host that does not answer at all (an option file may
 // change it).
 const unsigned int connect_timeout_s = 10;
+const unsigned int io_timeout_s = 30;
 
 struct connection_closer {
     void operator()(MYSQL* m) const { mysql_close(m); }
@@ -39,7 +40,7 @@ bool is_numeric_type(enum_field_types type) {
 
 class mysql_handler_t final : public db_handle {
   public:
-    mysql_handler_t() = default;
+    explicit mysql_handler_t(bool full) : full_(full) {}
     mysql_handler_t(const mysql_handler_t&) = delete;
     mysql_handler_t& operator=(const mysql_handler_t&) = delete;
     ~mysql_handler_t() override { my_close(); }
@@ -60,6 +61,15 @@ class mysql_handler_t final : public db_handle {
     void close() override { my_close(); }
     int is_connected() override { return my_is_connected(); }
 
+    std::string escape(std::string_view text) override {
+        std::string out(text.size() * 2 + 1, '\0');
+        unsigned long n =
+            mysql_ ? mysql_real_escape_string(mysql_.get(), out.data(), text.data(), text.size())
+                   : mysql_escape_string(out.data(), text.data(), text.size());
+        out.resize(n);
+        return out;
+    }
+
   private:
     int m_connect(const char* host, uint16_t port, const char* user, const char* password,
                   const char* database) {
@@ -73,6 +83,13 @@ class mysql_handler_t final : public db_handle {
         }
         mysql_options(mysql_.get(), MYSQL_READ_DEFAULT_GROUP, option_group);
         mysql_options(mysql_.get(), MYSQL_OPT_CONNECT_TIMEOUT, &connect_timeout_s);
+        if (full_) {
+            // A server that stops answering cannot hold a thread for long,
+            // and names arrive in any language.
+            mysql_options(mysql_.get(), MYSQL_OPT_READ_TIMEOUT, &io_timeout_s);
+            mysql_options(mysql_.get(), MYSQL_OPT_WRITE_TIMEOUT, &io_timeout_s);
+            mysql_options(mysql_.get(), MYSQL_SET_CHARSET_NAME, "utf8mb4");
+        }
         if (!mysql_real_connect(mysql_.get(), host, user, password, database, port, nullptr, 0)) {
             LOG(L_ERROR, "Failed to connect to database: Error: %s", mysql_error(mysql_.get()));
             return -2;
@@ -112,7 +129,7 @@ class mysql_handler_t final : public db_handle {
         if (num < 0 || static_cast<unsigned int>(num) >= mysql_num_fields(res_.get())) return -2;
         const MYSQL_FIELD* field = mysql_fetch_field_direct(res_.get(), num);
         if (!field) return -2;
-        if (!is_numeric_type(field->type)) return -3;
+        if (!full_ && !is_numeric_type(field->type)) return -3;
         if (!row_) return -4;  // kept from the documented order; the first check covers it
         *text = row_[num] ? row_[num] : "";
         return 0;
@@ -159,6 +176,7 @@ class mysql_handler_t final : public db_handle {
 
     // Declared before the result: a result is always released before its
     // connection.
+    const bool full_;  // [fixes] mysql: text columns, time limits, utf8mb4
     std::unique_ptr<MYSQL, connection_closer> mysql_;
     std::unique_ptr<MYSQL_RES, result_freer> res_;
     MYSQL_ROW row_ = nullptr;
@@ -166,9 +184,9 @@ class mysql_handler_t final : public db_handle {
 
 }  // namespace
 
-dbdriver_ptr mysql_create_drv(const char* name) {
+dbdriver_ptr mysql_create_drv(const char* name, bool full) {
     auto drv = std::make_shared<dbdriver_t>();
-    drv->dbhandle = std::make_unique<mysql_handler_t>();
+    drv->dbhandle = std::make_unique<mysql_handler_t>(full);
     dbdriver_t::set_text16(drv->name, name ? name : mysqldrv.name);
     dbdriver_t::set_text16(drv->dateformat, mysqldrv.dateformat);
     dbdriver_t::set_text16(drv->timeformat, mysqldrv.timeformat);

@@ -16,12 +16,13 @@
 //    no terminator: callers pass a zeroed buffer.
 //  - is_connected() pings the server: 1 when it must be reconnected.
 //  - The operations take no lock; callers hold the record's lock (driver.h).
-//  - No configuration type word selects this driver; only mysql_create_drv()
-//    makes it.
+//  - "dbdriver = mysql" makes it only under [fixes] mysql (see registry.h).
 #pragma once
 
 #include "db/driver.h"
 
 // A new MySQL driver named `name` (cut to 15 characters), port 3306, not
-// connected.
-dbdriver_ptr mysql_create_drv(const char* name);
+// connected. With `full` ([fixes] mysql) the field readers also read text,
+// date and time columns, the connection uses utf8mb4, and reads and writes
+// give up after 30 s.
+dbdriver_ptr mysql_create_drv(const char* name, bool full = false);

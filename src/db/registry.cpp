@@ -4,12 +4,18 @@
 
 #include <cstring>
 
+#include "db/mysql.h"
 #include "db/sqlite.h"
 #include "logger.h"
 
-dbdriver_ptr load_dbdriver(const db_settings& s) {
-    if (strcasecmp(s.driver.c_str(), "sqlite") != 0) return nullptr;
-    dbdriver_ptr drv = sqlite_create_drv(s.section.c_str());
+dbdriver_ptr load_dbdriver(const db_settings& s, bool mysql) {
+    dbdriver_ptr drv;
+    if (strcasecmp(s.driver.c_str(), "sqlite") == 0)
+        drv = sqlite_create_drv(s.section.c_str());
+    else if (mysql && strcasecmp(s.driver.c_str(), "mysql") == 0)
+        drv = mysql_create_drv(s.section.c_str(), true);
+    else
+        return nullptr;
 
     const struct {
         const char* key;
@@ -37,10 +43,11 @@ dbdriver_ptr load_dbdriver(const db_settings& s) {
     return drv;
 }
 
-std::vector<dbdriver_ptr> load_dbdrivers(const std::vector<db_settings>& sections) {
+std::vector<dbdriver_ptr> load_dbdrivers(const std::vector<db_settings>& sections, bool mysql) {
     std::vector<dbdriver_ptr> drivers;
     for (const db_settings& s : sections)
-        if (dbdriver_ptr drv = load_dbdriver(s)) drivers.insert(drivers.begin(), std::move(drv));
+        if (dbdriver_ptr drv = load_dbdriver(s, mysql))
+            drivers.insert(drivers.begin(), std::move(drv));
     return drivers;
 }
 

@@ -28,13 +28,14 @@ struct db_settings {
     std::optional<int> port;
 };
 
-// A record of the section's kind ("sqlite", any case), configured and
-// connected ("Can not connect to DB ..." logged on failure, the record kept);
-// null for a kind that this build does not create from a configuration.
-dbdriver_ptr load_dbdriver(const db_settings& settings);
+// A record of the section's kind ("sqlite", any case; with `mysql` also
+// "mysql"), configured and connected ("Can not connect to DB ..." logged on
+// failure, the record kept); null for any other kind.
+dbdriver_ptr load_dbdriver(const db_settings& settings, bool mysql = false);
 
 // Records of `sections`, in file order, each put in front of the list.
-std::vector<dbdriver_ptr> load_dbdrivers(const std::vector<db_settings>& sections);
+std::vector<dbdriver_ptr> load_dbdrivers(const std::vector<db_settings>& sections,
+                                         bool mysql = false);
 
 // The first record named exactly `name` in `drivers`, or null.
 dbdriver_ptr find_dbdriver_in(const std::vector<dbdriver_ptr>& drivers, const char* name);

@@ -8,27 +8,29 @@ namespace {
 
 // A two-character pair of a date or time, read with automatic base: a pair
 // with a leading zero is octal, so "08" and "09" read as 0.
-uint8_t read_pair(const char* p) {
+uint8_t read_pair(const char* p, int base) {
     char pair[3] = {p[0], p[1], '\0'};
-    return static_cast<uint8_t>(strtoul(pair, nullptr, 0));
+    return static_cast<uint8_t>(strtoul(pair, nullptr, base));
 }
 
-void read_value(fias_field_t& f, const char* begin, const char* end) {
+void read_value(fias_field_t& f, const char* begin, const char* end,
+                const fias_codec_options& opts) {
+    const int base = opts.numbers ? 10 : 0;
     auto v = std::make_unique<fias_value_t>();
     const size_t len = static_cast<size_t>(end - begin);
     switch (f.type) {
         case FIAS_TYPE_DATE:
             if (len == 6) {
-                v->date.year = read_pair(begin);
-                v->date.month = read_pair(begin + 2);
-                v->date.day = read_pair(begin + 4);
+                v->date.year = read_pair(begin, base);
+                v->date.month = read_pair(begin + 2, base);
+                v->date.day = read_pair(begin + 4, base);
             }
             break;
         case FIAS_TYPE_TIME:
             if (len == 6) {
-                v->time.hour = read_pair(begin);
-                v->time.min = read_pair(begin + 2);
-                v->time.sec = read_pair(begin + 4);
+                v->time.hour = read_pair(begin, base);
+                v->time.min = read_pair(begin + 2, base);
+                v->time.sec = read_pair(begin + 4, base);
             }
             break;
         case FIAS_TYPE_BOOL:
@@ -48,7 +50,7 @@ void read_value(fias_field_t& f, const char* begin, const char* end) {
 
 // The value text of one field as it goes on the wire, or nothing when a text
 // slot has no text.
-std::optional<std::string> value_text(const fias_field_t& f) {
+std::optional<std::string> value_text(const fias_field_t& f, const fias_codec_options& opts) {
     const fias_value_t& v = *f.value;
     char buf[32];
     switch (f.type) {
@@ -61,9 +63,10 @@ std::optional<std::string> value_text(const fias_field_t& f) {
         case FIAS_TYPE_BOOL:
             return v.bval ? "Y" : "N";
         case FIAS_TYPE_INT: {
-            // The PMS is sent the number of decimal digits, not the number.
+            // The PMS is sent the number of decimal digits, not the number
+            // (the number itself with [fixes] numbers).
             int digits = snprintf(buf, sizeof buf, "%d", static_cast<int>(v.ival));
-            snprintf(buf, sizeof buf, "%d", digits);
+            if (!opts.numbers) snprintf(buf, sizeof buf, "%d", digits);
             return buf;
         }
         default:
@@ -73,7 +76,8 @@ std::optional<std::string> value_text(const fias_field_t& f) {
 
 }  // namespace
 
-fias_packet_ptr fias_parse_packet(const char* line, int /*packetlen*/) {
+fias_packet_ptr fias_parse_packet(const char* line, int /*packetlen*/,
+                                  const fias_codec_options& opts) {
     if (!line) return nullptr;
 
     char type[3] = {line[0], line[0] ? line[1] : '\0', '\0'};
@@ -97,19 +101,19 @@ fias_packet_ptr fias_parse_packet(const char* line, int /*packetlen*/) {
             if (unused) continue;
             return nullptr;  // a field value without its closing "|"
         }
-        read_value(f, line + start, end);
+        read_value(f, line + start, end, opts);
     }
     return p;
 }
 
-std::string fias_packet_to_str(const fias_packet_t* p) {
+std::string fias_packet_to_str(const fias_packet_t* p, const fias_codec_options& opts) {
     if (!p) return {};
     std::string out;
     out.reserve(64);
     out.append(p->packet).append("|");
     for (const fias_field_t& f : p->fields) {
         if (!f.value) continue;
-        std::optional<std::string> text = value_text(f);
+        std::optional<std::string> text = value_text(f, opts);
         if (!text) continue;
         out.append(f.name).append(*text).append("|");
     }

@@ -9,10 +9,18 @@
 
 #include "fias/packet.h"
 
+// How numbers, dates and times are read and written. By default a number
+// goes out as its count of decimal digits, and each two-digit pair of a date
+// or time is read with automatic base (a leading zero is octal: "08" is 0).
+struct fias_codec_options {
+    bool numbers = false;  // numbers go out as their value; pairs are read in base 10
+};
+
 // Parses one record text. Null for a null line, an unknown record type, or a
 // field value that is not closed by "|".
-fias_packet_ptr fias_parse_packet(const char* line, int packetlen);
+fias_packet_ptr fias_parse_packet(const char* line, int packetlen,
+                                  const fias_codec_options& opts = {});
 
 // The record text of `p` (without frame). Fields go out in slot order; slots
 // without value, and text slots without text, are left out.
-std::string fias_packet_to_str(const fias_packet_t* p);
+std::string fias_packet_to_str(const fias_packet_t* p, const fias_codec_options& opts = {});

@@ -118,6 +118,33 @@ void pms_link::attach(int fd) {
     fd_ = fd;
     ended_ = false;
     open_ = true;
+    link_number_++;
+}
+
+void pms_link::posting_sent(posting p) {
+    mutex_lock guard(postings_mutex_);
+    in_flight_.push_back({std::move(p), link_number_.load()});
+}
+
+bool pms_link::posting_answered(const std::string& seq) {
+    mutex_lock guard(postings_mutex_);
+    for (auto it = in_flight_.begin(); it != in_flight_.end(); ++it) {
+        if (it->p.seq != seq) continue;
+        in_flight_.erase(it);
+        return true;
+    }
+    return false;
+}
+
+std::vector<pms_link::posting> pms_link::postings_to_resend() {
+    std::vector<posting> out;
+    mutex_lock guard(postings_mutex_);
+    for (in_flight& f : in_flight_) {
+        if (f.resent || f.link_number == link_number_) continue;
+        f.resent = true;
+        out.push_back(f.p);
+    }
+    return out;
 }
 
 void pms_link::drop() {
@@ -158,7 +185,7 @@ int pms_link::send_raw(const char* packet) {
 
 int pms_link::send_packet(const fias_packet_t* p) {
     if (!p) return -1;
-    std::string text = fias_packet_to_str(p);
+    std::string text = fias_packet_to_str(p, fias_codec_options{numbers_});
     if (text.empty()) return -1;
     return send_raw(text.c_str());
 }

@@ -19,7 +19,9 @@
 #include <atomic>
 #include <functional>
 #include <string>
+#include <vector>
 
+#include "fias/codec.h"
 #include "fias/packet.h"
 #include "thread_annotations.h"
 
@@ -35,6 +37,8 @@ class pms_link {
         bool link_end = false;
         // "Read code ..." is logged at DEBUG instead of printed.
         bool quiet = false;
+        // How records are written (send_packet).
+        fias_codec_options codec;
     };
 
     pms_link() = default;
@@ -46,6 +50,7 @@ class pms_link {
     void set_options(const options& o) {
         link_end_ = o.link_end;
         quiet_ = o.quiet;
+        numbers_ = o.codec.numbers;
     }
     // Connects to host:port and sends "LS". 0, or -1 (the link stays down).
     // `interface` is not used for connecting.
@@ -85,6 +90,21 @@ class pms_link {
     int init_connection(const char* iftype);
     // The PMS sent "LA": postings may go out.
     void set_active() { pms_connected_ = 1; }
+
+    // Postings written whole and not yet answered ([fixes] posting). A
+    // posting whose answer was lost with its link is handed out once for
+    // sending again on a later link; an answer to either copy settles it.
+    struct posting {
+        std::string seq;  // its "P#"
+        std::string room;
+        std::string number;  // the number called ("DD")
+        std::string text;    // the record text
+    };
+    void posting_sent(posting p);
+    // Forgets the posting `seq`; false when none was waiting.
+    bool posting_answered(const std::string& seq);
+    // The postings sent on an earlier link and not yet sent again.
+    std::vector<posting> postings_to_resend();
     bool active() const { return pms_connected_ != 0; }
     state current_state() const;
 
@@ -99,5 +119,15 @@ class pms_link {
     std::atomic<int> fias_connected_{0};  // 1 once our description and "LA" went out
     std::atomic<bool> link_end_{false};
     std::atomic<bool> quiet_{false};
+    std::atomic<bool> numbers_{false};
     std::function<void()> idle_hook_;  // main thread only
+
+    struct in_flight {
+        posting p;
+        unsigned link_number;  // of the link it went out on
+        bool resent = false;
+    };
+    annotated_mutex postings_mutex_;
+    std::vector<in_flight> in_flight_ GUARDED_BY(postings_mutex_);
+    std::atomic<unsigned> link_number_{0};  // counts the links attached
 };

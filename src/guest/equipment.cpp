@@ -37,15 +37,17 @@ void do_room_equip(const record_context& ctx) {
 
     // The guard of each branch is another setting than the template it runs:
     // DND on is acted upon only when a bar-off template exists, DND off only
-    // when a DND-on template exists.
+    // when a DND-on template exists. With [fixes] dnd_keys each is guarded by
+    // its own template.
+    const bool own = cfg.fixes.dnd_keys;
     if (dn) {
         if (dn->value->bval != 0) {
             LOG(L_NOTICE, "Phone DND on");
-            if (!cfg.bareoff) return;
+            if (!(own ? cfg.dndon : cfg.bareoff)) return;
             run_service_template(ctx, cfg.dndon, rn, nullptr, nullptr, nullptr, nullptr, nullptr);
         } else {
             LOG(L_NOTICE, "Phone DND off");
-            if (!cfg.dndon) return;
+            if (!(own ? cfg.dndoff : cfg.dndon)) return;
             run_service_template(ctx, cfg.dndoff, rn, nullptr, nullptr, nullptr, nullptr, nullptr);
         }
     }

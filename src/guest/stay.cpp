@@ -33,7 +33,8 @@ void do_checkin(const record_context& ctx) {
     // open, never opened again: later statements on it fail for the rest of
     // the process.
     const std::string& statesfile = ctx.cfg->statesfile;
-    if (states_store_room(statesfile, field_text(rn), true) != 0) {
+    const fixes_settings& fixes = ctx.cfg->fixes;
+    if (states_store_room(statesfile, field_text(rn), !fixes.states_file, fixes.dates) != 0) {
         LOG(L_ERROR, "Unable to open states file %s", statesfile.c_str());
         return;
     }

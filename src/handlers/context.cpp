@@ -46,11 +46,22 @@ int run_service_template(const record_context& ctx, const opt_text& service, con
         CTX_LOG(ctx, L_ERROR, "Unable to find DB driver %s", driver_name.c_str());
         return -1;
     }
-    std::string query = prepare_query(drv.get(), s.statement.c_str(), rn, name, lang, shared, date,
-                                      tim, seq, fill_options_of(*ctx.cfg));
+    const fill_options fill = fill_options_of(*ctx.cfg);
+    auto prepare = [&] {
+        return prepare_query(drv.get(), s.statement.c_str(), rn, name, lang, shared, date, tim, seq,
+                             fill);
+    };
+    // Escaping may use the live connection, so the statement is then made
+    // under the lock; a template that would stop its thread is filled
+    // before the lock is taken, so that it never holds it.
+    const bool under_lock =
+        fill.escape &&
+        (fill.percent || template_unknown_placeholder(TEMPLATE_FIELDS, s.statement.c_str()) < 0);
+    std::string query = under_lock ? std::string() : prepare();
 
     db_lock guard(*drv);
     if (drv->is_connected()) drv->reconnect();
+    if (under_lock) query = prepare();
     drv->query(query.c_str());
     return 0;
 }

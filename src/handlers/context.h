@@ -25,7 +25,7 @@ struct record_context {
 
 // How templates are filled under `cfg`.
 inline fill_options fill_options_of(const config& cfg) {
-    return fill_options{cfg.fixes.quiet};
+    return fill_options{cfg.fixes.quiet, cfg.fixes.escape, cfg.fixes.dates, cfg.fixes.percent};
 }
 
 // Log line in the name of the context's handler.

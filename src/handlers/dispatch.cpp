@@ -1,6 +1,7 @@
 #include "handlers/dispatch.h"
 
 #include "billing/answer.h"
+#include "fias/charset.h"
 #include "fias/codec.h"
 #include "guest/handlers.h"
 #include "logger.h"
@@ -41,15 +42,22 @@ const handler_entry handlers[] = {
 }  // namespace
 
 void process_fias_packet(const config_loader& configs, pms_link& link, std::string data) {
-    fias_packet_ptr p = fias_parse_packet(data.c_str(), static_cast<int>(data.size()));
+    const config_ptr cfg = configs.current();
+    fias_packet_ptr p = fias_parse_packet(data.c_str(), static_cast<int>(data.size()),
+                                          fias_codec_options{cfg->fixes.numbers});
     if (!p) {
         LOG(L_WARNING, "Can not parse FIAS packet %s", data.c_str());
         return;
     }
     LOG(L_NOTICE, "Received %s packet from PMS", p->desc);
+    // With [fixes] escape texts of a PMS with a character set of its own
+    // reach the statements as UTF-8.
+    if (cfg->fixes.escape && cfg->pmsencoding)
+        for (fias_field_t& f : p->fields)
+            if (f.value && f.value->str) f.value->str = to_utf8(*f.value->str, *cfg->pmsencoding);
     for (const handler_entry& e : handlers) {
         if (e.code != p->packet_code) continue;
-        const record_context ctx{configs.current(), *p, link, e.name};
+        const record_context ctx{cfg, *p, link, e.name};
         e.handler(ctx);
         break;
     }

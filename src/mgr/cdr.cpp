@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 
+#include "db/sqlite.h"
 #include "logger.h"
 #include "states/states.h"
 
@@ -25,7 +26,9 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
     const std::string host = cfg->mgr_host.value_or("");
     const std::string user = cfg->mgr_user.value_or("");
     const std::string passwd = cfg->mgr_passwd.value_or("");
-    const std::string& events = cfg->mgr_events;
+    // Current Asterisk sends Cdr events only to the class "cdr".
+    const std::string events =
+        cfg->fixes.manager_events && !cfg->mgr_events_set ? "cdr" : cfg->mgr_events;
 
     // With [fixes] private_files the secret never reaches the log.
     const bool hide = cfg->fixes.private_files;
@@ -72,7 +75,7 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
                     std::vector<std::string> now;
                     if (states_room_list(now) == 0) rooms = std::move(now);
                 }
-                mgr_cache_cdr(*msg, rooms);
+                mgr_cache_cdr(*msg, rooms, cfg->fixes.escape);
             } else {
                 const char* text = mgr_get_header(*msg, "Message");
                 if (strcmp(text, "Authentication accepted") == 0) {
@@ -90,29 +93,35 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
     }
 }
 
-void mgr_cache_cdr(const message& m, const std::vector<std::string>& rooms) {
-    const char* const values[cache_insert_values] = {mgr_get_header(m, "CallerID"),
-                                                     mgr_get_header(m, "Source"),
-                                                     mgr_get_header(m, "Destination"),
-                                                     mgr_get_header(m, "DestinationContext"),
-                                                     mgr_get_header(m, "Channel"),
-                                                     mgr_get_header(m, "DestinationChannel"),
-                                                     mgr_get_header(m, "LastApplication"),
-                                                     mgr_get_header(m, "LastData"),
-                                                     mgr_get_header(m, "StartTime"),
-                                                     mgr_get_header(m, "AnswerTime"),
-                                                     mgr_get_header(m, "EndTime"),
-                                                     mgr_get_header(m, "Duration"),
-                                                     mgr_get_header(m, "BillableSeconds"),
-                                                     mgr_get_header(m, "Disposition"),
-                                                     mgr_get_header(m, "AMAFlags"),
-                                                     mgr_get_header(m, "From"),
-                                                     mgr_get_header(m, "To"),
-                                                     mgr_get_header(m, "Cost"),
-                                                     mgr_get_header(m, "AccountCode"),
-                                                     mgr_get_header(m, "CallClass"),
-                                                     mgr_get_header(m, "FaxData"),
-                                                     mgr_get_header(m, "UniqueID")};
+void mgr_cache_cdr(const message& m, const std::vector<std::string>& rooms, bool escape) {
+    const char* const headers[cache_insert_values] = {mgr_get_header(m, "CallerID"),
+                                                      mgr_get_header(m, "Source"),
+                                                      mgr_get_header(m, "Destination"),
+                                                      mgr_get_header(m, "DestinationContext"),
+                                                      mgr_get_header(m, "Channel"),
+                                                      mgr_get_header(m, "DestinationChannel"),
+                                                      mgr_get_header(m, "LastApplication"),
+                                                      mgr_get_header(m, "LastData"),
+                                                      mgr_get_header(m, "StartTime"),
+                                                      mgr_get_header(m, "AnswerTime"),
+                                                      mgr_get_header(m, "EndTime"),
+                                                      mgr_get_header(m, "Duration"),
+                                                      mgr_get_header(m, "BillableSeconds"),
+                                                      mgr_get_header(m, "Disposition"),
+                                                      mgr_get_header(m, "AMAFlags"),
+                                                      mgr_get_header(m, "From"),
+                                                      mgr_get_header(m, "To"),
+                                                      mgr_get_header(m, "Cost"),
+                                                      mgr_get_header(m, "AccountCode"),
+                                                      mgr_get_header(m, "CallClass"),
+                                                      mgr_get_header(m, "FaxData"),
+                                                      mgr_get_header(m, "UniqueID")};
+    std::string escaped[cache_insert_values];
+    const char* values[cache_insert_values];
+    for (int i = 0; i < cache_insert_values; ++i) {
+        if (escape) escaped[i] = sqlite_escape(headers[i]);
+        values[i] = escape ? escaped[i].c_str() : headers[i];
+    }
     const std::string query = cache_insert_statement(values);
     LOG(L_DEBUG, "The query is: %s\n", query.c_str());
 

@@ -28,5 +28,5 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop);
 
 // Inserts the `Cdr` event `m` into `cdrcache` when its Source is one of
 // `rooms` (exact comparison). A failed insert is logged by the driver and the
-// call is lost.
-void mgr_cache_cdr(const message& m, const std::vector<std::string>& rooms);
+// call is lost. With `escape` ([fixes] escape) the values are escaped.
+void mgr_cache_cdr(const message& m, const std::vector<std::string>& rooms, bool escape = false);

@@ -17,7 +17,9 @@
 // Loads the rooms from the source chosen by rooms:type: absent or empty =
 // numbered keys, beginning with "ldap" (any case) = LDAP, anything else =
 // nothing.
-void load_rooms_conf(const rooms_settings& rooms, const std::string& statesfile);
+// With `true_stamps` the rows get the date in ci_date and the time in citime.
+void load_rooms_conf(const rooms_settings& rooms, const std::string& statesfile,
+                     bool true_stamps = false);
 
 // Loads every value of `attribute` in the first entry that a search under
 // `base` with `filter` and `scope` ("sub...", "base...", "one...", anything
@@ -29,4 +31,4 @@ void load_rooms_conf(const rooms_settings& rooms, const std::string& statesfile)
 // the attribute.
 int load_rooms_ldap(const char* host, int port, int version, int timelimit, const char* user,
                     const char* password, const char* base, const char* scope, const char* filter,
-                    const char* attribute, const std::string& statesfile);
+                    const char* attribute, const std::string& statesfile, bool true_stamps = false);

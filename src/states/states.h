@@ -30,10 +30,12 @@ int open_states_file(const std::string& statesfile);
 
 // Writes `room` into `rooms` ("replace into", calls 0). Both stamps are
 // formatted from the same local time into one text, the time over the date:
-// the row gets the time of day in ci_date and an empty citime. With
+// the row gets the time of day in ci_date and an empty citime; with
+// `true_stamps` it gets the date in ci_date and the time in citime. With
 // `close_after` the states file is closed afterwards, and, being marked open,
 // never opened again. 0, or -1 when the states file cannot be opened.
-int states_store_room(const std::string& statesfile, const std::string& room, bool close_after);
+int states_store_room(const std::string& statesfile, const std::string& room, bool close_after,
+                      bool true_stamps = false);
 
 // Deletes `room` from `rooms`. 0, or -1 when the states file cannot be opened.
 int states_remove_room(const std::string& statesfile, const std::string& room);
@@ -65,3 +67,5 @@ std::string cache_unposted_query(const std::string& room);
 extern const char* const cache_mark_statement;
 extern const char* const pa_remove_statement;
 extern const char* const pa_mark_statement;
+// The remove statement of [fixes] posting: the accepted call's own row.
+extern const char* const pa_remove_own_statement;

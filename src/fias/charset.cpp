@@ -1,0 +1,46 @@
+#include "fias/charset.h"
+
+#include <iconv.h>
+
+#include <cerrno>
+#include <memory>
+
+namespace {
+
+struct iconv_closer {
+    void operator()(void* cd) const { iconv_close(static_cast<iconv_t>(cd)); }
+};
+using iconv_ptr = std::unique_ptr<void, iconv_closer>;
+
+iconv_ptr open_to_utf8(const std::string& encoding) {
+    iconv_t cd = iconv_open("UTF-8", encoding.c_str());
+    return iconv_ptr(cd == reinterpret_cast<iconv_t>(-1) ? nullptr : cd);
+}
+
+}  // namespace
+
+bool known_encoding(const std::string& encoding) {
+    return open_to_utf8(encoding) != nullptr;
+}
+
+std::string to_utf8(std::string_view text, const std::string& encoding) {
+    iconv_ptr cd = open_to_utf8(encoding);
+    if (!cd) return std::string(text);
+    std::string out;
+    char* in = const_cast<char*>(text.data());
+    size_t in_left = text.size();
+    char buf[256];
+    while (in_left > 0) {
+        char* o = buf;
+        size_t o_left = sizeof buf;
+        size_t rc = iconv(static_cast<iconv_t>(cd.get()), &in, &in_left, &o, &o_left);
+        out.append(buf, static_cast<size_t>(o - buf));
+        if (rc != static_cast<size_t>(-1) || errno == E2BIG) continue;
+        // A byte that cannot be read: the replacement character, and on.
+        out += "\xEF\xBF\xBD";
+        ++in;
+        --in_left;
+        iconv(static_cast<iconv_t>(cd.get()), nullptr, nullptr, nullptr, nullptr);
+    }
+    return out;
+}
