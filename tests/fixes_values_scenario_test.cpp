@@ -1,0 +1,160 @@
+// The [fixes] corrections of values, statements and billing, end to end
+// against the simulators, with SQLite and with a MariaDB server as the PBX
+// database.
+#include <gtest/gtest.h>
+
+#include "support_daemon.h"
+#include "support_mariadb.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// Check-in writes the guest's name into the PBX table `guests`.
+void use_guest_table(daemon_run& run, const std::string& section = "pbx") {
+    run.set("services", "checkin",
+            section + ":insert into guests values ('%exten%', '%name%', '%date%')");
+}
+
+TEST(FixesValues, NamesAreWrittenExactlyAndConvertedFromThePmsCharacterSet) {
+    daemon_run run;
+    run.set("fixes", "all", "yes").set("pms", "encoding", "cp1252");
+    ASSERT_TRUE(sqlite_exec(run.pbx_file(), "create table guests (room, name, day)"));
+    use_guest_table(run);
+    ASSERT_TRUE(run.start()) << run.log();
+    // A quote, a backslash and a double quote; then "Müller" in Windows-1252.
+    ASSERT_TRUE(
+        run.play({"GI|RN101|GNO'Brien \\ \"Jr\"|", "GI|RN102|GNM\xFCller|"}, "Room number: 102"));
+    ASSERT_TRUE(wait_until([&] { return run.pbx("select count(*) from guests")[0][0] == "2"; }))
+        << run.log();
+    EXPECT_EQ((sql_rows{{"101", "O'Brien \\ \"Jr\""}, {"102", "M\xC3\xBCller"}}),
+              run.pbx("select room, name from guests order by room"));
+}
+
+TEST(FixesValues, TheSameNamesReachAMariaDbTable) {
+    mariadb_server server;
+    ASSERT_TRUE(server.start());
+    ASSERT_TRUE(server.exec_root(
+        "CREATE TABLE orlanbeck_test.guests (room VARCHAR(8), name VARCHAR(80), day VARCHAR(32)) "
+        "CHARACTER SET utf8mb4"));
+    ASSERT_TRUE(server.exec_root("CREATE TABLE orlanbeck_test.probe (ok INT NOT NULL)"));
+    daemon_run run;
+    run.set("fixes", "all", "yes")
+        .set("pms", "encoding", "cp1252")
+        .set("asterisk", "dbdriver", "mysql")
+        .set("asterisk", "host", "127.0.0.1")
+        .set("asterisk", "port", std::to_string(server.port()))
+        .set("asterisk", "user", mariadb_server::user)
+        .set("asterisk", "password", mariadb_server::password)
+        .set("asterisk", "database", mariadb_server::database)
+        .set("services", "wakeup_set",
+             "asterisk:insert into guests values ('%exten%', 'wake', '%date% %time%')");
+    use_guest_table(run, "asterisk");
+    ASSERT_TRUE(run.start()) << run.log();
+    ASSERT_TRUE(run.play(
+        {"GI|RN101|GNO'Brien \\ \"Jr\"|", "GI|RN102|GNM\xFCller|", "WR|RN103|DA240509|TI083000|"},
+        "Wakeup set"));
+    // The server fails the statement (a NULL into a NOT NULL column) unless
+    // exactly one row matches.
+    auto one_row = [&](const std::string& where) {
+        return server.exec_root(
+            "INSERT INTO orlanbeck_test.probe SELECT IF((SELECT COUNT(*) FROM "
+            "orlanbeck_test.guests WHERE " +
+            where + ") = 1, 1, NULL)");
+    };
+    ASSERT_TRUE(wait_until([&] { return bool(one_row("room='103'")); })) << run.log();
+    EXPECT_TRUE(one_row("room='101' AND name='O\\'Brien \\\\ \"Jr\"'"));
+    EXPECT_TRUE(one_row("room='102' AND HEX(name)='4DC3BC6C6C6572'"));
+    // A wake-up for 08:30 on 2024-05-09 reaches the statement as that date and time.
+    EXPECT_TRUE(one_row("room='103' AND day='2024-05-09 08:30:00'"));
+    EXPECT_FALSE(one_row("room='104'"));
+    EXPECT_EQ(std::string::npos, run.log_after("Received Link active").find("ERROR[")) << run.log();
+}
+
+TEST(FixesValues, ACachedCallIsPostedWithItsValueAcceptedAndRemoved) {
+    daemon_run run;
+    run.set("fixes", "all", "yes").set("rooms", "room1", "101");
+    run.use_manager();
+    ASSERT_TRUE(run.start()) << run.log();
+    // After a check-in the cache still works.
+    ASSERT_TRUE(run.play({"GI|RN101|GNSmith|"}, "\tName: Smith"));
+    run.mgr.send_cdr(mgr_cdr_event::make("101", "5551234", "2024-05-09 08:30:00", 125));
+    auto ps = run.pms.wait_for_frame("PS|", 10s);
+    ASSERT_TRUE(ps) << run.log();
+    EXPECT_EQ("PS|P#0001|RN101|PTT|DA240509|TI083000|DU000205|DD5551234|", *ps);
+    // Accepted: the call's own row leaves the cache.
+    ASSERT_TRUE(wait_until([&] { return run.states("select * from cdrcache").empty(); }))
+        << run.log();
+}
+
+TEST(FixesValues, WithNoRemoveCallsAnAcceptedCallIsMarkedWithItsPostingNumber) {
+    daemon_run run;
+    run.set("fixes", "all", "yes").set("rooms", "room1", "101");
+    run.set("services", "noremovecalls", "1");
+    run.use_manager();
+    ASSERT_TRUE(run.start()) << run.log();
+    run.mgr.send_cdr(mgr_cdr_event::make("101", "5551234", "2024-05-09 08:30:00", 125));
+    ASSERT_TRUE(wait_until([&] {
+        return run.states("select userfield from cdrcache") == sql_rows{{"0001"}};
+    })) << run.log();
+}
+
+TEST(FixesValues, CallsDueWhileTheLinkIsDownAreAcceptedExactlyOnce) {
+    daemon_run run;
+    run.set("fixes", "all", "yes").set("rooms", "room1", "101").set("rooms", "room2", "102");
+    ASSERT_TRUE(sqlite_exec(run.pbx_file(),
+                            "create table calls (src, d, t, dst, billsec, cost, posted default 0, "
+                            "billed default '')"));
+    run.set("services", "billcalls",
+            "pbx:select d, t, dst, billsec, cost from calls where src='%exten%' and posted=0 "
+            "and dst like '10%'")
+        .set("services", "billmark",
+             "pbx:update calls set posted=1 where src='%exten%' and d='%date%' and t='%time%'")
+        .set("services", "billok",
+             "pbx:update calls set billed='%seqno%' where src='%exten%' and d='%date%' and "
+             "t='%time%'")
+        .set("services", "wakeup_result", "nosuch:select 1")
+        .set("services", "room_status", "pbx:select 0 where 0");
+    run.pms.set_answer(pms_sim::answer_mode::none);
+    ASSERT_TRUE(run.start()) << run.log();
+
+    // A posting goes out, the link drops before its answer, more calls
+    // become due while the PMS is away.
+    ASSERT_TRUE(sqlite_exec(run.pbx_file(),
+                            "insert into calls (src, d, t, dst, billsec, cost) "
+                            "values ('101', '2024-05-09', '08:30:00', '100', 60, "
+                            "498)"));
+    ASSERT_TRUE(run.pms.wait_for_frame("PS|", 10s)) << run.log();
+    run.pms.stop();
+    ASSERT_TRUE(sqlite_exec(run.pbx_file(),
+                            "insert into calls (src, d, t, dst, billsec, cost) "
+                            "values ('101', '2024-05-09', '09:00:00', '101', 60, "
+                            "0), ('102', '2024-05-09', '09:01:00', '102', 60, 7)"));
+    std::this_thread::sleep_for(1s);
+    EXPECT_EQ((sql_rows{{"0"}, {"0"}}), run.pbx("select posted from calls where t <> '08:30:00'"));
+
+    run.pms.set_answer(pms_sim::answer_mode::ok);
+    ASSERT_TRUE(run.pms.start());
+    ASSERT_TRUE(wait_until([&] {
+        return run.pbx("select count(*) from calls where billed <> ''")[0][0] == "3";
+    })) << run.log();
+    std::this_thread::sleep_for(500ms);  // a few more cycles: nothing more goes out
+    // Every call posted and accepted exactly once on the new link (the first
+    // as the copy of its unanswered posting, with its own P#).
+    std::map<std::string, int> posted, answered;
+    for (const auto& f : run.pms.transcript()) {
+        if (f.incoming && f.text.starts_with("PS|")) posted[f.text.substr(3, 7)]++;
+        if (!f.incoming && f.text.starts_with("PA|ASOK"))
+            answered[f.text.substr(f.text.find("P#"), 7)]++;
+    }
+    EXPECT_EQ(2, posted["P#0001|"]);  // the original and its copy
+    EXPECT_EQ(1, answered["P#0001|"]);
+    EXPECT_EQ(3u, answered.size());
+    for (const auto& [seq, n] : answered) EXPECT_EQ(1, n) << seq;
+    EXPECT_EQ(1u, run.count_log("Posting P#0001 of room 101 (100) sent again"));
+    EXPECT_NE(std::string::npos, run.pms.frames("PS|").front().find("TA498|"));
+    // The unknown database of a pass: one ERROR per load, the other passes go on.
+    EXPECT_EQ(1u, run.count_log("Unable to find DB driver nosuch"));
+}
+
+}  // namespace
