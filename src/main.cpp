@@ -321,7 +321,9 @@ int main(int argc, char** argv) {
         LOG(L_ERROR, "Unable to open states file %s", cfg->statesfile.c_str());
         exit(1);
     }
-    if (state.start_fixes.private_files) chmod(cfg->statesfile.c_str(), 0640);
+    if (state.start_fixes.private_files)
+        for (const char* suffix : {"", "-wal", "-shm"})
+            chmod((cfg->statesfile + suffix).c_str(), 0640);
     load_rooms_conf(cfg->rooms, cfg->statesfile, cfg->fixes.dates);
 
     // While the reader waits, signals are still acted upon.

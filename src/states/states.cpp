@@ -38,8 +38,7 @@ const char* const pa_remove_statement =
     "delete from cdrcache src='%exten%' and date(start)='%date%' and time(start)='%time%'";
 
 const char* const pa_remove_own_statement =
-    "delete from cdrcache where src='%exten%' and date(start)='%date%' and time(start)='%time%' "
-    "and userfield like 'PS|P#%seqno%|%%'";
+    "delete from cdrcache where src='%exten%' and userfield like 'PS|P#%seqno%|%%'";
 
 const char* const pa_mark_statement =
     "update cdrcache set userfield='%seqno%' where src='%exten%' and date(start)='%date%' and "

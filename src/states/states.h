@@ -67,5 +67,7 @@ std::string cache_unposted_query(const std::string& room);
 extern const char* const cache_mark_statement;
 extern const char* const pa_remove_statement;
 extern const char* const pa_mark_statement;
-// The remove statement of [fixes] posting: the accepted call's own row.
+// The remove statement of [fixes] posting: the accepted call's own row, the
+// one marked with the record of that posting (the cache then holds only
+// calls not yet accepted, so the room and the "P#" find it).
 extern const char* const pa_remove_own_statement;
