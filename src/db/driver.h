@@ -42,8 +42,14 @@ class db_handle {
     virtual void free_result() = 0;
     virtual void close() = 0;
     virtual int is_connected() = 0;
-    // `text` escaped for a quoted literal of this database.
-    virtual std::string escape(std::string_view text) = 0;
+    // `text` escaped for a quoted literal of this database; by default the
+    // standard SQL rule: every "'" doubled.
+    virtual std::string escape(std::string_view text) {
+        std::string out;
+        out.reserve(text.size());
+        for (char c : text) out.append(c == '\'' ? 2 : 1, c);
+        return out;
+    }
 };
 
 struct CAPABILITY("database record") dbdriver_t {
