@@ -17,6 +17,7 @@
 #include "db/sqlite.h"
 #include "fias/link.h"
 #include "logger.h"
+#include "states/states.h"
 
 namespace {
 
@@ -35,7 +36,7 @@ std::string work_dir() {
 }
 
 void run(dbdriver_t& drv, const std::string& sql) {
-    std::lock_guard<dbdriver_t> guard(drv);
+    db_lock guard(drv);
     if (drv.query(sql.c_str()) != 0) fprintf(stderr, "bench: statement failed: %s\n", sql.c_str());
 }
 
@@ -63,34 +64,33 @@ std::string call_time(int i) {
     return text;
 }
 
-// The PMS end of the link: reads and forgets everything.
+// An active link whose PMS end reads and forgets everything.
 struct drained_link {
+    pms_link link;
     int far = -1;
     std::thread reader;
     drained_link() {
         int sv[2];
         socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv);
-        fias_sock = sv[0];
+        link.attach(sv[0]);
+        link.set_active();
         far = sv[1];
         reader = std::thread([fd = far] {
             char buf[65536];
             while (read(fd, buf, sizeof buf) > 0) {
             }
         });
-        pms_connected = 1;
     }
     ~drained_link() {
-        shutdown(fias_sock, SHUT_RDWR);
+        shutdown(far, SHUT_RDWR);
         reader.join();
-        close(fias_sock);
         close(far);
-        fias_sock = -1;
     }
 };
 
 void BM_CycleCacheMode(benchmark::State& state) {
     static bool opened = [] {
-        open_states_file((work_dir() + "/states.db").c_str());
+        open_states_file(work_dir() + "/states.db");
         run(sqliteint, "pragma journal_mode=wal");
         run(sqliteint, "delete from cdrcache");
         fill(sqliteint, [](int r, int i) {
@@ -104,11 +104,12 @@ void BM_CycleCacheMode(benchmark::State& state) {
     cfg.use_manager = 1;
     std::vector<std::string> rooms = all_rooms();
     drained_link link;
+    posting_sequence sequence;
     for (auto _ : state) {
         state.PauseTiming();
         run(sqliteint, "update cdrcache set userfield=''");
         state.ResumeTiming();
-        billing_cycle(cfg, rooms);
+        billing_cycle(cfg, rooms, link.link, sequence);
     }
     state.counters["calls/cycle"] = kRooms * kCallsPerRoom;
 }
@@ -118,7 +119,10 @@ void BM_CycleQueryMode(benchmark::State& state) {
     std::string path = work_dir() + "/pbx.db";
     dbdriver_ptr pbx = sqlite_create_drv("pbx");
     pbx->database = path;
-    pbx->connect(nullptr, 0, nullptr, nullptr, path.c_str());
+    {
+        db_lock guard(*pbx);
+        pbx->connect(nullptr, 0, nullptr, nullptr, path.c_str());
+    }
     run(*pbx, "pragma journal_mode=wal");
     run(*pbx, "create table if not exists calls (src, calldate, calltime, dst, billsec, cost, "
               "posted default 0)");
@@ -136,11 +140,12 @@ void BM_CycleQueryMode(benchmark::State& state) {
                    "calltime='%time%'";
     std::vector<std::string> rooms = all_rooms();
     drained_link link;
+    posting_sequence sequence;
     for (auto _ : state) {
         state.PauseTiming();
         run(*pbx, "update calls set posted=0");
         state.ResumeTiming();
-        billing_cycle(cfg, rooms);
+        billing_cycle(cfg, rooms, link.link, sequence);
     }
     state.counters["calls/cycle"] = kRooms * kCallsPerRoom;
 }

@@ -13,6 +13,7 @@
 #include "billing/templates.h"
 #include "db/sqlite.h"
 #include "logger.h"
+#include "states/states.h"
 
 namespace {
 
@@ -79,7 +80,7 @@ class call_cache {
         if (!mkdtemp(templ.data())) abort();
         dir_ = templ;
         drv_ = sqlite_create_drv("bench");
-        std::lock_guard<dbdriver_t> guard(*drv_);
+        db_lock guard(*drv_);
         if (drv_->connect(nullptr, 0, nullptr, nullptr, (dir_ + "/states.db").c_str()) != 0 ||
             drv_->query(sql_create_table) != 0 || drv_->query(sql_create_table_index) != 0)
             abort();
@@ -123,7 +124,7 @@ void BM_room_calls_round_trip(benchmark::State& state) {
                  "and (userfield='NULL' or userfield=NULL or userfield='')",
                  1000 + room);
         room = (room + 1) % rooms;
-        std::lock_guard<dbdriver_t> guard(drv);
+        db_lock guard(drv);
         if (drv.is_connected()) drv.reconnect();
         if (drv.query(q) != 0) {
             state.SkipWithError("query failed");

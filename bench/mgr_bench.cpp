@@ -13,6 +13,7 @@
 
 #include "db/sqlite.h"
 #include "logger.h"
+#include "states/states.h"
 #include "mgr/cdr.h"
 #include "mgr/manager.h"
 #include "netutil.h"
@@ -79,7 +80,7 @@ struct states_file {
         buf.push_back('\0');
         if (!mkdtemp(buf.data())) return;
         dir = buf.data();
-        ok = open_states_file((dir + "/states.db").c_str()) == 0;
+        ok = open_states_file(dir + "/states.db") == 0;
     }
     ~states_file() {
         std::error_code ec;
