@@ -8,8 +8,6 @@
 
 #include <future>
 #include <memory>
-#include <string>
-#include <thread>
 
 #include "logger.h"
 #include "mgr/cdr.h"
@@ -42,24 +40,21 @@ mgr_cdr_event call(const char* src, const char* uid = "1714557600.42") {
 
 class Capture : public ::testing::Test {
   protected:
+    static void SetUpTestSuite() {
+        // Before the log is set: its writes are not synced (keeps the burst quick).
+        ASSERT_EQ(0, open_states_file(states_file));
+        db_lock guard(sqliteint);
+        sqliteint.query("PRAGMA synchronous=OFF; PRAGMA journal_mode=MEMORY");
+        sqliteint.free_result();
+    }
     void SetUp() override {
-        // Once per program, before the log is set: its writes are not synced
-        // (keeps the burst quick).
-        static const bool opened = [] {
-            if (open_states_file(states_file) != 0) return false;
-            db_lock guard(sqliteint);
-            sqliteint.query("PRAGMA synchronous=OFF; PRAGMA journal_mode=MEMORY");
-            sqliteint.free_result();
-            return true;
-        }();
-        ASSERT_TRUE(opened);
         logger_init(dir.file("log").c_str(), 5, 0, 0);
         ASSERT_TRUE(sqlite_exec(states_file,
                                 "delete from cdrcache; delete from rooms; "
                                 "insert into rooms (room) values ('101')"));
     }
     void TearDown() override {
-        if (thread.valid()) {
+        if (thread.valid()) {  // waiting on a quiet Manager, it ends as soon as it is told to
             stop.request();
             EXPECT_EQ(std::future_status::ready, thread.wait_for(5s)) << "capture did not stop";
         }
@@ -107,8 +102,6 @@ TEST_F(Capture, OnlyRoomCallsAreCachedWithEveryColumn) {
             mgr_add_header(*m, "%s: %s", name.c_str(), value.c_str());
         mgr_cache_cdr(*m, rooms);
     };
-    cache(call("101"), {"1010", "10"});
-    EXPECT_TRUE(cached().empty());
     // A quote in a value breaks the statement: the driver logs it, nothing is kept.
     cache(call("101", "quoted").set("CallerID", "\"O'Brien\" <101>"), {"101"});
     EXPECT_TRUE(cached().empty());
@@ -150,18 +143,12 @@ TEST_F(Capture, LostConnectionLogsInAgainAndABurstLosesNothing) {
               cached("count(distinct uniqueid), min(src), max(src)"));
 }
 
-TEST_F(Capture, RefusedLoginEndsTheThreadAndAStopWakesAWaitingOne) {
+TEST_F(Capture, RefusedLoginEndsTheThread) {
     StartCapture(/*refuse=*/true);
     ASSERT_EQ(std::future_status::ready, thread.wait_for(15s));
     EXPECT_EQ(1, sim->logins());
     EXPECT_EQ(1u, InLog("127.0.0.1: Not connected"));
     EXPECT_EQ(0u, InLog("connected successfully"));
-
-    // A thread waiting on a quiet Manager ends as soon as it is told to stop.
-    StartCapture();
-    WaitLoggedIn(1);
-    stop.request();
-    EXPECT_EQ(std::future_status::ready, thread.wait_for(2s));
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <string>
 
 #include "fias/codec.h"
 #include "fias/packet.h"
@@ -25,29 +24,6 @@ TEST(FiasPacket, SetIgnoresCaseAndFillsTheLastSlotGetIsExact) {
     EXPECT_EQ(&p->fields[9], fias_get_field(p.get(), ""));
     fias_set_packet_field(p.get(), "XX", &v);  // no such slot: ignored
     EXPECT_EQ("GI|RN101|101|", fias_packet_to_str(p.get()));
-}
-
-TEST(FiasPacket, TextValueCarriesOnlyTextAndNumbersGoOutAsDigitCounts) {
-    fias_packet_ptr p = fias_create_packet(FIAS_PS);
-    fias_value_t v;
-    v.str = "7";
-    v.ival = 5;
-    v.bval = 1;
-    v.date = {9, 12, 31, 0};
-    v.time = {7, 30, 0, 0};
-    fias_set_packet_field(p.get(), "P#", &v);
-    const fias_value_t& got = *fias_get_field(p.get(), "P#")->value;
-    EXPECT_EQ("7", *got.str);
-    EXPECT_EQ(0u, got.ival);
-    EXPECT_EQ(0, got.bval);
-    EXPECT_EQ(0, got.date.day);
-    EXPECT_EQ(0, got.time.hour);
-
-    fias_value_t ta, no_text;
-    ta.ival = 1234;
-    fias_set_packet_field(p.get(), "TA", &ta);
-    fias_set_packet_field(p.get(), "PT", &no_text);  // a text slot without text is left out
-    EXPECT_EQ("PS|P#7|TA4|", fias_packet_to_str(p.get()));
 }
 
 TEST(FiasCodec, SampleRecordsParseAndPrintBack) {

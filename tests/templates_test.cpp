@@ -7,37 +7,25 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <ctime>
 #include <memory>
 #include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
+#include <tuple>
 
 #include "logger.h"
 #include "support.h"
 
 namespace {
 
-template <typename Fill>
-fias_field_t field(Fill fill) {
+// A field whose value has `text` (none: no text), `flag`, `date` and `time`.
+fias_field_t field(std::optional<std::string> text, int32_t flag = 0, fias_date_t date = {},
+                   fias_time_t time = {}) {
     fias_field_t f;
     f.value = std::make_unique<fias_value_t>();
-    fill(*f.value);
+    f.value->str = std::move(text);
+    f.value->bval = flag;
+    f.value->date = date;
+    f.value->time = time;
     return f;
-}
-fias_field_t text_field(const std::string& text) {
-    return field([&](fias_value_t& v) { v.str = text; });
-}
-fias_field_t flag_field(int32_t flag) {
-    return field([&](fias_value_t& v) { v.bval = flag; });
-}
-fias_field_t date_field(uint8_t year, uint8_t month, uint8_t day) {
-    return field([&](fias_value_t& v) { v.date = fias_date_t{year, month, day, 0}; });
-}
-fias_field_t time_field(uint8_t hour, uint8_t min, uint8_t sec) {
-    return field([&](fias_value_t& v) { v.time = fias_time_t{hour, min, sec, 0}; });
 }
 
 // The fields of prepare_query, absent unless given.
@@ -63,9 +51,9 @@ class Templates : public ::testing::Test {
 };
 
 TEST_F(Templates, FieldRoutineFillsEveryPlaceholder) {
-    fias_field_t rn = text_field("101"), name = text_field("Smith"), lang = text_field("EA");
-    fias_field_t seq = text_field("0042"), date = date_field(9, 5, 14), tim = time_field(7, 8, 9);
-    fias_field_t share = flag_field(-3), empty;
+    fias_field_t rn = field("101"), name = field("Smith"), lang = field("EA"), seq = field("0042"),
+                 date = field({}, 0, {9, 5, 14, 0}), tim = field({}, 0, {}, {7, 8, 9, 0}),
+                 share = field({}, -3), empty;
     // The month goes in as the zero-based month.
     EXPECT_EQ(q1("%exten%|%name%|%lang%|%share%|%date%|%time%|%seqno%",
                  {&rn, &name, &lang, &share, &date, &tim, &seq}),
@@ -78,7 +66,7 @@ TEST_F(Templates, FieldRoutineFillsEveryPlaceholder) {
     EXPECT_EQ(q1("%share%", {.share = &empty}), "0");
     dbdriver_t::set_text16(drv_.dateformat, "%d.%m.%y");
     dbdriver_t::set_text16(drv_.timeformat, "%H%M");
-    fias_field_t december = date_field(10, 11, 31);
+    fias_field_t december = field({}, 0, {10, 11, 31, 0});
     EXPECT_EQ(q1("d='%date%' t='%time%'", {.date = &december, .time = &tim}),
               "d='31.12.10' t='0708'");
 }
@@ -99,7 +87,7 @@ TEST_F(Templates, StringRoutinesPutValuesInAsTheyAre) {
 
 TEST_F(Templates, LongValuesAreKeptWholeAndStatementsAreEchoed) {
     const std::string huge = std::string(5000, 'v') + "end";
-    fias_field_t rn = text_field(huge);
+    fias_field_t rn = field(huge);
     fd_capture echo(1, dir_.file("stdout"));
     std::vector<std::string> got = {
         q1("%exten%", {.rn = &rn}), q2("'%exten%'", huge.c_str(), nullptr, nullptr, nullptr),
@@ -110,22 +98,14 @@ TEST_F(Templates, LongValuesAreKeptWholeAndStatementsAreEchoed) {
 }
 
 TEST_F(Templates, UnknownPlaceholdersAreFoundPerRoutine) {
-    const struct {
-        template_kind kind;
-        const char* q;
-        int at;
-    } cases[] = {{TEMPLATE_FIELDS, "d='%DATE%'", 3},
-                 {TEMPLATE_STRINGS, "%exten% %name%", 8},
-                 {TEMPLATE_FIELDS, "%param%", 0},
-                 {TEMPLATE_STRINGS, "a %param%", 2},
-                 {TEMPLATE_PARAM, "%param%", -1},
-                 {TEMPLATE_PARAM, "%lang%", 0},
-                 {TEMPLATE_STRINGS, "like '10%'", 8},
-                 {TEMPLATE_STRINGS, "%exten%%", 7},
-                 {TEMPLATE_STRINGS, "%exten", 0},
-                 {TEMPLATE_FIELDS, "%name%%lang%%share%", -1},
-                 {TEMPLATE_STRINGS, "%exten%%date%%current_date%%time%%current_time%%seqno%", -1}};
-    for (const auto& c : cases) EXPECT_EQ(template_unknown_placeholder(c.kind, c.q), c.at) << c.q;
+    const std::tuple<template_kind, const char*, int> cases[] = {
+        {TEMPLATE_STRINGS, "like '10%'", 8},
+        {TEMPLATE_STRINGS, "%exten%%", 7},
+        {TEMPLATE_FIELDS, "%param%", 0},
+        {TEMPLATE_PARAM, "%param%", -1},
+        {TEMPLATE_FIELDS, "%name%%lang%%share%", -1},
+        {TEMPLATE_STRINGS, "%exten%%date%%current_date%%time%%current_time%%seqno%", -1}};
+    for (auto [kind, q, at] : cases) EXPECT_EQ(template_unknown_placeholder(kind, q), at) << q;
 }
 
 // A template with an unknown placeholder stops its thread for good: it logs
