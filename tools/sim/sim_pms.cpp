@@ -332,6 +332,17 @@ size_t pms_sim::count_frames(const std::string& prefix) const {
     return frames(prefix).size();
 }
 
+std::map<std::string, pms_sim::posting_count> pms_sim::postings() const {
+    std::map<std::string, posting_count> out;
+    for (const frame& f : transcript()) {
+        auto seq = field_value(f.text, "P#");
+        if (!seq) continue;
+        if (f.incoming && starts_with(f.text, "PS")) out[*seq].posted++;
+        if (!f.incoming && starts_with(f.text, "PA|ASOK")) out[*seq].accepted++;
+    }
+    return out;
+}
+
 std::optional<std::string> pms_sim::wait_for_frame(const std::string& prefix,
                                                    std::chrono::milliseconds timeout, size_t from,
                                                    size_t* index) const {

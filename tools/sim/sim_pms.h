@@ -34,6 +34,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -111,6 +112,13 @@ class pms_sim {
     // The received texts that begin with `prefix`.
     std::vector<std::string> frames(const std::string& prefix) const;
     size_t count_frames(const std::string& prefix) const;
+    // Per posting number ("P#"): how many "PS" records carried it, and how
+    // many "PA" answers with "OK" were sent for it.
+    struct posting_count {
+        int posted = 0;
+        int accepted = 0;
+    };
+    std::map<std::string, posting_count> postings() const;
     // Waits for a received frame beginning with `prefix` whose index among the
     // received frames is at least `from` (frames already there count). Returns
     // its text, or nothing on time-out. `index`, when given, receives its
