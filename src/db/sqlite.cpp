@@ -125,8 +125,6 @@ class sqlite_handler_t final : public db_handle {
 
     int is_connected() override { return initialized_ ? 0 : 1; }
 
-    std::string escape(std::string_view text) override { return sqlite_escape(text); }
-
   private:
     static int sq_callback(void* arg, int colcount, char** values, char** names) {
         auto* h = static_cast<sqlite_handler_t*>(arg);
@@ -164,16 +162,6 @@ class sqlite_handler_t final : public db_handle {
 };
 
 }  // namespace
-
-std::string sqlite_escape(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    for (char c : text) {
-        if (c == '\'') out += '\'';
-        out += c;
-    }
-    return out;
-}
 
 void sqlite_init_record(dbdriver_t& drv, const char* name) {
     drv.dbhandle = std::make_unique<sqlite_handler_t>();

@@ -17,8 +17,5 @@
 // A new SQLite file driver named `name` (cut to 15 characters).
 dbdriver_ptr sqlite_create_drv(const char* name);
 
-// `text` for a quoted SQLite literal: every "'" doubled.
-std::string sqlite_escape(std::string_view text);
-
 // Gives `drv` a fresh SQLite handle and the name `name`.
 void sqlite_init_record(dbdriver_t& drv, const char* name);

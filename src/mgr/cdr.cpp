@@ -6,7 +6,6 @@
 #include <cstring>
 #include <memory>
 
-#include "db/sqlite.h"
 #include "logger.h"
 #include "states/states.h"
 
@@ -119,7 +118,7 @@ void mgr_cache_cdr(const message& m, const std::vector<std::string>& rooms, bool
     std::string escaped[cache_insert_values];
     const char* values[cache_insert_values];
     for (int i = 0; i < cache_insert_values; ++i) {
-        if (escape) escaped[i] = sqlite_escape(headers[i]);
+        if (escape) escaped[i] = sqliteint.dbhandle->escape(headers[i]);
         values[i] = escape ? escaped[i].c_str() : headers[i];
     }
     const std::string query = cache_insert_statement(values);
