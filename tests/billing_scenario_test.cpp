@@ -1,5 +1,6 @@
-// Calls, wake-up results and room states on their way to the PMS: the daemon
-// against the PMS and Manager simulators, with billing cycles 200 ms apart.
+// Calls on their way to the PMS: the daemon against the PMS and Manager
+// simulators, with billing cycles 200 ms apart. (Wake-up results and room
+// states: tests/billing_cycle_test.cpp.)
 #include <gtest/gtest.h>
 
 #include "support_daemon.h"
@@ -37,37 +38,6 @@ TEST(Billing, ManagerCallsAreCachedAndEachIsPostedOnce) {
     auto posted = run.pms.frames("PS|");
     ASSERT_EQ(2u, posted.size()) << "each call is posted once";
     EXPECT_EQ(0u, posted[1].find("PS|P#0002|RN102|")) << posted[1];
-}
-
-TEST(Billing, WakeUpResultsAndRoomStatusReachThePms) {
-    daemon_run run;
-    ASSERT_TRUE(sqlite_exec(run.pbx_file(),
-                            "create table wakeups (exten, result, wdate, wtime, reported);"
-                            "insert into wakeups values ('101',3,'2009-05-14','06:30:00',0);"
-                            "create table status (exten, code, reported);"
-                            "insert into status values ('102',2,0);"));
-    run.set("rooms", "room1", "101")
-        .set("rooms", "room2", "102")
-        .set("services", "wakeup_result",
-             "pbx:select result, wdate, wtime from wakeups where exten='%exten%' and reported=0")
-        .set("services", "wrmark", "pbx:update wakeups set reported=1 where exten='%exten%'")
-        .set("services", "room_status",
-             "pbx:select code from status where exten='%exten%' and reported=0")
-        .set("services", "remark", "pbx:update status set reported=1 where exten='%exten%'");
-    ASSERT_TRUE(run.start()) << run.log();
-    auto wa = run.pms.wait_for_frame("WA|", 10s);
-    ASSERT_TRUE(wa) << run.log();
-    EXPECT_EQ("WA|RN101|DA090514|TI063000|ASNR|", *wa);
-    auto re = run.pms.wait_for_frame("RE|", 10s);
-    ASSERT_TRUE(re) << run.log();
-    EXPECT_EQ("RE|RN102|RS2|", *re);
-    ASSERT_TRUE(wait_until([&] {
-        return run.pbx("select reported from wakeups") == sql_rows{{"1"}} &&
-               run.pbx("select reported from status") == sql_rows{{"1"}};
-    }));
-    std::this_thread::sleep_for(600ms);  // a few more cycles
-    EXPECT_EQ(1u, run.pms.count_frames("WA|"));
-    EXPECT_EQ(1u, run.pms.count_frames("RE|"));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // The MySQL driver against a private MariaDB server (one per test program).
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstring>
 #include <memory>
 
@@ -12,16 +11,12 @@
 #include "support_mariadb.h"
 
 // The cases call the operations from one thread at a time without the
-// record's lock (the concurrent case takes it): no lock analysis here.
+// record's lock (the lock itself: tests/sqlite_driver_test.cpp).
 #if defined(__clang__)
 #pragma clang diagnostic ignored "-Wthread-safety-analysis"
 #endif
 
 namespace {
-
-// The numbers 1 .. 100, without a table.
-const std::string seq =
-    "WITH RECURSIVE seq(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM seq WHERE n < 100) ";
 
 class MysqlDriver : public ::testing::Test {
   protected:
@@ -86,7 +81,8 @@ TEST_F(MysqlDriver, StatementsRowsAndNumericColumns) {
     EXPECT_EQ(-1, drv->query("SELEC 1"));
     EXPECT_TRUE(Logged("in my_query: Query error: You have an error in your SQL"));
     // Rows stream: they are counted as they are fetched.
-    ASSERT_EQ(0, drv->query((seq + "SELECT n FROM seq WHERE n <= 5").c_str()));
+    ASSERT_EQ(0, drv->query("WITH RECURSIVE seq(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM seq "
+                            "WHERE n < 5) SELECT n FROM seq"));
     EXPECT_EQ(0, drv->numrets());
     int rc;
     while ((rc = drv->fetch_row()) == 0) continue;
@@ -124,34 +120,6 @@ TEST_F(MysqlDriver, StatementsRowsAndNumericColumns) {
     EXPECT_EQ("xxxxxxxxxxxx", text(1, 1));
     EXPECT_EQ("xxxxxxxxxxxx", text(4, 12, -3));
     drv->free_result();
-}
-
-TEST_F(MysqlDriver, TwoThreadsShareOneDriverUnderItsLock) {
-    dbdriver_ptr drv = Driver();
-    std::atomic<int> bad{0};
-    auto user = [&](const std::string& statement, int rows, long sum) {
-        for (int round = 0; round < 40; ++round) {
-            db_lock guard(*drv);
-            if ((drv->is_connected() && drv->reconnect() != 0) || drv->query(statement.c_str())) {
-                ++bad;
-                continue;
-            }
-            int count = 0, v = 0;
-            long total = 0;
-            while (drv->fetch_row() == 0) {
-                if (drv->fetch_int_field(0, &v) != 0 || drv->numrets() != ++count) ++bad;
-                total += v;
-            }
-            if (count != rows || total != sum) ++bad;
-            drv->free_result();
-        }
-    };
-    std::thread a(user, seq + "SELECT n FROM seq", 100, 5050L);
-    std::thread b(user, seq + "SELECT n FROM seq WHERE n <= 50 ORDER BY n DESC", 50, 1275L);
-    a.join();
-    b.join();
-    EXPECT_EQ(0, bad.load());
-    EXPECT_FALSE(Logged("ERROR")) << Log();
 }
 
 }  // namespace

@@ -105,8 +105,6 @@ std::string find_program(const std::vector<std::string>& names);
 std::vector<std::vector<std::string>> sqlite_rows(const std::string& path, const std::string& sql);
 // Runs statements on the SQLite file `path`; false (with a test failure) on error.
 bool sqlite_exec(const std::string& path, const std::string& sql);
-// The statements of sqlite_master, each followed by ";\n".
-std::string sqlite_schema(const std::string& path);
 
 // Paths of the built programs and the source tree (set by the build).
 std::string orlanbeck_binary();

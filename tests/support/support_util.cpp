@@ -237,13 +237,6 @@ bool sqlite_exec(const std::string& path, const std::string& sql) {
     return rc == SQLITE_OK;
 }
 
-std::string sqlite_schema(const std::string& path) {
-    std::string out;
-    for (auto& row : sqlite_rows(path, "select sql from sqlite_master where sql is not null"))
-        out += row[0] + ";\n";
-    return out;
-}
-
 // clang-format off
 std::string orlanbeck_binary() { return ORLANBECK_BINARY; }
 std::string source_dir() { return ORLANBECK_SOURCE_DIR; }
