@@ -1,5 +1,6 @@
 // The daemon binary from the outside: options, start-up failures, the states
 // file, and daemon mode with its pid file, reload and shutdown by signals.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -8,6 +9,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <sstream>
 
 #include "support_daemon.h"
 
@@ -71,8 +73,9 @@ class CommandLine : public ::testing::Test {
         std::string name = "orlanbeck-cli-" + std::to_string(getpid());
         EXPECT_EQ(symlink(orlanbeck_binary().c_str(), run.dir().file(name).c_str()), 0);
         pidfile_ = (getuid() == 0 ? "/var/run/" : "/tmp/") + name + ".pid";
-        int status = -2;
+        int status = -2, inherited = open("/dev/zero", O_RDONLY);  // not close-on-exec
         EXPECT_EQ(run_to_end({run.dir().file(name), "-c", config_arg}, &status), "");
+        close(inherited);
         EXPECT_EQ(status, 0);  // the parent leaves at once
         wait_until(
             [&] {
@@ -81,6 +84,21 @@ class CommandLine : public ::testing::Test {
                 return daemon_pid_ > 0 && lock_holder(pidfile_) == daemon_pid_;
             },
             20s);
+        // Detached: a session of its own, in "/", umask 0, the standard
+        // descriptors on /dev/null and none of its starter's descriptors.
+        const std::string proc = "/proc/" + std::to_string(daemon_pid_);
+        std::istringstream stat(read_file(proc + "/stat"));
+        std::string field;
+        for (int i = 1; i <= 6; ++i) stat >> field;  // the comm has no blank here
+        EXPECT_EQ(std::to_string(daemon_pid_), field) << "session";
+        EXPECT_EQ("/", std::filesystem::read_symlink(proc + "/cwd").string());
+        EXPECT_NE(std::string::npos, read_file(proc + "/status").find("Umask:\t0000\n"));
+        for (const auto& fd : std::filesystem::directory_iterator(proc + "/fd")) {
+            std::string target = std::filesystem::read_symlink(fd.path()).string();
+            std::string num = fd.path().filename().string();
+            EXPECT_EQ(num < "3" && num.size() == 1, target == "/dev/null") << num << " " << target;
+            EXPECT_NE("/dev/zero", target);
+        }
         return daemon_pid_;
     }
 
