@@ -86,7 +86,9 @@ void do_checkout(const record_context& ctx) {
 
 void do_guest_change(const record_context& ctx) {
     const fias_field_t* ro = fias_get_field(&ctx.record, "RO");
-    const bool move = ro && *field_text(ro);
+    const fias_field_t* rn_sent = fias_get_field(&ctx.record, "RN");
+    // An old room that is the room itself moves nobody.
+    const bool move = *field_text(ro) && strcmp(field_text(ro), field_text(rn_sent)) != 0;
     LOG(L_NOTICE, move ? "Room move" : "Guest change");
     fias_field_t* rn = room_field(ctx);
     if (!rn) return;
@@ -99,13 +101,10 @@ void do_guest_change(const record_context& ctx) {
     const std::string& statesfile = ctx.cfg->statesfile;
     const std::string room = field_text(rn);
     std::optional<occupant> before = occupancy_find(statesfile, move ? field_text(ro) : room);
-    occupant now{room,
-                 g.name   ? field_text(g.name)
-                 : before ? before->name
-                          : "",
-                 g.lang   ? field_text(g.lang)
-                 : before ? before->lang
-                          : "",
+    auto kept = [&](const fias_field_t* f, std::string occupant::*part) {
+        return f ? std::string(field_text(f)) : before ? *before.*part : std::string();
+    };
+    occupant now{room, kept(g.name, &occupant::name), kept(g.lang, &occupant::lang),
                  before ? before->since : ""};
     occupancy_put(statesfile, now);
     if (move) {

@@ -19,7 +19,7 @@ struct immortal_driver {
 immortal_driver occupancy_record;
 dbdriver_t& occupancy_db = *occupancy_record.drv;
 
-bool table_checked = false;  // under occupancy_db's lock
+bool table_checked GUARDED_BY(occupancy_db) = false;
 
 const char* const create_statement =
     "create table if not exists occupancy (room varchar(8), name text, lang text, since "
