@@ -165,6 +165,8 @@ bool parse_config_file(const std::string& path, config& cfg) {
     read_text(d, "pms:statesfile", cfg.statesfile);
     read_text(d, "pms:interface", cfg.pmsinterface);
     read_text(d, "pms:encoding", cfg.pmsencoding);
+    cfg.resync = iniparser_getboolean(d, "pms:resync", 0) != 0;
+    cfg.night_audit = iniparser_getboolean(d, "pms:night_audit", 0) != 0;
     if (opt_text t = get_text(d, "logger:log_type"))
         cfg.logtype = strcasestr(t->c_str(), "syslog") ? 0 : 1;
     cfg.loglevel = static_cast<uint16_t>(iniparser_getint(d, "logger:log_level", 5));
@@ -189,6 +191,8 @@ bool parse_config_file(const std::string& path, config& cfg) {
     read_text(d, "services:wakeup_clear", cfg.wakeup_clear);
     read_text(d, "services:checkin", cfg.checkin);
     read_text(d, "services:checkout", cfg.checkout);
+    read_text(d, "services:guest_change", cfg.guest_change);
+    read_text(d, "services:room_move", cfg.room_move);
     read_text(d, "services:billmark", cfg.billmark);
     read_text(d, "services:billok", cfg.billok);
     read_text(d, "services:room_status", cfg.room_state);

@@ -76,7 +76,9 @@ struct config {
     uint16_t pmsport = 5010;
     std::string statesfile = "/var/run/orlanbeck.db";
     opt_text pmsinterface;
-    opt_text pmsencoding;  // pms:encoding, the PMS's character set ([fixes] escape)
+    opt_text pmsencoding;      // pms:encoding, the PMS's character set ([fixes] escape)
+    bool resync = false;       // pms:resync, "DR" after each link start-up
+    bool night_audit = false;  // pms:night_audit, no postings between "NS" and "NE"
     // [logger]
     uint8_t logtype = 0;  // 1 = copy log lines to the system log
     uint16_t loglevel = 5;
@@ -102,6 +104,8 @@ struct config {
     opt_text wakeup_clear;
     opt_text checkin;
     opt_text checkout;
+    opt_text guest_change;  // a "GC" without "RO"
+    opt_text room_move;     // a "GC" with "RO"
     opt_text billmark;
     opt_text billok;
     opt_text room_state;  // services:room_status
@@ -112,6 +116,12 @@ struct config {
     // [rooms]
     rooms_settings rooms;
 };
+
+// Who stays in which room is kept (states/occupancy.h) only when a feature
+// that uses it is configured.
+inline bool keeps_occupancy(const config& cfg) {
+    return cfg.guest_change || cfg.room_move || cfg.resync;
+}
 
 using config_ptr = std::shared_ptr<const config>;
 

@@ -1,5 +1,7 @@
 #include "config_check.h"
 
+#include <cstring>
+
 #include "billing/templates.h"
 #include "db/registry.h"
 #include "fias/charset.h"
@@ -12,6 +14,11 @@ void warn_service_strings(const config& cfg) {
         template_kind kind;
         bool own_driver;  // marks run on the driver of their pass
     };
+    // The room move's own placeholder is filled before the others.
+    opt_text room_move = cfg.room_move;
+    if (room_move)
+        for (size_t at; (at = room_move->find("%oldexten%")) != std::string::npos;)
+            room_move->erase(at, strlen("%oldexten%"));
     const entry entries[] = {
         {"bareon", cfg.bareon, TEMPLATE_FIELDS, true},
         {"bareoff", cfg.bareoff, TEMPLATE_FIELDS, true},
@@ -21,6 +28,8 @@ void warn_service_strings(const config& cfg) {
         {"wakeup_clear", cfg.wakeup_clear, TEMPLATE_FIELDS, true},
         {"checkin", cfg.checkin, TEMPLATE_FIELDS, true},
         {"checkout", cfg.checkout, TEMPLATE_FIELDS, true},
+        {"guest_change", cfg.guest_change, TEMPLATE_FIELDS, true},
+        {"room_move", room_move, TEMPLATE_FIELDS, true},
         {"billmark", cfg.billmark, TEMPLATE_STRINGS, false},
         {"billok", cfg.billok, TEMPLATE_FIELDS, true},
         {"room_status", cfg.room_state, TEMPLATE_STRINGS, true},

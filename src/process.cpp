@@ -32,3 +32,15 @@ std::chrono::milliseconds record_pause() {
         from_environment("ORLANBECK_TEST_RECORD_PAUSE_MS", std::chrono::seconds(1));
     return pause;
 }
+
+std::chrono::milliseconds resync_stall_limit() {
+    static const auto limit =
+        from_environment("ORLANBECK_TEST_RESYNC_STALL_MS", std::chrono::minutes(10));
+    return limit;
+}
+
+std::chrono::milliseconds night_audit_warning() {
+    static const auto limit =
+        from_environment("ORLANBECK_TEST_AUDIT_WARNING_MS", std::chrono::hours(2));
+    return limit;
+}

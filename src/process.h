@@ -13,3 +13,10 @@ std::chrono::milliseconds record_pause();
 // How long a write to the PMS may block before the link counts as lost
 // ([fixes] link_end): 10 s, ORLANBECK_TEST_WRITE_LIMIT_MS for tests.
 std::chrono::milliseconds link_write_limit();
+
+// How long a database resync may go without a record from the PMS before it
+// counts as stopped (10 min), and how long a night audit may hold postings
+// before a WARNING (2 h): ORLANBECK_TEST_RESYNC_STALL_MS and
+// ORLANBECK_TEST_AUDIT_WARNING_MS for tests.
+std::chrono::milliseconds resync_stall_limit();
+std::chrono::milliseconds night_audit_warning();

@@ -16,6 +16,10 @@
 //   reset           reset the client's connection
 //   pause, resume   stop reading from the client, read again
 //   answer ok|refuse|none [TEXT]   change how "PS" records are answered
+//   gc ROOM NAME [OLDROOM]         send "GC" (a room move with OLDROOM)
+//   occupied [ROOM:NAME ...]       answer each "DR" with "DS", one "GI" per
+//                                  room and "DE" (no rooms: an empty hotel)
+//   audit start|end                send "NS" or "NE"
 //   # ...           comment; blank lines are skipped
 // It ends on SIGTERM or SIGINT, or after the last command with
 // --exit-after-script. --port-file receives the port once it listens.
@@ -29,7 +33,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "netutil.h"
 #include "sim_pms.h"
@@ -199,11 +205,37 @@ bool run_command(pms_sim& sim, const std::string& line, size_t& wait_cursor,
         return true;
     }
 
+    std::istringstream words(line);
+    std::string command;
+    words >> command;
+    if (command == "occupied") {
+        std::vector<pms_sim::guest> guests;
+        for (std::string word; words >> word;) {
+            size_t colon = word.find(':');
+            guests.push_back(
+                {word.substr(0, colon), colon == std::string::npos ? "" : word.substr(colon + 1)});
+        }
+        sim.set_occupied(guests);
+        return true;
+    }
+
     bool raw = line.rfind("raw ", 0) == 0;
     while (!sim.wait_connected(milliseconds(200))) {
         if (signal_within(0)) return false;
     }
-    bool sent = raw ? sim.send_raw(unescape(line.substr(4))) : sim.send_record(line);
+    bool sent;
+    if (command == "gc") {
+        pms_sim::guest g;
+        std::string old_room;
+        words >> g.room >> g.name >> old_room;
+        sent = sim.send_guest_change(g, old_room);
+    } else if (command == "audit") {
+        std::string which;
+        words >> which;
+        sent = sim.send_night_audit(which == "start");
+    } else {
+        sent = raw ? sim.send_raw(unescape(line.substr(4))) : sim.send_record(line);
+    }
     if (!sent) print_line("--", "not sent (no client): " + line);
     return true;
 }

@@ -12,6 +12,8 @@
 #include "billing/templates.h"
 #include "fias/codec.h"
 #include "handlers/context.h"
+#include "handlers/night_audit.h"
+#include "handlers/resync.h"
 #include "logger.h"
 #include "process.h"
 #include "states/states.h"
@@ -104,6 +106,7 @@ struct pass_env {
 // default (also when the send failed); with [fixes] posting only when it was
 // written whole on an active link.
 bool send_report(pass_env& env, const fias_packet_t* rec, const char* error) {
+    if (night_audit().holds_postings()) return false;  // neither sent nor marked
     if (env.fixes.posting && !env.link.active()) return false;
     if (env.link.send_packet(rec) >= 0) return true;
     LOG(L_ERROR, "%s", error);
@@ -388,7 +391,7 @@ std::optional<reported> room_status_pass(pass_env& pass, dbdriver_t& drv, const 
 bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms, pms_link& link,
                    posting_sequence& sequence, billing_memory* memory) {
     pass_env env{link, sequence, fill_options_of(cfg), cfg.fixes, memory};
-    if (!link.active()) return true;
+    if (!link.active() || night_audit().holds_postings()) return true;
     // Postings whose answers were lost with an earlier link go out once more,
     // with their own "P#" ([fixes] posting).
     for (const pms_link::posting& p : link.postings_to_resend()) {
@@ -432,6 +435,7 @@ void service_background(const config_loader& configs, pms_link& link, stop_flag&
             std::vector<std::string> now;
             if (states_room_list(now) == 0) rooms = std::move(now);
         }
+        resync_watch(link);
         if (!billing_cycle(*cfg, rooms, link, sequence, &memory)) return;
         if (stop.requested() || stop.wait_for(billing_period())) return;
     }

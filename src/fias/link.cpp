@@ -194,7 +194,11 @@ int pms_link::send_la() {
     return send_raw(local_time_text("LA|DA%y%m%d|TI%H%M%S|").c_str());
 }
 
-int pms_link::init_connection(const char* iftype) {
+int pms_link::send_dr() {
+    return send_raw(local_time_text("DR|DA%y%m%d|TI%H%M%S|").c_str());
+}
+
+int pms_link::init_connection(const char* iftype, fias_record_set optional) {
     std::string ld = local_time_text("LD|DA%y%m%d|TI%H%M%S|V#1.01|IF");
     if (iftype) ld.append(iftype, strnlen(iftype, 2));
     ld.append("|");
@@ -209,6 +213,9 @@ int pms_link::init_connection(const char* iftype) {
     };
     for (const fias_catalogue_row* row = fias_packets; row->num_fields != 0; row++) {
         if (row->packet[0] == 'L') continue;
+        if (fias_optional_record(row->packet_code) &&
+            !(optional & fias_record_bit(row->packet_code)))
+            continue;
         std::string names;
         for (int i = 0; i < row->num_fields; i++) names.append(row->fields[i].name);
         char lr[256];

@@ -84,10 +84,14 @@ class pms_link {
     int send_packet(const fias_packet_t* p);
     // Sends "LA" with the current date and time.
     int send_la();
-    // Sends "LD", one "LR" per record type and "LA". 0, or -1 when a record
-    // could not be written: the link is then shut down, and its reader
-    // returns -1.
-    int init_connection(const char* iftype);
+    // Sends "DR" (asks the PMS for a database resync) with the current date
+    // and time.
+    int send_dr();
+    // Sends "LD", one "LR" per record type and "LA". The optional record
+    // types (fias_optional_record) are described only when in `optional`.
+    // 0, or -1 when a record could not be written: the link is then shut
+    // down, and its reader returns -1.
+    int init_connection(const char* iftype, fias_record_set optional = 0);
     // The PMS sent "LA": postings may go out.
     void set_active() { pms_connected_ = 1; }
 
@@ -106,6 +110,9 @@ class pms_link {
     // The postings sent on an earlier link and not yet sent again.
     std::vector<posting> postings_to_resend();
     bool active() const { return pms_connected_ != 0; }
+    // Counts the links attached so far: a link that is dropped and made
+    // again has a new number.
+    unsigned link_number() const { return link_number_; }
     state current_state() const;
 
   private:

@@ -29,7 +29,28 @@ enum fias_packet_code {
     FIAS_WA = 11,
     FIAS_PS = 12,
     FIAS_PA = 13,
+    // Known only where the feature that uses them is configured
+    // (fias_optional_record).
+    FIAS_GC = 14,
+    FIAS_DS = 15,
+    FIAS_DE = 16,
+    FIAS_NS = 17,
+    FIAS_NE = 18,
+    FIAS_LE = 19,
 };
+
+// A set of record codes, one bit per code.
+using fias_record_set = uint32_t;
+constexpr fias_record_set fias_record_bit(int code) {
+    return fias_record_set{1} << code;
+}
+
+// Whether a record type is beyond the long-standing thirteen: such a type is
+// handled, and announced in the link description, only when the feature that
+// uses it is configured; otherwise it is treated as a type nobody knows.
+constexpr bool fias_optional_record(int code) {
+    return code >= FIAS_GC;
+}
 
 enum fias_value_type : uint8_t {
     FIAS_TYPE_STR = 0,
@@ -91,8 +112,8 @@ struct fias_catalogue_row {
     } fields[FIAS_MAX_FIELDS];
 };
 
-// The catalogue, in its fixed order ("PA" before "PS"), closed by a row whose
-// num_fields is 0.
+// The catalogue, in its fixed order ("PA" before "PS", the optional types
+// last), closed by a row whose num_fields is 0.
 extern const fias_catalogue_row fias_packets[];
 
 // A new packet for `type` without values, or null for a code no row has.

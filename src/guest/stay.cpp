@@ -1,6 +1,11 @@
-// Check-in and check-out: the states file's `rooms` table, then the PBX template.
+// Check-in, check-out and guest change: the states file's `rooms` table and
+// the occupancy, then the PBX template.
+#include <cstring>
+
 #include "guest/handlers.h"
+#include "handlers/resync.h"
 #include "logger.h"
+#include "states/occupancy.h"
 #include "states/states.h"
 
 namespace {
@@ -21,9 +26,30 @@ guest_fields log_guest(const record_context& ctx) {
     return g;
 }
 
+// The room move's statement with "%oldexten%" filled in (quotes doubled);
+// nothing when the old room cannot go into a template.
+opt_text with_old_room(const record_context& ctx, const opt_text& service, const char* old_room) {
+    if (!service) return service;
+    if (strchr(old_room, '%')) {
+        CTX_LOG(ctx, L_ERROR, "Old room \"%s\" has a \"%%\": services:room_move not run", old_room);
+        return std::nullopt;
+    }
+    std::string out = *service;
+    const std::string token = "%oldexten%";
+    std::string value;
+    for (const char* c = old_room; *c; c++) value.append(*c == '\'' ? 2 : 1, *c);
+    for (size_t at = out.find(token); at != std::string::npos; at = out.find(token, at)) {
+        out.replace(at, token.size(), value);
+        at += value.size();
+    }
+    return out;
+}
+
 }  // namespace
 
 void do_checkin(const record_context& ctx) {
+    // During a resync, a room whose guest is known already needs nothing.
+    if (resync_confirms(ctx)) return;
     LOG(L_NOTICE, "Checkin");
     fias_field_t* rn = room_field(ctx);
     if (!rn) return;
@@ -38,6 +64,8 @@ void do_checkin(const record_context& ctx) {
         LOG(L_ERROR, "Unable to open states file %s", statesfile.c_str());
         return;
     }
+    if (keeps_occupancy(*ctx.cfg))
+        occupancy_put(statesfile, {field_text(rn), field_text(g.name), field_text(g.lang), ""});
     run_service_template(ctx, ctx.cfg->checkin, rn, g.name, g.lang, g.shared, nullptr, nullptr);
 }
 
@@ -52,5 +80,41 @@ void do_checkout(const record_context& ctx) {
         LOG(L_ERROR, "Unable to open states file %s", statesfile.c_str());
         return;
     }
+    if (keeps_occupancy(*ctx.cfg)) occupancy_remove(statesfile, field_text(rn));
     run_service_template(ctx, ctx.cfg->checkout, rn, g.name, g.lang, g.shared, nullptr, nullptr);
+}
+
+void do_guest_change(const record_context& ctx) {
+    const fias_field_t* ro = fias_get_field(&ctx.record, "RO");
+    const fias_field_t* rn_sent = fias_get_field(&ctx.record, "RN");
+    // An old room that is the room itself moves nobody.
+    const bool move = *field_text(ro) && strcmp(field_text(ro), field_text(rn_sent)) != 0;
+    LOG(L_NOTICE, move ? "Room move" : "Guest change");
+    fias_field_t* rn = room_field(ctx);
+    if (!rn) return;
+    if (move) CTX_LOG(ctx, L_NOTICE, "\tOld room: %s", field_text(ro));
+    guest_fields g = log_guest(ctx);
+
+    // The guest keeps what the record does not correct, and the time of
+    // arrival; the old room stays billed, so that its calls are still posted
+    // under its number.
+    const std::string& statesfile = ctx.cfg->statesfile;
+    const std::string room = field_text(rn);
+    std::optional<occupant> before = occupancy_find(statesfile, move ? field_text(ro) : room);
+    auto kept = [&](const fias_field_t* f, std::string occupant::*part) {
+        return f ? std::string(field_text(f)) : before ? *before.*part : std::string();
+    };
+    occupant now{room, kept(g.name, &occupant::name), kept(g.lang, &occupant::lang),
+                 before ? before->since : ""};
+    occupancy_put(statesfile, now);
+    if (move) {
+        occupancy_remove(statesfile, field_text(ro));
+        states_store_room(statesfile, room, false, ctx.cfg->fixes.dates);
+    }
+    const fias_field_t name = text_field("GN", now.name);
+    const fias_field_t lang = text_field("GL", now.lang);
+    const opt_text service =
+        move ? with_old_room(ctx, ctx.cfg->room_move, field_text(ro)) : ctx.cfg->guest_change;
+    const record_context escaped{ctx.cfg, ctx.record, ctx.link, ctx.handler, true};
+    run_service_template(escaped, service, rn, &name, &lang, g.shared, nullptr, nullptr);
 }

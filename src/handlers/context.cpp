@@ -28,6 +28,14 @@ const char* field_text(const fias_field_t* f) {
     return f && f->value && f->value->str ? f->value->str->c_str() : "";
 }
 
+fias_field_t text_field(const char* name, const std::string& text) {
+    fias_field_t f;
+    snprintf(f.name, sizeof f.name, "%s", name);
+    f.value = std::make_unique<fias_value_t>();
+    f.value->str = text;
+    return f;
+}
+
 int run_service_template(const record_context& ctx, const opt_text& service, const fias_field_t* rn,
                          const fias_field_t* name, const fias_field_t* lang,
                          const fias_field_t* shared, const fias_field_t* date,
@@ -46,7 +54,8 @@ int run_service_template(const record_context& ctx, const opt_text& service, con
         CTX_LOG(ctx, L_ERROR, "Unable to find DB driver %s", driver_name.c_str());
         return -1;
     }
-    const fill_options fill = fill_options_of(*ctx.cfg);
+    fill_options fill = fill_options_of(*ctx.cfg);
+    fill.escape = fill.escape || ctx.escape_values;
     auto prepare = [&] {
         return prepare_query(drv.get(), s.statement.c_str(), rn, name, lang, shared, date, tim, seq,
                              fill);

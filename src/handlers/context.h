@@ -21,6 +21,9 @@ struct record_context {
     fias_packet_t& record;
     pms_link& link;
     const char* handler = "";  // the handler's name, for log lines
+    // Values are escaped for their database whatever [fixes] escape says
+    // (statements that no older configuration has).
+    bool escape_values = false;
 };
 
 // How templates are filled under `cfg`.
@@ -48,3 +51,6 @@ fias_field_t* room_field(const record_context& ctx);
 void log_date_time(const record_context& ctx, const fias_field_t* da, const fias_field_t* ti);
 // The text of a text field, or "".
 const char* field_text(const fias_field_t* f);
+// A text field named `name` with `text` as its value (for a template, in the
+// place of one that a record lacks).
+fias_field_t text_field(const char* name, const std::string& text);

@@ -4,19 +4,53 @@
 #include "fias/charset.h"
 #include "fias/codec.h"
 #include "guest/handlers.h"
+#include "handlers/night_audit.h"
+#include "handlers/resync.h"
 #include "logger.h"
 
 namespace {
 
-// The PMS starts the link: answer with our description and "LA".
-void do_link_start(const record_context& ctx) {
-    const opt_text& interface = ctx.cfg->pmsinterface;
-    ctx.link.init_connection(interface ? interface->c_str() : "");
+// Whether a record type is handled under `cfg`: the optional types only
+// with the feature that uses them ("LE" with any of them).
+bool record_known(const config& cfg, int code) {
+    switch (code) {
+        case FIAS_GC:
+            return cfg.guest_change || cfg.room_move;
+        case FIAS_DS:
+        case FIAS_DE:
+            return cfg.resync;
+        case FIAS_NS:
+        case FIAS_NE:
+            return cfg.night_audit;
+        case FIAS_LE:
+            return cfg.guest_change || cfg.room_move || cfg.resync || cfg.night_audit;
+        default:
+            return true;
+    }
 }
 
-// The PMS's "LA": postings may go out.
+// The optional record types that the link description announces ("LE" never).
+fias_record_set announced_records(const config& cfg) {
+    fias_record_set out = 0;
+    for (int code : {FIAS_GC, FIAS_DS, FIAS_DE, FIAS_NS, FIAS_NE})
+        if (record_known(cfg, code)) out |= fias_record_bit(code);
+    return out;
+}
+
+// The PMS starts the link: answer with our description and "LA". A night
+// audit or a resync of the previous start-up ends here.
+void do_link_start(const record_context& ctx) {
+    night_audit().close("new link start-up");
+    resync_link_started();
+    const opt_text& interface = ctx.cfg->pmsinterface;
+    ctx.link.init_connection(interface ? interface->c_str() : "", announced_records(*ctx.cfg));
+}
+
+// The PMS's "LA": postings may go out; with pms:resync the PMS is asked for
+// its occupied rooms.
 void do_link_active(const record_context& ctx) {
     ctx.link.set_active();
+    resync_request(ctx);
 }
 
 using record_handler = void (*)(const record_context&);
@@ -29,13 +63,16 @@ struct handler_entry {
 
 #define HANDLER(code, fn) \
     { code, fn, #fn }
-// Record types not listed ("LD", "LR", "DR", "WA", "PS") are logged as
+// Record types not listed ("LD", "LR", "DR", "WA", "PS", "LE") are logged as
 // received and otherwise ignored.
 const handler_entry handlers[] = {
-    HANDLER(FIAS_LS, do_link_start), HANDLER(FIAS_LA, do_link_active),
-    HANDLER(FIAS_GI, do_checkin),    HANDLER(FIAS_GO, do_checkout),
-    HANDLER(FIAS_RE, do_room_equip), HANDLER(FIAS_WC, do_wakeup_clear),
-    HANDLER(FIAS_WR, do_wakeup_set), HANDLER(FIAS_PA, do_pa),
+    HANDLER(FIAS_LS, do_link_start),      HANDLER(FIAS_LA, do_link_active),
+    HANDLER(FIAS_GI, do_checkin),         HANDLER(FIAS_GO, do_checkout),
+    HANDLER(FIAS_RE, do_room_equip),      HANDLER(FIAS_WC, do_wakeup_clear),
+    HANDLER(FIAS_WR, do_wakeup_set),      HANDLER(FIAS_PA, do_pa),
+    HANDLER(FIAS_GC, do_guest_change),    HANDLER(FIAS_DS, do_resync_start),
+    HANDLER(FIAS_DE, do_resync_end),      HANDLER(FIAS_NS, do_night_audit_start),
+    HANDLER(FIAS_NE, do_night_audit_end),
 };
 #undef HANDLER
 
@@ -45,7 +82,7 @@ void process_fias_packet(const config_loader& configs, pms_link& link, std::stri
     const config_ptr cfg = configs.current();
     fias_packet_ptr p = fias_parse_packet(data.c_str(), static_cast<int>(data.size()),
                                           fias_codec_options{cfg->fixes.numbers});
-    if (!p) {
+    if (!p || !record_known(*cfg, p->packet_code)) {
         LOG(L_WARNING, "Can not parse FIAS packet %s", data.c_str());
         return;
     }

@@ -92,6 +92,27 @@ void pms_sim::set_answer(answer_mode mode, const std::string& refuse_text) {
     opts_.refuse_text = refuse_text;
 }
 
+void pms_sim::set_occupied(std::optional<std::vector<guest>> occupied) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    occupied_ = std::move(occupied);
+}
+
+namespace {
+
+std::string guest_fields(const pms_sim::guest& g) {
+    return "RN" + g.room + "|GN" + g.name + "|GL" + g.lang + "|GSN|";
+}
+
+}  // namespace
+
+bool pms_sim::send_guest_change(const guest& g, const std::string& old_room) {
+    return send_record("GC|" + guest_fields(g) + (old_room.empty() ? "" : "RO" + old_room + "|"));
+}
+
+bool pms_sim::send_night_audit(bool start) {
+    return send_record(local_time_text(start ? "NS|DA%y%m%d|TI%H%M%S|" : "NE|DA%y%m%d|TI%H%M%S|"));
+}
+
 void pms_sim::run() {
     char buf[4096];
     for (;;) {
@@ -183,10 +204,17 @@ void pms_sim::handle_frame(const std::string& text) {
 
     answer_mode mode;
     std::string refuse_text;
+    std::optional<std::vector<guest>> occupied;
     {
         std::lock_guard<std::mutex> guard(mutex_);
         mode = opts_.answer;
         refuse_text = opts_.refuse_text;
+        occupied = occupied_;
+    }
+    if (starts_with(text, "DR") && occupied) {
+        send_record(local_time_text("DS|DA%y%m%d|TI%H%M%S|"));
+        for (const guest& g : *occupied) send_record("GI|" + guest_fields(g));
+        send_record(local_time_text("DE|DA%y%m%d|TI%H%M%S|"));
     }
 
     if (opts_.play_link) {

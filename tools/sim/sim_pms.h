@@ -12,7 +12,10 @@
 //  - postings: each "PS" is answered with a "PA" carrying AS, then RN, P#, DA
 //    and TI copied from the "PS" (fields the "PS" lacks are left out); AS is
 //    "OK" (answer_mode::ok) or the refusal text (answer_mode::refuse), or no
-//    answer is sent at all (answer_mode::none).
+//    answer is sent at all (answer_mode::none);
+//  - database resync, once set_occupied() gave it a list of guests: each "DR"
+//    is answered with "DS", one "GI" per guest and "DE" (by default "DR" is
+//    not answered).
 //
 // Typical use in a test:
 //
@@ -81,6 +84,20 @@ class pms_sim {
 
     // Changes how later "PS" records are answered.
     void set_answer(answer_mode mode, const std::string& refuse_text = "NG");
+
+    // A guest as the PMS has it.
+    struct guest {
+        std::string room;
+        std::string name;
+        std::string lang = "EN";
+    };
+    // The guests with which later "DR" records are answered; nothing stops
+    // answering them.
+    void set_occupied(std::optional<std::vector<guest>> occupied);
+    // Sends "GC" for `g`, a room move from `old_room` when that is not empty.
+    bool send_guest_change(const guest& g, const std::string& old_room = "");
+    // Sends "NS" (start) or "NE" (end of the night audit), dated now.
+    bool send_night_audit(bool start);
 
     // Sends one record text framed as STX text ETX. false without a client or
     // when the write fails.
@@ -158,7 +175,8 @@ class pms_sim {
     bool link_active_ = false;
     int connections_ = 0;
     bool stopping_ = false;
-    bool paused_ = false;  // not reading from the client
+    bool paused_ = false;                         // not reading from the client
+    std::optional<std::vector<guest>> occupied_;  // what "DR" is answered with
 
     // Reader state, used only by the simulator's thread.
     bool collecting_ = false;
