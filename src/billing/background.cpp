@@ -436,6 +436,7 @@ void service_background(const config_loader& configs, pms_link& link, stop_flag&
             if (states_room_list(now) == 0) rooms = std::move(now);
         }
         resync_watch(link);
+        if (!cfg->night_audit) night_audit().close("pms:night_audit is off");
         if (!billing_cycle(*cfg, rooms, link, sequence, &memory)) return;
         if (stop.requested() || stop.wait_for(billing_period())) return;
     }
