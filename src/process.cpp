@@ -32,3 +32,9 @@ std::chrono::milliseconds record_pause() {
         from_environment("ORLANBECK_TEST_RECORD_PAUSE_MS", std::chrono::seconds(1));
     return pause;
 }
+
+std::chrono::milliseconds billing_wedge_after() {
+    static const auto after =
+        from_environment("ORLANBECK_TEST_WEDGE_BILLING_MS", std::chrono::hours(24 * 365 * 100));
+    return after;
+}

@@ -13,3 +13,8 @@ std::chrono::milliseconds record_pause();
 // How long a write to the PMS may block before the link counts as lost
 // ([fixes] link_end): 10 s, ORLANBECK_TEST_WRITE_LIMIT_MS for tests.
 std::chrono::milliseconds link_write_limit();
+
+// A test hook: the billing thread hangs for good this long after its start,
+// without reporting anything (ORLANBECK_TEST_WEDGE_BILLING_MS; never
+// otherwise).
+std::chrono::milliseconds billing_wedge_after();
