@@ -46,10 +46,20 @@ if(NOT _orlanbeck_conf STREQUAL _orlanbeck_conf_old)
 endif()
 
 # --- the manual page ----------------------------------------------------------
-# Filled in at install time (below) with the version and the paths of the
-# prefix actually installed to, so that a package staged with another prefix
-# names its own paths.
+# Filled in with the version and the paths of the configured prefix.
 string(TIMESTAMP ORLANBECK_MAN_DATE "%Y-%m-%d")  # honours SOURCE_DATE_EPOCH
+set(ORLANBECK_MAN_SBINDIR ${CMAKE_INSTALL_FULL_SBINDIR})
+set(ORLANBECK_MAN_SYSCONFDIR ${CMAKE_INSTALL_FULL_SYSCONFDIR})
+set(ORLANBECK_MAN_DOCDIR ${CMAKE_INSTALL_FULL_DOCDIR})
+if(IS_ABSOLUTE "${CMAKE_INSTALL_PREFIX}")
+  string(REGEX REPLACE "/+$" "" _orlanbeck_prefix "${CMAKE_INSTALL_PREFIX}")
+  set(ORLANBECK_MAN_UNITDIR ${_orlanbeck_prefix}/lib/systemd/system)
+else()
+  set(ORLANBECK_MAN_UNITDIR lib/systemd/system)
+endif()
+configure_file(${PROJECT_SOURCE_DIR}/docs/orlanbeck.8.in ${CMAKE_CURRENT_BINARY_DIR}/docs/orlanbeck.8
+               @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/docs/orlanbeck.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 
 # --- the operator documentation ----------------------------------------------
 install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/docs/configuration.md
@@ -66,10 +76,6 @@ set(_orlanbeck_work [[${CMAKE_CURRENT_BINARY_DIR}/install-time]])
 set(_orlanbeck_sbindir [[${CMAKE_INSTALL_SBINDIR}]])
 set(_orlanbeck_sysconfdir [[${CMAKE_INSTALL_SYSCONFDIR}]])
 set(_orlanbeck_docdir [[${CMAKE_INSTALL_DOCDIR}]])
-set(_orlanbeck_mandir [[${CMAKE_INSTALL_MANDIR}]])
-set(_orlanbeck_man_template [[${PROJECT_SOURCE_DIR}/docs/orlanbeck.8.in]])
-set(ORLANBECK_MAN_DATE [[${ORLANBECK_MAN_DATE}]])
-set(PROJECT_VERSION [[${PROJECT_VERSION}]])
 ")
 install(CODE [[
 string(REGEX REPLACE "/+$" "" _orlanbeck_prefix "${CMAKE_INSTALL_PREFIX}")
@@ -109,17 +115,4 @@ endif()
 configure_file("${_orlanbeck_unit_template}" "${_orlanbeck_work}/orlanbeck.service" @ONLY)
 file(INSTALL DESTINATION "${_orlanbeck_prefix}/lib/systemd/system" TYPE FILE
      FILES "${_orlanbeck_work}/orlanbeck.service")
-
-# The manual page, with the same paths.
-if(IS_ABSOLUTE "${_orlanbeck_mandir}")
-  set(_orlanbeck_man_dest "${_orlanbeck_mandir}/man8")
-else()
-  set(_orlanbeck_man_dest "${_orlanbeck_prefix}/${_orlanbeck_mandir}/man8")
-endif()
-set(ORLANBECK_MAN_SBINDIR "${ORLANBECK_SBINDIR}")
-set(ORLANBECK_MAN_SYSCONFDIR "${ORLANBECK_SYSCONFDIR}")
-set(ORLANBECK_MAN_DOCDIR "${ORLANBECK_DOCDIR}")
-set(ORLANBECK_MAN_UNITDIR "${_orlanbeck_prefix}/lib/systemd/system")
-configure_file("${_orlanbeck_man_template}" "${_orlanbeck_work}/orlanbeck.8" @ONLY)
-file(INSTALL DESTINATION "${_orlanbeck_man_dest}" TYPE FILE FILES "${_orlanbeck_work}/orlanbeck.8")
 ]])

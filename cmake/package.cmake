@@ -3,7 +3,8 @@
 # with the prefix /usr (the configuration then goes to /etc), plus:
 #   /etc/logrotate.d/orlanbeck     rotation of the log, reloading the daemon
 #   /lib/systemd/system/           the unit (moved there from /usr/lib)
-#   the manual page gzipped, the copyright file and changelog.Debian.gz
+#   the manual page with the paths of the package, gzipped; the copyright
+#   file and changelog.Debian.gz
 # /etc/orlanbeck.conf (mode 0640) and the logrotate file are conffiles. The
 # maintainer scripts never enable the unit (`systemctl enable --now
 # orlanbeck` does). The dependencies are computed by dpkg-shlibdeps from the
@@ -15,6 +16,15 @@ set(ORLANBECK_DEB_MAINTAINER "orlanbeck developers <orlanbeck@example.org>")
 string(TIMESTAMP ORLANBECK_DEB_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
 configure_file(${PROJECT_SOURCE_DIR}/cmake/debian/changelog.in
                ${CMAKE_CURRENT_BINARY_DIR}/debian/changelog.Debian @ONLY)
+# The manual page with the package's paths, whatever prefix the build has.
+function(orlanbeck_package_man_page)
+  set(ORLANBECK_MAN_SYSCONFDIR /etc)
+  set(ORLANBECK_MAN_DOCDIR /usr/share/doc/orlanbeck)
+  set(ORLANBECK_MAN_UNITDIR /lib/systemd/system)
+  configure_file(${PROJECT_SOURCE_DIR}/docs/orlanbeck.8.in
+                 ${CMAKE_CURRENT_BINARY_DIR}/debian/orlanbeck.8 @ONLY)
+endfunction()
+orlanbeck_package_man_page()
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME orlanbeck)

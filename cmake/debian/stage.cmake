@@ -17,6 +17,8 @@ file(COPY_FILE "${CPACK_ORLANBECK_SOURCE_DIR}/etc/orlanbeck.logrotate"
      "${_root}/etc/logrotate.d/orlanbeck")
 file(COPY_FILE "${CPACK_ORLANBECK_SOURCE_DIR}/cmake/debian/copyright" "${_doc}/copyright")
 file(COPY_FILE "${CPACK_ORLANBECK_BINARY_DIR}/debian/changelog.Debian" "${_doc}/changelog.Debian")
+file(COPY_FILE "${CPACK_ORLANBECK_BINARY_DIR}/debian/orlanbeck.8"
+     "${_root}/usr/share/man/man8/orlanbeck.8")
 foreach(_file "${_doc}/changelog.Debian" "${_root}/usr/share/man/man8/orlanbeck.8")
   execute_process(COMMAND gzip -9nf "${_file}" RESULT_VARIABLE _rc)
   if(NOT _rc EQUAL 0)
