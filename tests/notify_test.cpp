@@ -2,71 +2,13 @@
 // a notification socket of our own; pings stop when the billing thread
 // hangs, and go on while it is stopped by its configuration.
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <mutex>
-
+#include "sim_notify.h"
 #include "support_daemon.h"
 
 using namespace std::chrono_literals;
 
 namespace {
-
-// A datagram socket in the test's folder, collecting every message.
-class notify_listener {
-  public:
-    explicit notify_listener(const std::string& path) : path_(path) {
-        fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
-        bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-        reader_ = std::thread([this] {
-            char buf[4096];
-            while (!done_) {
-                pollfd p{fd_, POLLIN, 0};
-                if (poll(&p, 1, 50) <= 0) continue;
-                ssize_t n = recv(fd_, buf, sizeof buf, 0);
-                std::lock_guard<std::mutex> guard(mutex_);
-                if (n > 0) messages_.emplace_back(buf, static_cast<size_t>(n));
-            }
-        });
-    }
-    ~notify_listener() {
-        done_ = true;
-        reader_.join();
-        close(fd_);
-    }
-    std::vector<std::string> messages() const {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return messages_;
-    }
-    size_t count(const std::string& text) const {
-        size_t n = 0;
-        for (const std::string& m : messages()) n += m.find(text) != std::string::npos;
-        return n;
-    }
-    bool wait(const std::string& text, std::chrono::milliseconds timeout = 10s) const {
-        return wait_until([&] { return count(text) > 0; }, timeout);
-    }
-    std::string all() const {
-        std::string out;
-        for (const std::string& m : messages()) out += m + "\n--\n";
-        return out;
-    }
-
-  private:
-    std::string path_;
-    int fd_ = -1;
-    std::atomic<bool> done_{false};
-    mutable std::mutex mutex_;
-    std::vector<std::string> messages_;
-    std::thread reader_;
-};
 
 std::vector<std::string> notify_env(const temp_dir& dir) {
     return {"NOTIFY_SOCKET=" + dir.file("notify.sock"), "WATCHDOG_USEC=1200000"};
@@ -74,15 +16,15 @@ std::vector<std::string> notify_env(const temp_dir& dir) {
 
 TEST(Notify, ReadyStatusPingsAndAWedgedBillingThreadStopsThePings) {
     daemon_run run;
-    notify_listener systemd(run.dir().file("notify.sock"));
+    notify_sim systemd(run.dir().file("notify.sock"));
     run.env = notify_env(run.dir());
     run.env.push_back("ORLANBECK_TEST_WEDGE_BILLING_MS=2000");
     run.set("fixes", "signals", "yes");
     ASSERT_TRUE(run.start()) << run.log();
-    ASSERT_TRUE(systemd.wait("READY=1")) << systemd.all();
+    ASSERT_TRUE(systemd.wait("READY=1", 10s)) << systemd.all();
     EXPECT_NE(std::string::npos, systemd.messages().front().find("READY=1\nSTATUS="));
     ASSERT_TRUE(run.pms.send_record("GI|RN101|GNSmith|"));
-    ASSERT_TRUE(systemd.wait("last record GI 101 at ")) << systemd.all();
+    ASSERT_TRUE(systemd.wait("last record GI 101 at ", 10s)) << systemd.all();
     EXPECT_EQ(1u, systemd.count("STATUS=PMS link active since ")) << systemd.all();
     ASSERT_TRUE(wait_until([&] { return systemd.count("WATCHDOG=1") >= 2; })) << systemd.all();
 
@@ -98,19 +40,20 @@ TEST(Notify, ReadyStatusPingsAndAWedgedBillingThreadStopsThePings) {
 
 TEST(Notify, AnUnreachablePmsAndABillingThreadStoppedByDesignKeepThePings) {
     daemon_run run(false);
-    notify_listener systemd(run.dir().file("notify.sock"));
+    notify_sim systemd(run.dir().file("notify.sock"));
     run.env = notify_env(run.dir());
     run.set("services", "billcalls", "pbx:select %bogus% from cdr where src='%exten%'");
     run.set("rooms", "room1", "101");
     ASSERT_TRUE(run.start());
     const std::string unreachable =
         "STATUS=PMS 127.0.0.1:" + std::to_string(run.pms_port()) + " unreachable since ";
-    ASSERT_TRUE(systemd.wait(unreachable)) << systemd.all();
+    ASSERT_TRUE(systemd.wait(unreachable, 10s)) << systemd.all();
     ASSERT_TRUE(wait_until([&] { return systemd.count("WATCHDOG=1") >= 3; })) << systemd.all();
 
     ASSERT_TRUE(run.pms.start());
     ASSERT_TRUE(run.wait_log("this thread stops here")) << run.log();
-    ASSERT_TRUE(systemd.wait("; billing stopped: services:billcalls has an unknown placeholder"))
+    ASSERT_TRUE(
+        systemd.wait("; billing stopped: services:billcalls has an unknown placeholder", 10s))
         << systemd.all();
     const size_t pings = systemd.count("WATCHDOG=1");
     EXPECT_TRUE(wait_until([&] { return systemd.count("WATCHDOG=1") >= pings + 3; }))
