@@ -9,16 +9,13 @@
 
 namespace {
 
-struct check_result {
-    int status;
-    std::string output;
-};
-
-check_result check(const temp_dir& dir, const std::string& options, const std::string& conf) {
+// Runs "orlanbeck <options> -c <conf>" in `dir`: its exit status and output.
+std::pair<int, std::string> check(const temp_dir& dir, const std::string& options,
+                                  const std::string& conf) {
     child_process proc;
-    const std::string script = "cd '" + dir.path() + "' && exec '" + orlanbeck_binary() + "' " +
-                               options + " -c '" + conf + "'";
-    EXPECT_TRUE(proc.start({"/bin/sh", "-c", script}));
+    EXPECT_TRUE(proc.start({"/bin/sh", "-c",
+                            "cd '" + dir.path() + "' && exec '" + orlanbeck_binary() + "' " +
+                                options + " -c '" + conf + "'"}));
     const int status = proc.wait_exit();
     return {status, proc.output()};
 }
@@ -26,9 +23,9 @@ check_result check(const temp_dir& dir, const std::string& options, const std::s
 TEST(CheckOption, TheSampleConfigurationIsUsableAndNothingIsCreated) {
     temp_dir dir;
     mkdir(dir.file("run").c_str(), 0755);
-    check_result r = check(dir, "-t", source_dir() + "/etc/orlanbeck.conf");
-    EXPECT_EQ(0, r.status) << r.output;
-    EXPECT_NE(std::string::npos, r.output.find("orlanbeck.conf: usable")) << r.output;
+    auto [status, output] = check(dir, "-t", source_dir() + "/etc/orlanbeck.conf");
+    EXPECT_EQ(0, status) << output;
+    EXPECT_NE(std::string::npos, output.find("orlanbeck.conf: usable")) << output;
     for (const char* file : {"run/orlanbeck.db", "run/pbx.db", "run/orlanbeck.log"})
         EXPECT_NE(0, access(dir.file(file).c_str(), F_OK)) << file;
 }
@@ -51,21 +48,21 @@ TEST(CheckOption, EveryProblemIsNamedWithItsKey) {
                    "checkout = pbx:update sippeers set callerid='%nope%'\n"
                    "bareon = nodb:update x set barred=1\n"
                    "cdr_use_manager = yes\nbillcalls = pbx:select 1\n");
-    check_result r = check(dir, "--test-config", dir.file("bad.conf"));
-    EXPECT_EQ(1, r.status);
+    auto [status, output] = check(dir, "--test-config", dir.file("bad.conf"));
+    EXPECT_EQ(1, status);
     for (const char* text :
          {"Unknown key \"bogus\" in [fixes]", "services:checkin = \"pbx update",
           "services:checkout has an unknown placeholder at \"%nope%",
           "services:bareon names the database \"nodb\", which no section defines",
           "services:billcalls is never run", "[old] dbdriver = oracle is no known driver",
           "bad.conf: 6 problems"})
-        EXPECT_NE(std::string::npos, r.output.find(text)) << text << "\n" << r.output;
-    EXPECT_EQ(std::string::npos, r.output.find("Can not connect")) << r.output;
+        EXPECT_NE(std::string::npos, output.find(text)) << text << "\n" << output;
+    EXPECT_EQ(std::string::npos, output.find("Can not connect")) << output;
     EXPECT_NE(0, access(dir.file("states.db").c_str(), F_OK));
 
-    r = check(dir, "-tt", dir.file("bad.conf"));
-    EXPECT_EQ(1, r.status);
-    EXPECT_NE(std::string::npos, r.output.find("Can not connect to DB crm of mysql")) << r.output;
+    std::tie(status, output) = check(dir, "-tt", dir.file("bad.conf"));
+    EXPECT_EQ(1, status);
+    EXPECT_NE(std::string::npos, output.find("Can not connect to DB crm of mysql")) << output;
     EXPECT_NE(0, access(dir.file("states.db").c_str(), F_OK));
 }
 

@@ -22,9 +22,8 @@ deb=$tmp/out/orlanbeck_${version}-1_amd64.deb
 lintian --fail-on error "$deb" >"$tmp/lintian.txt" 2>&1 || fail "lintian: $(grep '^E:' "$tmp/lintian.txt")"
 
 field() { dpkg-deb -f "$deb" "$1"; }
-[ "$(field Package)" = orlanbeck ] || fail "Package: $(field Package)"
-[ "$(field Version)" = "$version-1" ] || fail "Version: $(field Version)"
-[ "$(field Section)" = net ] || fail "Section: $(field Section)"
+[ "$(field Package) $(field Version) $(field Section)" = "orlanbeck $version-1 net" ] ||
+  fail "metadata: $(dpkg-deb -I "$deb")"
 for lib in libsqlite3-0 libmariadb3 libiniparser1 libsystemd0; do
   field Depends | grep -q "$lib" || fail "Depends lacks $lib: $(field Depends)"
 done
