@@ -25,6 +25,7 @@ std::atomic<int> log_level{1};
 std::atomic<int> log_to_syslog{1};
 std::atomic<int> dont_log{0};
 std::atomic<unsigned> file_mode{0};
+std::atomic<unsigned long> problem_count{0};
 // Seconds east of UTC, as last seen by write_log(), for the signal-safe path.
 std::atomic<long> utc_offset{0};
 
@@ -141,6 +142,10 @@ void set_log_level(int level) {
     log_level = level;
 }
 
+unsigned long logger_problem_count() {
+    return problem_count.load();
+}
+
 void write_log(int level, const char* file, int line, const char* function, const char* format,
                ...) {
     if (dont_log == 1) return;
@@ -150,6 +155,7 @@ void write_log(int level, const char* file, int line, const char* function, cons
         fprintf(stderr, "log called with bogus level: %d\n", level);
         return;
     }
+    if (level == L_WARNING || level == L_ERROR) problem_count++;
 
     char buf[kLineSize];
     int n = format_prefix(buf, sizeof buf, level, file, line, function);

@@ -37,6 +37,9 @@ void logger_set_file_mode(unsigned mode);
 void write_log(int level, const char* file, int line, const char* function, const char* format, ...)
     __attribute__((format(printf, 5, 6)));
 
+// How many WARNING and ERROR lines were written since the start (any thread).
+unsigned long logger_problem_count();
+
 // `message` as one line of `level`, from a signal handler (see above).
 void write_log_async_safe(int level, const char* file, int line, const char* function,
                           const char* message);

@@ -9,6 +9,7 @@ packages=(
   libiniparser-dev libsqlite3-dev sqlite3 libmariadb-dev libldap-dev
   mariadb-server mariadb-client slapd ldap-utils
   man-db groff-base procps
+  libsystemd-dev lintian dpkg-dev fakeroot
 )
 
 missing=()

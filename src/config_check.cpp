@@ -1,5 +1,8 @@
 #include "config_check.h"
 
+#include <strings.h>
+
+#include <cstdio>
 #include <cstring>
 
 #include "billing/templates.h"
@@ -89,4 +92,70 @@ void check_configuration(const config& cfg) {
             "pms:encoding = \"%s\" is no known character set: texts are taken as received",
             cfg.pmsencoding->c_str());
     warn_service_strings(cfg);
+}
+
+namespace {
+
+// Templates that the daemon never runs as configured.
+void warn_dead_templates(const config& cfg) {
+    if (cfg.use_manager) {
+        const struct {
+            const char* key;
+            const opt_text& value;
+        } unused[] = {
+            {"billcalls", cfg.billcalls}, {"billmark", cfg.billmark}, {"billok", cfg.billok}};
+        for (const auto& u : unused)
+            if (u.value)
+                LOG(L_WARNING,
+                    "services:%s is never run: services:cdr_use_manager is set, calls come from "
+                    "the Manager",
+                    u.key);
+    }
+    const struct {
+        const char* mark;
+        const opt_text& value;
+        const char* report;
+        const opt_text& report_value;
+    } marks[] = {{"billmark", cfg.billmark, "billcalls", cfg.billcalls},
+                 {"wrmark", cfg.wrmark, "wakeup_result", cfg.wakeup_result},
+                 {"remark", cfg.remark, "room_status", cfg.room_state}};
+    for (const auto& m : marks)
+        if (m.value && !m.report_value && !(cfg.use_manager && m.value == cfg.billmark))
+            LOG(L_WARNING, "services:%s is never run: services:%s is not set", m.mark, m.report);
+}
+
+// Database sections for which the load made no driver.
+void warn_driverless_sections(const config& cfg) {
+    for (const db_settings& s : cfg.databases) {
+        if (find_dbdriver_in(cfg.dbdrivers, s.section.c_str())) continue;
+        if (strcasecmp(s.driver.c_str(), "mysql") == 0)
+            LOG(L_WARNING, "[%s] dbdriver = mysql is ignored without [fixes] mysql",
+                s.section.c_str());
+        else
+            LOG(L_WARNING, "[%s] dbdriver = %s is no known driver (sqlite, mysql): ignored",
+                s.section.c_str(), s.driver.c_str());
+    }
+}
+
+}  // namespace
+
+int test_configuration(const std::string& path, int level) {
+    logger_init("", 2, 0, 0);  // WARNING and ERROR, on standard error
+    config cfg;
+    if (!parse_config_file(path, cfg)) {
+        LOG(L_ERROR, "Unable to open configuration file %s", path.c_str());
+    } else {
+        // The databases are connected to (and so reported when unreachable)
+        // only with -tt.
+        cfg.dbdrivers = load_dbdrivers(cfg.databases, cfg.fixes.mysql, level >= 2);
+        check_configuration(cfg);
+        warn_dead_templates(cfg);
+        warn_driverless_sections(cfg);
+    }
+    const unsigned long problems = logger_problem_count();
+    if (problems == 0)
+        printf("%s: usable\n", path.c_str());
+    else
+        printf("%s: %lu problem%s\n", path.c_str(), problems, problems == 1 ? "" : "s");
+    return problems == 0 ? 0 : 1;
 }

@@ -27,6 +27,7 @@
 #include "handlers/dispatch.h"
 #include "logger.h"
 #include "mgr/cdr.h"
+#include "ops/notify.h"
 #include "owned_thread.h"
 #include "process.h"
 #include "rooms/rooms.h"
@@ -36,17 +37,16 @@
 namespace {
 
 const struct option longopts[] = {
-    {"config", required_argument, nullptr, 'c'},
-    {"foreground", no_argument, nullptr, 'f'},
-    {"log-to-console", no_argument, nullptr, 'd'},
-    {"help", no_argument, nullptr, 'h'},
-    {nullptr, 0, nullptr, 0},
+    {"config", required_argument, nullptr, 'c'},   {"foreground", no_argument, nullptr, 'f'},
+    {"log-to-console", no_argument, nullptr, 'd'}, {"help", no_argument, nullptr, 'h'},
+    {"test-config", no_argument, nullptr, 't'},    {nullptr, 0, nullptr, 0},
 };
 
 struct options {
     std::string config_file = "/etc/orlanbeck.conf";
     bool foreground = false;
     bool console_log = false;
+    int test_config = 0;  // -t: check the configuration (-tt: and its databases)
 };
 
 void usage(char** argv) {
@@ -75,7 +75,7 @@ options get_options(int argc, char** argv) {
     options opts;
     opterr = 0;  // the usage text is the only complaint
     int c;
-    while ((c = getopt_long(argc, argv, "c:fdsh", longopts, nullptr)) != -1) {
+    while ((c = getopt_long(argc, argv, "c:fdsht", longopts, nullptr)) != -1) {
         switch (c) {
             case 'c':
                 opts.config_file = absolute_path(optarg);
@@ -85,6 +85,9 @@ options get_options(int argc, char** argv) {
                 break;
             case 'd':
                 opts.console_log = true;
+                break;
+            case 't':
+                opts.test_config++;
                 break;
             case 'h':
             case '?':
@@ -136,6 +139,7 @@ void start_capture(const config_ptr& cfg) {
     if (!cfg->use_manager) return;
     self->capture_stops.push_back(std::make_unique<stop_flag>());
     stop_flag& stop = *self->capture_stops.back();
+    notify_running(notify_part::capture);
     self->capture.start([cfg, &stop] { cdrmanager_thread(cfg, stop); });
 }
 
@@ -151,6 +155,7 @@ bool stop_capture(std::chrono::steady_clock::time_point deadline) {
 // free, removes the pid file and ends the process with `status`.
 [[noreturn]] void shut_down(int status) {
     self->stop.request();
+    notify_finish();
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
     bool joined = self->billing.join_until(deadline);
     joined = stop_capture(deadline) && joined;
@@ -216,6 +221,7 @@ void apply_reload(const config& before, const config_ptr& after) {
         before.mgr_port != after->mgr_port || before.mgr_user != after->mgr_user ||
         before.mgr_passwd != after->mgr_passwd || before.mgr_events != after->mgr_events) {
         LOG(L_NOTICE, "Manager settings changed: starting a new session");
+        notify_manager(after->use_manager);
         if (!stop_capture(std::chrono::steady_clock::now() + std::chrono::seconds(3)))
             LOG(L_WARNING, "The old Manager session did not stop; it is left behind");
         start_capture(after);
@@ -242,7 +248,11 @@ bool connect_pms() {
     config_ptr cfg = self->configs->current();
     const char* interface = cfg->pmsinterface ? cfg->pmsinterface->c_str() : "";
     self->link->set_options(link_options(*cfg));
-    if (self->link->connect(cfg->pmshost, cfg->pmsport) == 0) return true;
+    notify_waiting(notify_part::main_loop, true);
+    const bool ok = self->link->connect(cfg->pmshost, cfg->pmsport) == 0;
+    notify_waiting(notify_part::main_loop, false);
+    notify_pms_connect(cfg->pmshost, cfg->pmsport, ok);
+    if (ok) return true;
     LOG(L_ERROR, "Unable to connect to PMS at %s:%d/%s", cfg->pmshost.c_str(), cfg->pmsport,
         interface);
     return false;
@@ -280,6 +290,8 @@ int main(int argc, char** argv) {
     process_state state;
     self = &state;
     if (argc > 1) state.opts = get_options(argc, argv);
+    if (state.opts.test_config > 0)
+        return test_configuration(state.opts.config_file, state.opts.test_config);
 
     config_loader configs(state.opts.config_file);
     state.configs = &configs;
@@ -327,7 +339,11 @@ int main(int argc, char** argv) {
     load_rooms_conf(cfg->rooms, cfg->statesfile, cfg->fixes.dates);
 
     // While the reader waits, signals are still acted upon.
-    link.set_idle_hook(signal_handle_all);
+    link.set_idle_hook([] {
+        notify_beat(notify_part::main_loop);
+        signal_handle_all();
+    });
+    notify_start(link, cfg->statesfile, cfg->use_manager);
     connect_pms();
 
     state.billing.start([&] { service_background(configs, link, state.stop); });
@@ -335,9 +351,11 @@ int main(int argc, char** argv) {
     if (state.start_fixes.ordered_records)
         state.ordered = std::make_unique<ordered_records>(configs, link);
     cfg.reset();
+    notify_ready();
 
     char buffer[4096];
     for (;;) {
+        notify_beat(notify_part::main_loop);
         if (!link.is_open()) {
             if (!connect_pms()) {
                 signal_handle_all();
@@ -358,6 +376,7 @@ int main(int argc, char** argv) {
             link.drop();
         } else {
             LOG(L_DEBUG, "Read %s", buffer);
+            if (!is_link_record(buffer)) notify_record(buffer);
             dispatch(configs, link, buffer);
         }
         signal_handle_all();

@@ -44,3 +44,9 @@ std::chrono::milliseconds night_audit_warning() {
         from_environment("ORLANBECK_TEST_AUDIT_WARNING_MS", std::chrono::hours(2));
     return limit;
 }
+
+std::chrono::milliseconds billing_wedge_after() {
+    static const auto after =
+        from_environment("ORLANBECK_TEST_WEDGE_BILLING_MS", std::chrono::hours(24 * 365 * 100));
+    return after;
+}

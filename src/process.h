@@ -20,3 +20,8 @@ std::chrono::milliseconds link_write_limit();
 // ORLANBECK_TEST_AUDIT_WARNING_MS for tests.
 std::chrono::milliseconds resync_stall_limit();
 std::chrono::milliseconds night_audit_warning();
+
+// A test hook: the billing thread hangs for good this long after its start,
+// without reporting anything (ORLANBECK_TEST_WEDGE_BILLING_MS; never
+// otherwise).
+std::chrono::milliseconds billing_wedge_after();

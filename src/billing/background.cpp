@@ -15,6 +15,7 @@
 #include "handlers/night_audit.h"
 #include "handlers/resync.h"
 #include "logger.h"
+#include "ops/notify.h"
 #include "process.h"
 #include "states/states.h"
 
@@ -181,6 +182,10 @@ pass_source resolve(pass_env& env, const config& cfg, const std::string& service
     src.drv = find_dbdriver_in(cfg.dbdrivers, name.c_str());
     if (!src.drv) {
         if (first_time(env, cfg, key)) LOG(L_ERROR, "Unable to find DB driver %s", name.c_str());
+        if (!env.fixes.posting)
+            notify_stopped(notify_part::billing, "billing stopped: services:" + std::string(key) +
+                                                     " names the unknown database \"" + name +
+                                                     "\"");
         // Billing ends for good, or, with [fixes] posting, skips the pass.
         src.ok = env.fixes.posting;
         return src;
@@ -188,9 +193,12 @@ pass_source resolve(pass_env& env, const config& cfg, const std::string& service
     // A template that can never be filled stops this thread here, before any
     // lock is taken (the template routine itself logs and blocks).
     if (!env.fill.percent &&
-        template_unknown_placeholder(TEMPLATE_STRINGS, s.statement.c_str()) >= 0)
+        template_unknown_placeholder(TEMPLATE_STRINGS, s.statement.c_str()) >= 0) {
+        notify_stopped(notify_part::billing, "billing stopped: services:" + std::string(key) +
+                                                 " has an unknown placeholder");
         prepare_query2(src.drv.get(), s.statement.c_str(), nullptr, nullptr, nullptr, nullptr,
                        env.fill);
+    }
     src.statement = s.statement;
     return src;
 }
@@ -206,8 +214,11 @@ std::string mark_statement(const opt_text& service, const char* key, const fill_
             key, service->c_str());
         return "";
     }
-    if (!fill.percent && template_unknown_placeholder(TEMPLATE_STRINGS, s.statement.c_str()) >= 0)
+    if (!fill.percent && template_unknown_placeholder(TEMPLATE_STRINGS, s.statement.c_str()) >= 0) {
+        notify_stopped(notify_part::billing, "billing stopped: services:" + std::string(key) +
+                                                 " has an unknown placeholder");
         prepare_query2(&sqliteint, s.statement.c_str(), nullptr, nullptr, nullptr, nullptr, fill);
+    }
     return s.statement;
 }
 
@@ -426,7 +437,15 @@ void service_background(const config_loader& configs, pms_link& link, stop_flag&
     states_room_list(rooms);
     posting_sequence sequence;
     billing_memory memory;
+    const auto wedge_at = std::chrono::steady_clock::now() + billing_wedge_after();
     for (;;) {
+        notify_beat(notify_part::billing);
+        // A test hook: the thread hangs without being stopped by design.
+        if (std::chrono::steady_clock::now() >= wedge_at) {
+            while (!stop.wait_for(std::chrono::hours(1))) {
+            }
+            return;
+        }
         config_ptr cfg = configs.current();
         // With [fixes] reload the cycle bills the rooms of the table as it
         // is now (a reload or a check-in changes it).
@@ -438,6 +457,9 @@ void service_background(const config_loader& configs, pms_link& link, stop_flag&
         resync_watch(link);
         if (!cfg->night_audit) night_audit().close("pms:night_audit is off");
         if (!billing_cycle(*cfg, rooms, link, sequence, &memory)) return;
-        if (stop.requested() || stop.wait_for(billing_period())) return;
+        notify_waiting(notify_part::billing, true);
+        const bool stopped = stop.requested() || stop.wait_for(billing_period());
+        notify_waiting(notify_part::billing, false);
+        if (stopped) return;
     }
 }

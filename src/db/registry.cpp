@@ -8,7 +8,7 @@
 #include "db/sqlite.h"
 #include "logger.h"
 
-dbdriver_ptr load_dbdriver(const db_settings& s, bool mysql) {
+dbdriver_ptr load_dbdriver(const db_settings& s, bool mysql, bool connect) {
     dbdriver_ptr drv;
     if (strcasecmp(s.driver.c_str(), "sqlite") == 0)
         drv = sqlite_create_drv(s.section.c_str());
@@ -36,6 +36,7 @@ dbdriver_ptr load_dbdriver(const db_settings& s, bool mysql) {
     if (s.database) drv->database = *s.database;
     if (s.port) drv->port = *s.port;
 
+    if (!connect) return drv;
     db_lock guard(*drv);
     if (drv->reconnect() != 0)
         LOG(L_ERROR, "Can not connect to DB %s of %s. Please check settings\n", s.section.c_str(),
@@ -43,10 +44,11 @@ dbdriver_ptr load_dbdriver(const db_settings& s, bool mysql) {
     return drv;
 }
 
-std::vector<dbdriver_ptr> load_dbdrivers(const std::vector<db_settings>& sections, bool mysql) {
+std::vector<dbdriver_ptr> load_dbdrivers(const std::vector<db_settings>& sections, bool mysql,
+                                         bool connect) {
     std::vector<dbdriver_ptr> drivers;
     for (const db_settings& s : sections)
-        if (dbdriver_ptr drv = load_dbdriver(s, mysql))
+        if (dbdriver_ptr drv = load_dbdriver(s, mysql, connect))
             drivers.insert(drivers.begin(), std::move(drv));
     return drivers;
 }

@@ -30,12 +30,13 @@ struct db_settings {
 
 // A record of the section's kind ("sqlite", any case; with `mysql` also
 // "mysql"), configured and connected ("Can not connect to DB ..." logged on
-// failure, the record kept); null for any other kind.
-dbdriver_ptr load_dbdriver(const db_settings& settings, bool mysql = false);
+// failure, the record kept); null for any other kind. With `connect` false
+// the record is made without connecting (the configuration check).
+dbdriver_ptr load_dbdriver(const db_settings& settings, bool mysql = false, bool connect = true);
 
 // Records of `sections`, in file order, each put in front of the list.
 std::vector<dbdriver_ptr> load_dbdrivers(const std::vector<db_settings>& sections,
-                                         bool mysql = false);
+                                         bool mysql = false, bool connect = true);
 
 // The first record named exactly `name` in `drivers`, or null.
 dbdriver_ptr find_dbdriver_in(const std::vector<dbdriver_ptr>& drivers, const char* name);

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "logger.h"
+#include "ops/notify.h"
 #include "states/states.h"
 
 namespace {
@@ -38,6 +39,8 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
     std::vector<std::string> rooms;
     if (states_room_list(rooms, &cfg->statesfile) == -1) {
         LOG(L_ERROR, "Unable to open states file %s", cfg->statesfile.c_str());
+        notify_stopped(notify_part::capture,
+                       "call capture stopped: the states file cannot be read");
         return;
     }
     for (const std::string& room : rooms)
@@ -46,6 +49,8 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
     auto session = std::make_unique<mansession>();
     if (mgr_init(*session, host.c_str(), cfg->mgr_port, user.c_str(), passwd.c_str()) < 0) {
         LOG(L_ERROR, "Error initiating manager. exiting manager thread");
+        notify_stopped(notify_part::capture,
+                       "call capture stopped: Manager " + host + " cannot be resolved");
         return;
     }
     session->wake_fd = stop.fd();
@@ -55,7 +60,11 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
 
     LOG(L_DEBUG, "2");
     auto msg = std::make_unique<message>();
-    if (mgr_login(*session, events.c_str()) == 1) return;
+    if (mgr_login(*session, events.c_str()) == 1) {
+        if (!stop.requested())
+            notify_stopped(notify_part::capture, "call capture stopped: Manager login refused");
+        return;
+    }
     LOG(L_DEBUG, "3");
     ignore_sigpipe();
 

@@ -5,6 +5,8 @@
 #include <ctime>
 #include <memory>
 
+#include <sqlite3.h>
+
 #include "db/sqlite.h"
 
 const char* const sql_create_rooms =
@@ -159,4 +161,27 @@ std::string cache_unposted_query(const std::string& room) {
              "(userfield='NULL' or userfield=NULL or userfield='')",
              room.c_str());
     return query;
+}
+
+int states_calls_waiting(const std::string& statesfile) {
+    struct closer {
+        void operator()(sqlite3* db) const { sqlite3_close(db); }
+    };
+    sqlite3* raw = nullptr;
+    const int rc = sqlite3_open_v2(statesfile.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
+    std::unique_ptr<sqlite3, closer> db(raw);
+    if (rc != SQLITE_OK) return -1;
+    sqlite3_busy_timeout(db.get(), 100);
+    sqlite3_stmt* raw_stmt = nullptr;
+    if (sqlite3_prepare_v2(db.get(),
+                           "select count(*) from cdrcache where userfield='NULL' or "
+                           "userfield=NULL or userfield=''",
+                           -1, &raw_stmt, nullptr) != SQLITE_OK)
+        return -1;
+    struct finaliser {
+        void operator()(sqlite3_stmt* s) const { sqlite3_finalize(s); }
+    };
+    std::unique_ptr<sqlite3_stmt, finaliser> stmt(raw_stmt);
+    if (sqlite3_step(stmt.get()) != SQLITE_ROW) return -1;
+    return sqlite3_column_int(stmt.get(), 0);
 }

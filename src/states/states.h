@@ -71,3 +71,8 @@ extern const char* const pa_mark_statement;
 // one marked with the record of that posting (the cache then holds only
 // calls not yet accepted, so the room and the "P#" find it).
 extern const char* const pa_remove_own_statement;
+
+// The number of cached calls not yet posted, read through a connection of
+// its own (read-only, opened and closed here, so that no lock of the states
+// file is taken and nothing is logged); -1 when the file cannot be read.
+int states_calls_waiting(const std::string& statesfile);

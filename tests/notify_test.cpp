@@ -1,0 +1,65 @@
+// What the daemon tells systemd: READY, STATUS and watchdog pings, read from
+// a notification socket of our own; pings stop when the billing thread
+// hangs, and go on while it is stopped by its configuration.
+#include <gtest/gtest.h>
+
+#include "sim_notify.h"
+#include "support_daemon.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+std::vector<std::string> notify_env(const temp_dir& dir) {
+    return {"NOTIFY_SOCKET=" + dir.file("notify.sock"), "WATCHDOG_USEC=1200000"};
+}
+
+TEST(Notify, ReadyStatusPingsAndAWedgedBillingThreadStopsThePings) {
+    daemon_run run;
+    notify_sim systemd(run.dir().file("notify.sock"));
+    run.env = notify_env(run.dir());
+    run.env.push_back("ORLANBECK_TEST_WEDGE_BILLING_MS=2000");
+    run.set("fixes", "signals", "yes");
+    ASSERT_TRUE(run.start()) << run.log();
+    ASSERT_TRUE(systemd.wait("READY=1", 10s)) << systemd.all();
+    EXPECT_NE(std::string::npos, systemd.messages().front().find("READY=1\nSTATUS="));
+    ASSERT_TRUE(run.pms.send_record("GI|RN101|GNSmith|"));
+    ASSERT_TRUE(systemd.wait("last record GI 101 at ", 10s)) << systemd.all();
+    EXPECT_TRUE(has_line_like(systemd.all(),
+                              "STATUS=PMS link active since ##:##, last record GI 101 at ##:##"))
+        << systemd.all();
+    ASSERT_TRUE(wait_until([&] { return systemd.count("WATCHDOG=1") >= 2; })) << systemd.all();
+
+    // Hung at 2 s: its last beat counts for one watchdog period more.
+    std::this_thread::sleep_for(4s);
+    const size_t pings = systemd.count("WATCHDOG=1");
+    std::this_thread::sleep_for(2s);
+    EXPECT_EQ(pings, systemd.count("WATCHDOG=1")) << systemd.all();
+
+    run.process().terminate(5s);
+    EXPECT_TRUE(systemd.wait("STOPPING=1", 2s)) << systemd.all();
+}
+
+TEST(Notify, AnUnreachablePmsAndABillingThreadStoppedByDesignKeepThePings) {
+    daemon_run run(false);
+    notify_sim systemd(run.dir().file("notify.sock"));
+    run.env = notify_env(run.dir());
+    run.set("services", "billcalls", "pbx:select %bogus% from cdr where src='%exten%'");
+    run.set("rooms", "room1", "101");
+    ASSERT_TRUE(run.start());
+    const std::string unreachable =
+        "STATUS=PMS 127.0.0.1:" + std::to_string(run.pms_port()) + " unreachable since ";
+    ASSERT_TRUE(systemd.wait(unreachable, 10s)) << systemd.all();
+    ASSERT_TRUE(wait_until([&] { return systemd.count("WATCHDOG=1") >= 3; })) << systemd.all();
+
+    ASSERT_TRUE(run.pms.start());
+    ASSERT_TRUE(run.wait_log("this thread stops here")) << run.log();
+    ASSERT_TRUE(
+        systemd.wait("; billing stopped: services:billcalls has an unknown placeholder", 10s))
+        << systemd.all();
+    const size_t pings = systemd.count("WATCHDOG=1");
+    EXPECT_TRUE(wait_until([&] { return systemd.count("WATCHDOG=1") >= pings + 3; }))
+        << systemd.all();
+}
+
+}  // namespace

@@ -1,0 +1,129 @@
+// A compressed busy day, every correction on: 500 rooms, 2,000 check-ins and
+// 2,000 check-outs, 10,000 Manager calls, 20 lost PMS links, 50 reloads. Every
+// call is accepted once, every stay reaches the PBX in order, and memory and
+// descriptors do not grow after warm-up.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <filesystem>
+#include <map>
+#include <regex>
+#include <set>
+
+#include "support_daemon.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+long rss_kb(pid_t pid) {
+    for (const std::string& line : lines_of(read_file("/proc/" + std::to_string(pid) + "/status")))
+        if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
+    return -1;
+}
+
+long open_fds(pid_t pid) {
+    const auto fds = std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd");
+    return std::distance(begin(fds), end(fds));
+}
+
+// Calls come from the rooms 1001-1250, which stay checked in all day; guests
+// come and go in 1251-1500. Each call has its own number and start second.
+std::string caller(int call) {
+    return std::to_string(1001 + call % 250);
+}
+std::string guest_room(int stay) {
+    return std::to_string(1251 + stay % 250);
+}
+std::string number(int call) {
+    return "0" + std::to_string(100000000 + call);
+}
+std::string start(int call) {
+    char text[32];
+    snprintf(text, sizeof text, "2026-11-22 %02d:%02d:%02d", 6 + call / 3600, call / 60 % 60,
+             call % 60);
+    return text;
+}
+
+TEST(Soak, ABusyDayLosesNothingAndLeavesNoGrowth) {
+    constexpr int rounds = 20, stays_per_round = 100, calls_per_round = 500;
+    daemon_run run;
+    run.console_log = false;
+    run.set("fixes", "all", "yes").use_log_templates();
+    run.use_manager();
+    for (int i = 0; i < 250; ++i) {
+        run.set("rooms", "room" + std::to_string(i + 1), caller(i));
+        run.set("rooms", "room" + std::to_string(i + 251), guest_room(i));
+    }
+    ASSERT_TRUE(run.start()) << run.log();
+    run.set("logger", "log_level", "3").write_config();  // NOTICE and up from the first reload
+    const pid_t pid = run.process().pid();
+    // A SIGHUP during the last one's reload may be lost: sent until seen.
+    const std::string hup = "sig_hup: Hangup.";
+    auto reload = [&] {
+        const size_t done = run.count_log(hup);
+        for (int tries = 0; tries < 20 && run.count_log(hup) == done; ++tries) {
+            run.process().signal(SIGHUP);
+            wait_until([&] { return run.count_log(hup) > done; }, 3s);
+        }
+        return run.count_log(hup) > done;
+    };
+    sql_rows stays;
+    int calls = 0;
+    long warm_rss = 0, warm_fds = 0;
+    for (int round = 0; round < rounds; ++round) {
+        for (int i = round * stays_per_round; i < (round + 1) * stays_per_round; ++i) {
+            const std::string rn = guest_room(i), guest = "Guest" + std::to_string(i);
+            ASSERT_TRUE(run.pms.send_record("GI|RN" + rn + "|GN" + guest + "|GLEN|GSN|"));
+            ASSERT_TRUE(run.pms.send_record("GO|RN" + rn + "|GN" + guest + "|GSN|"));
+            stays.push_back({"checkin", rn, guest});
+            stays.push_back({"checkout", rn, guest});
+        }
+        for (int i = 0; i < calls_per_round; ++i, ++calls)
+            ASSERT_EQ(1, run.mgr.send_cdr(mgr_cdr_event::make(caller(calls), number(calls),
+                                                              start(calls), 30 + calls % 60)));
+        for (int r = 0; r < (round % 2 ? 2 : 3); ++r) ASSERT_TRUE(reload());
+        const std::string rows = std::to_string(stays.size());
+        ASSERT_TRUE(
+            wait_until([&] { return run.pbx("select count(*) from log")[0][0] == rows; }, 60s));
+        round % 2 ? run.pms.reset_connection() : run.pms.drop_connection();
+        ASSERT_TRUE(run.pms.wait_link_active(15s)) << run.log();
+        if (round == 3) warm_rss = rss_kb(pid), warm_fds = open_fds(pid);
+    }
+    EXPECT_LE(50u, run.count_log(hup));
+
+    // Every call: one "P#" of its own, accepted (a posting sent again after
+    // a lost answer carries the same "P#").
+    std::map<std::string, std::set<std::string>> numbers_of_call, calls_of_number;
+    const std::regex fields(R"(P#([^|]*)\|.*\|DD([^|]*)\|)");
+    ASSERT_TRUE(wait_until(
+        [&] {
+            numbers_of_call.clear();
+            for (const std::string& ps : run.pms.frames("PS")) {
+                std::smatch m;
+                if (std::regex_search(ps, m, fields)) numbers_of_call[m[2]].insert(m[1]);
+            }
+            return numbers_of_call.size() == size_t(calls) &&
+                   run.states("select count(*) from cdrcache")[0][0] == "0";
+        },
+        180s))
+        << numbers_of_call.size() << " calls posted";
+    const auto postings = run.pms.postings();
+    for (const auto& [call, seqs] : numbers_of_call) {
+        ASSERT_EQ(1u, seqs.size()) << "call to " << call << " posted under several P#";
+        calls_of_number[*seqs.begin()].insert(call);
+        EXPECT_LE(1, postings.at(*seqs.begin()).accepted) << call;
+    }
+    for (const auto& [seq, of] : calls_of_number) EXPECT_EQ(1u, of.size()) << "P#" << seq;
+
+    sql_rows rows = run.pbx("select what, exten, a from log order by rowid");
+    EXPECT_TRUE(rows == stays) << "check-ins and check-outs not in order";
+
+    EXPECT_LE(rss_kb(pid), warm_rss * 11 / 10) << "resident memory grew from " << warm_rss;
+    EXPECT_LE(open_fds(pid), warm_fds * 11 / 10) << "descriptors grew from " << warm_fds;
+    // (A fresh states file has its tables made after the start-up's errors.)
+    for (const std::string& line : lines_of(run.log_after("Received Link active packet")))
+        if (line.find(" ERROR[") != std::string::npos) ADD_FAILURE() << line;
+}
+
+}  // namespace
