@@ -229,11 +229,17 @@ void run_marks(dbdriver_t& drv, const std::vector<std::string>& marks) REQUIRES(
 
 void cache_pass(pass_env& env, const std::vector<std::string>& rooms) {
     LOG(L_DEBUG, "Cache case: check internal cdrcache values");
+    // The room's marks are committed together (see the durability note of
+    // the states file).
+    struct cache_mark {
+        std::string statement, param;
+        call_row row;
+    };
+    std::vector<cache_mark> marks;
     for (const std::string& room : rooms) {
-        const std::string query = cache_unposted_query(room);
         db_lock guard(sqliteint);
-        sqliteint.query(query.c_str());
-        std::vector<std::string> marks;
+        cache_select_unposted(room);
+        marks.clear();
         while (sqliteint.fetch_row() == 0) {
             LOG(L_DEBUG, "Have something in cache for room %s\n", room.c_str());
             call_row row;
@@ -242,12 +248,17 @@ void cache_pass(pass_env& env, const std::vector<std::string>& rooms) {
             fias_packet_ptr rec = post_call(env, sqliteint, room, row, &sequence);
             if (!rec) continue;
             std::string text = fias_packet_to_str(rec.get(), env.codec());
-            marks.push_back(prepare_query3(&sqliteint, cache_mark_statement, text.c_str(),
-                                           room.c_str(), row.date, row.time, sequence.c_str(),
-                                           env.fill));
-            LOG(L_DEBUG, "Sending mark query: %s\n", marks.back().c_str());
+            std::string mark =
+                prepare_query3(&sqliteint, cache_mark_statement, text.c_str(), room.c_str(),
+                               row.date, row.time, sequence.c_str(), env.fill);
+            LOG(L_DEBUG, "Sending mark query: %s\n", mark.c_str());
+            marks.push_back({std::move(mark), std::move(text), row});
         }
-        run_marks(sqliteint, marks);
+        if (marks.empty()) continue;
+        states_begin();
+        for (const cache_mark& m : marks)
+            cache_run_mark(m.statement, m.param, room, m.row.date, m.row.time);
+        states_commit();
     }
 }
 
