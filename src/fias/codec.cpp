@@ -16,7 +16,7 @@ uint8_t read_pair(const char* p, int base) {
 void read_value(fias_field_t& f, const char* begin, const char* end,
                 const fias_codec_options& opts) {
     const int base = opts.numbers ? 10 : 0;
-    auto v = std::make_unique<fias_value_t>();
+    fias_value_t* v = &f.value.emplace();
     const size_t len = static_cast<size_t>(end - begin);
     switch (f.type) {
         case FIAS_TYPE_DATE:
@@ -37,15 +37,14 @@ void read_value(fias_field_t& f, const char* begin, const char* end,
             v->bval = begin[0] == 'Y' ? 1 : 0;
             break;
         case FIAS_TYPE_INT: {
-            std::string digits(begin, len);
-            v->ival = static_cast<uint32_t>(strtoul(digits.c_str(), nullptr, 0));
+            // strtoul stops at the "|" that ends the value.
+            v->ival = static_cast<uint32_t>(strtoul(begin, nullptr, 0));
             break;
         }
         default:
             v->str.emplace(begin, len);
             break;
     }
-    f.value = std::move(v);
 }
 
 // The value text of one field as it goes on the wire, or nothing when a text
@@ -87,13 +86,30 @@ fias_packet_ptr fias_parse_packet(const char* line, int /*packetlen*/,
 
     fias_packet_ptr p = fias_packet_from_row(*row);
     const size_t line_len = strlen(line);
+    // Where each "|" is: a field is found at the first "|" followed by its
+    // name (a value never holds a "|"), so the line is walked once.
+    constexpr int kMarks = 64;
+    const char* bars[kMarks];
+    int nbars = 0;
+    for (const char* b = static_cast<const char*>(memchr(line, '|', line_len)); b && nbars < kMarks;
+         b = strchr(b + 1, '|'))
+        bars[nbars++] = b;
+    const bool all_bars = nbars < kMarks;
     for (fias_field_t& f : p->fields) {
         // An unused slot searches for the bare "|" and so picks up the value
         // of the line's first field; it is never looked up by name.
         const bool unused = f.name[0] == '\0';
-        char needle[4] = "|";
-        strncat(needle, f.name, 2);
-        const char* at = strstr(line, needle);
+        const char* at = nullptr;
+        if (unused) {
+            at = nbars > 0 ? bars[0] : nullptr;
+        } else if (all_bars && f.name[1] != '\0') {
+            for (int i = 0; i < nbars && !at; ++i)
+                if (bars[i][1] == f.name[0] && bars[i][2] == f.name[1]) at = bars[i];
+        } else {
+            char needle[4] = "|";
+            strncat(needle, f.name, 2);
+            at = strstr(line, needle);
+        }
         if (!at) continue;
         const size_t start = static_cast<size_t>(at - line) + 3;
         const char* end = start <= line_len ? strchr(line + start, '|') : nullptr;

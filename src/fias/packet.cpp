@@ -120,14 +120,15 @@ void fias_set_packet_field(fias_packet_t* p, const char* field, const fias_value
     }
     if (!slot) return;
 
-    auto v = std::make_unique<fias_value_t>();
     if (val->str) {
-        v->str = *val->str;
+        const std::string text = *val->str;  // `val` may be the slot's own value
+        slot->value.emplace().str = text;
     } else {
-        v->ival = val->ival;
-        v->bval = val->bval;
-        v->date = val->date;
-        v->time = val->time;
+        fias_value_t v;
+        v.ival = val->ival;
+        v.bval = val->bval;
+        v.date = val->date;
+        v.time = val->time;
+        slot->value.emplace() = v;
     }
-    slot->value = std::move(v);
 }

@@ -3,8 +3,10 @@
 #include <signal.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
+#include <string_view>
 
 #include "logger.h"
 #include "states/states.h"
@@ -35,13 +37,14 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
         hide ? "(hidden)" : passwd.c_str());
 
     unsigned version = states_rooms_version();
-    std::vector<std::string> rooms;
-    if (states_room_list(rooms, &cfg->statesfile) == -1) {
+    std::vector<std::string> list;
+    if (states_room_list(list, &cfg->statesfile) == -1) {
         LOG(L_ERROR, "Unable to open states file %s", cfg->statesfile.c_str());
         return;
     }
-    for (const std::string& room : rooms)
+    for (const std::string& room : list)
         LOG(L_DEBUG, "Adding cdrmanager rooms room %s\n", room.c_str());
+    cdr_rooms rooms(std::move(list));
 
     auto session = std::make_unique<mansession>();
     if (mgr_init(*session, host.c_str(), cfg->mgr_port, user.c_str(), passwd.c_str()) < 0) {
@@ -63,8 +66,9 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
         msg->clear();
         int res = mgr_read(*session, *msg);
         if (res >= 1) {
-            for (int i = 0; i < msg->hdrcount; ++i)
-                LOG(L_DEBUG, "%s got: %s", addr, msg->headers[i]);
+            if (log_wanted(L_DEBUG))
+                for (int i = 0; i < msg->hdrcount; ++i)
+                    LOG(L_DEBUG, "%s got: %s", addr, msg->headers[i]);
             if (session->connected != 0) {
                 if (strcasecmp(mgr_get_header(*msg, "Event"), "Cdr") != 0) continue;
                 // With [fixes] reload a call is matched against the rooms of
@@ -72,7 +76,7 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
                 if (cfg->fixes.reload && version != states_rooms_version()) {
                     version = states_rooms_version();
                     std::vector<std::string> now;
-                    if (states_room_list(now) == 0) rooms = std::move(now);
+                    if (states_room_list(now) == 0) rooms = cdr_rooms(std::move(now));
                 }
                 mgr_cache_cdr(*msg, rooms, cfg->fixes.escape);
             } else {
@@ -92,46 +96,82 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
     }
 }
 
-void mgr_cache_cdr(const message& m, const std::vector<std::string>& rooms, bool escape) {
-    const char* const headers[cache_insert_values] = {mgr_get_header(m, "CallerID"),
-                                                      mgr_get_header(m, "Source"),
-                                                      mgr_get_header(m, "Destination"),
-                                                      mgr_get_header(m, "DestinationContext"),
-                                                      mgr_get_header(m, "Channel"),
-                                                      mgr_get_header(m, "DestinationChannel"),
-                                                      mgr_get_header(m, "LastApplication"),
-                                                      mgr_get_header(m, "LastData"),
-                                                      mgr_get_header(m, "StartTime"),
-                                                      mgr_get_header(m, "AnswerTime"),
-                                                      mgr_get_header(m, "EndTime"),
-                                                      mgr_get_header(m, "Duration"),
-                                                      mgr_get_header(m, "BillableSeconds"),
-                                                      mgr_get_header(m, "Disposition"),
-                                                      mgr_get_header(m, "AMAFlags"),
-                                                      mgr_get_header(m, "From"),
-                                                      mgr_get_header(m, "To"),
-                                                      mgr_get_header(m, "Cost"),
-                                                      mgr_get_header(m, "AccountCode"),
-                                                      mgr_get_header(m, "CallClass"),
-                                                      mgr_get_header(m, "FaxData"),
-                                                      mgr_get_header(m, "UniqueID")};
+cdr_rooms::cdr_rooms(std::vector<std::string> rooms) : list(std::move(rooms)), sorted(list) {
+    std::sort(sorted.begin(), sorted.end());
+}
+
+bool cdr_rooms::contains(const char* room) const {
+    return std::binary_search(sorted.begin(), sorted.end(), std::string_view(room));
+}
+
+namespace {
+
+// The insert of `m` and the values it was made from.
+struct cache_insert {
     std::string escaped[cache_insert_values];
     const char* values[cache_insert_values];
-    for (int i = 0; i < cache_insert_values; ++i) {
-        if (escape) escaped[i] = sqliteint.dbhandle->escape(headers[i]);
-        values[i] = escape ? escaped[i].c_str() : headers[i];
-    }
-    const std::string query = cache_insert_statement(values);
-    LOG(L_DEBUG, "The query is: %s\n", query.c_str());
+    std::string statement;
 
-    db_lock guard(sqliteint);
+    cache_insert(const message& m, bool escape) {
+        static const char* const names[cache_insert_values] = {"CallerID",
+                                                               "Source",
+                                                               "Destination",
+                                                               "DestinationContext",
+                                                               "Channel",
+                                                               "DestinationChannel",
+                                                               "LastApplication",
+                                                               "LastData",
+                                                               "StartTime",
+                                                               "AnswerTime",
+                                                               "EndTime",
+                                                               "Duration",
+                                                               "BillableSeconds",
+                                                               "Disposition",
+                                                               "AMAFlags",
+                                                               "From",
+                                                               "To",
+                                                               "Cost",
+                                                               "AccountCode",
+                                                               "CallClass",
+                                                               "FaxData",
+                                                               "UniqueID"};
+        for (int i = 0; i < cache_insert_values; ++i) {
+            const char* header = mgr_get_header(m, names[i]);
+            if (escape) escaped[i] = sqliteint.dbhandle->escape(header);
+            values[i] = escape ? escaped[i].c_str() : header;
+        }
+        statement = cache_insert_statement(values);
+    }
+};
+
+}  // namespace
+
+void mgr_cache_cdr(const message& m, const cdr_rooms& rooms, bool escape) {
     const char* src = mgr_get_header(m, "Source");
-    if (rooms.empty()) {
+    if (!log_wanted(L_DEBUG)) {
+        // Nothing of the test is logged: the sorted list answers it, and
+        // only a room's call is made into a statement.
+        if (rooms.list.empty()) {
+            LOG(L_ERROR, "No rooms or empty list iterator\n");
+            return;
+        }
+        if (!rooms.contains(src)) return;
+        cache_insert insert(m, escape);
+        db_lock guard(sqliteint);
+        cache_run_insert(insert.statement, insert.values);
+        return;
+    }
+    cache_insert insert(m, escape);
+    LOG(L_DEBUG, "The query is: %s\n", insert.statement.c_str());
+
+    // The room list is this thread's own: the states file is locked for the
+    // insert alone.
+    if (rooms.list.empty()) {
         LOG(L_ERROR, "No rooms or empty list iterator\n");
         return;
     }
     bool matched = false;
-    for (const std::string& room : rooms) {
+    for (const std::string& room : rooms.list) {
         LOG(L_DEBUG, "TESTING '%s' ?= '%s'\n", src, room.c_str());
         if (room == src) {
             LOG(L_DEBUG, "'%s' matches '%s'\n", src, room.c_str());
@@ -141,6 +181,11 @@ void mgr_cache_cdr(const message& m, const std::vector<std::string>& rooms, bool
     }
     if (matched) {
         LOG(L_DEBUG, "sending cache insert query");
-        sqliteint.query(query.c_str());
+        db_lock guard(sqliteint);
+        cache_run_insert(insert.statement, insert.values);
     }
+}
+
+void mgr_cache_cdr(const message& m, const std::vector<std::string>& rooms, bool escape) {
+    mgr_cache_cdr(m, cdr_rooms(rooms), escape);
 }

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -210,6 +211,7 @@ int mgr_write(mansession& s, const message& m) {
 
 int mgr_add_header(message& m, const char* fmt, ...) {
     if (m.hdrcount > message::max_headers - 1) return 1;
+    m.touch(m.hdrcount);
     va_list ap;
     va_start(ap, fmt);
     vsnprintf(m.headers[m.hdrcount], sizeof m.headers[m.hdrcount], fmt, ap);
@@ -242,12 +244,21 @@ int mgr_login(mansession& s, const char* events) {
 }
 
 const char* mgr_get_header(const message& m, const char* name) {
-    char key[80];
-    snprintf(key, sizeof key, "%s: ", name ? name : "");
-    size_t keylen = strlen(key);
-    int count = m.hdrcount < message::max_headers ? m.hdrcount : message::max_headers;
-    for (int i = 0; i < count; ++i) {
-        if (strncasecmp(key, m.headers[i], keylen) == 0) return m.headers[i] + keylen;
+    // The key is "<name>: ", cut to 79 characters.
+    if (!name) name = "";
+    const size_t namelen = strnlen(name, 80);
+    if (namelen > 77) {
+        char key[80];
+        snprintf(key, sizeof key, "%s: ", name);
+        const size_t keylen = strlen(key);
+        for (int i = 0; i < std::min(m.hdrcount, message::max_headers); ++i)
+            if (strncasecmp(key, m.headers[i], keylen) == 0) return m.headers[i] + keylen;
+        return "";
+    }
+    for (int i = 0; i < std::min(m.hdrcount, message::max_headers); ++i) {
+        const char* h = m.headers[i];
+        if (strncasecmp(name, h, namelen) == 0 && h[namelen] == ':' && h[namelen + 1] == ' ')
+            return h + namelen + 2;
     }
     return "";
 }
@@ -295,6 +306,7 @@ int mgr_get_input(mansession& s, char* output) {
 int mgr_read(mansession& s, message& m) {
     for (;;) {
         char* slot = m.headers[m.hdrcount];
+        m.touch(m.hdrcount);
         int res = mgr_get_input(s, slot);
         if (strstr(slot, "--END COMMAND--")) {
             LOG(L_DEBUG, "Found END COMMAND");

@@ -10,13 +10,15 @@
 //    as long as it takes). mgr_login answers 1 once the manager has refused a
 //    login (`connected` -1): a refused login is never retried.
 //  - A message is about a quarter of a megabyte: keep it on the heap
-//    (std::make_unique<message>()) and clear() it before every mgr_read.
+//    (std::make_unique<message>()) and clear() it before every mgr_read;
+//    clear() empties only the slots used since the last clear().
 //  - Writes use MSG_NOSIGNAL, so a connection closed by the manager makes a
 //    write fail instead of raising SIGPIPE.
 #pragma once
 
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <string>
@@ -56,8 +58,19 @@ struct message {
     char uniqueid[80]{};  // not used
     char headers[max_headers + 1][line_size]{};
     int in_command = 0;  // 1 between "Response: Follows" and "--END COMMAND--"
+    int touched = 0;     // slots written since the last clear(): only they can hold text
 
-    void clear() { std::memset(static_cast<void*>(this), 0, sizeof *this); }
+    // Every slot empty, no header, not in a command.
+    void clear() {
+        const int used = std::min(std::max(touched, hdrcount + 1), max_headers + 1);
+        for (int i = 0; i < used; ++i) headers[i][0] = '\0';
+        hdrcount = 0;
+        uniqueid[0] = '\0';
+        in_command = 0;
+        touched = 0;
+    }
+    // Slot `i` is about to be written.
+    void touch(int i) { touched = std::max(touched, i + 1); }
 };
 
 // Resolves `host` (IPv4), creates the socket and keeps the login data.
