@@ -1,6 +1,7 @@
 #include "logger.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -93,13 +94,29 @@ size_t stamp_now(char* out) {
     return len;
 }
 
+// The process id, asked once per process (a system call costs more than
+// formatting the whole line); a fork asks again in the child.
+std::atomic<long> own_pid{0};
+long pid_now() {
+    static const bool registered = [] {
+        pthread_atfork(nullptr, nullptr, [] { own_pid.store(0, std::memory_order_relaxed); });
+        return true;
+    }();
+    (void)registered;
+    long pid = own_pid.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        pid = static_cast<long>(getpid());
+        own_pid.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
+}
+
 // The prefix of a line: " LEVEL[pid]: file:line in function: " or " VERBOSE[pid]: ".
 int format_prefix(char* buf, size_t size, int level, const char* file, int line,
                   const char* function) {
-    if (level == L_VERBOSE)
-        return snprintf(buf, size, " VERBOSE[%ld]: ", static_cast<long>(getpid()));
-    return snprintf(buf, size, " %s[%ld]: %s:%d in %s: ", levels[level],
-                    static_cast<long>(getpid()), file ? file : "", line, function ? function : "");
+    if (level == L_VERBOSE) return snprintf(buf, size, " VERBOSE[%ld]: ", pid_now());
+    return snprintf(buf, size, " %s[%ld]: %s:%d in %s: ", levels[level], pid_now(),
+                    file ? file : "", line, function ? function : "");
 }
 
 // --- the signal-safe path: no locale, no allocation, no locks -------------

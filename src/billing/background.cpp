@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "billing/templates.h"
+#include "db/sqlite.h"
 #include "fias/codec.h"
 #include "handlers/context.h"
 #include "logger.h"
@@ -223,8 +224,16 @@ void open_room_query(dbdriver_t& drv, const std::string& statement) REQUIRES(drv
     drv.query(statement.c_str());
 }
 
+// Runs a room's marks in order. On an SQLite database a room's marks (each a
+// single statement) are committed together, so that a room costs one commit;
+// a crash in the middle posts again at most this room's calls.
 void run_marks(dbdriver_t& drv, const std::vector<std::string>& marks) REQUIRES(drv) {
+    if (marks.empty()) return;
+    bool single = true;
+    for (const std::string& m : marks) single = single && m.find(';') == std::string::npos;
+    const bool grouped = marks.size() > 1 && single && sqlite_begin(drv) == 0;
     for (const std::string& m : marks) drv.query(m.c_str());
+    if (grouped) sqlite_commit(drv);
 }
 
 void cache_pass(pass_env& env, const std::vector<std::string>& rooms) {

@@ -82,11 +82,12 @@ fias_packet_ptr fias_packet_from_row(const fias_catalogue_row& row) {
     auto p = std::make_unique<fias_packet_t>();
     strncpy(p->packet, row.packet, sizeof p->packet - 1);
     p->packet_code = row.packet_code;
-    strncpy(p->desc, row.desc, sizeof p->desc - 1);
+    memcpy(p->desc, row.desc, strnlen(row.desc, sizeof p->desc - 1));
     p->num_fields = row.num_fields;
     for (int i = 0; i < FIAS_MAX_FIELDS; i++) {
-        if (row.fields[i].name) {
-            strncpy(p->fields[i].name, row.fields[i].name, sizeof p->fields[i].name - 1);
+        if (const char* name = row.fields[i].name) {
+            p->fields[i].name[0] = name[0];
+            if (name[0]) p->fields[i].name[1] = name[1];
         }
         p->fields[i].type = row.fields[i].type;
     }

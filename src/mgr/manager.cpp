@@ -67,6 +67,8 @@ void mansession::reset() {
     dead = 0;
     wake_fd = -1;
     hide_secret = false;
+    before_wait = nullptr;
+    quick_reads = 0;
     busy = 0;
     std::memset(actionid, 0, sizeof actionid);
     std::memset(challenge, 0, sizeof challenge);
@@ -284,6 +286,19 @@ int mgr_get_input(mansession& s, char* output) {
     }
 
     if (s.fd < 0) return -1;  // no socket to wait on: never block for ever on nothing
+    const size_t room = sizeof s.inbuf - 1 - static_cast<size_t>(s.inlen);
+    if (++s.quick_reads < 64) {
+        ssize_t n = recv(s.fd, s.inbuf + s.inlen, room, MSG_DONTWAIT);
+        if (n == 0) return -1;
+        if (n > 0) {
+            s.inlen += static_cast<int>(n);
+            s.inbuf[s.inlen] = '\0';
+            return 0;
+        }
+        if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) return -1;
+    }
+    s.quick_reads = 0;
+    if (s.before_wait) s.before_wait();
     for (;;) {
         pollfd p[2] = {{s.fd, POLLIN, 0}, {s.wake_fd, POLLIN, 0}};
         int r = poll(p, s.wake_fd >= 0 ? 2 : 1, -1);
@@ -296,7 +311,7 @@ int mgr_get_input(mansession& s, char* output) {
         LOG(L_ERROR, "Select returned error");
         return -1;
     }
-    ssize_t n = recv(s.fd, s.inbuf + s.inlen, static_cast<size_t>(sizeof s.inbuf - 1 - s.inlen), 0);
+    ssize_t n = recv(s.fd, s.inbuf + s.inlen, room, 0);
     if (n <= 0) return -1;
     s.inlen += static_cast<int>(n);
     s.inbuf[s.inlen] = '\0';

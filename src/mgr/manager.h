@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <string>
 
 struct mansession {
@@ -33,10 +34,14 @@ struct mansession {
     std::atomic<int> dead{0};  // when set, an interrupted wait for input fails the read
     int wake_fd = -1;          // not owned: readable once the session must stop (-1: none)
     bool hide_secret = false;  // the secret is not written to the log
-    int busy = 0;              // not used
-    char actionid[1024]{};     // not used
-    char challenge[10]{};      // not used
-    int depth = 0;             // not used
+    // Called when a read is about to wait for the manager (not owned; may be
+    // empty): what was read so far can be dealt with before the wait.
+    std::function<void()> before_wait;
+    int quick_reads = 0;    // receives in a row that did not wait
+    int busy = 0;           // not used
+    char actionid[1024]{};  // not used
+    char challenge[10]{};   // not used
+    int depth = 0;          // not used
     std::string user;
     std::string pass;
     std::string server;  // not used
@@ -108,7 +113,9 @@ const char* mgr_get_header(const message& m, const char* name);
 
 // Returns the next buffered line in `output` (1024 bytes) without its line end
 // (1), or waits without time limit for the socket and receives more bytes (0),
-// or fails (-1: peer closed, receive or wait error, wake_fd readable).
+// or fails (-1: peer closed, receive or wait error, wake_fd readable). Bytes
+// that have arrived already are received without a wait (wake_fd is looked
+// at when it waits, and at least every 64th receive).
 int mgr_get_input(mansession& s, char* output);
 
 // Reads one whole message into the cleared `m`: 1, or negative on failure.
