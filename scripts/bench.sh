@@ -24,7 +24,7 @@ for run in $(seq 1 "$runs"); do
   for b in fias_bench logger_bench mgr_bench billing_bench; do
     echo "bench: $b, run $run of $runs" >&2
     "build-bench/bench/$b" --benchmark_out="$out/$b.$run.csv" --benchmark_out_format=csv \
-      >/dev/null 2>"$out/$b.$run.log"
+      >/dev/null 2>"$out/$b.$run.log" || echo "bench: $b failed (see $out/$b.$run.log)" >&2
   done
 done
 
