@@ -269,6 +269,8 @@ void cache_pass(pass_env& env, const std::vector<std::string>& rooms) {
             cache_run_mark(m.statement, m.param, room, m.row.date, m.row.time);
         states_commit();
     }
+    db_lock guard(sqliteint);
+    states_checkpoint();
 }
 
 bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>& rooms) {

@@ -122,6 +122,14 @@ class sqlite_handler_t final : public db_handle {
         return -1;
     }
 
+    // Writes the write-ahead log into the file as far as no reader holds it
+    // back, without waiting for anybody.
+    void checkpoint() {
+        if (sqlite_)
+            sqlite3_wal_checkpoint_v2(sqlite_.get(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr,
+                                      nullptr);
+    }
+
     int fetch_row() override {
         if (!rows_) {
             cur_row_ = nullptr;
@@ -258,6 +266,10 @@ int sqlite_begin(dbdriver_t& drv) {
 int sqlite_commit(dbdriver_t& drv) {
     auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
     return h ? h->commit() : -1;
+}
+
+void sqlite_checkpoint(dbdriver_t& drv) {
+    if (auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get())) h->checkpoint();
 }
 
 int sqlite_query_bound(dbdriver_t& drv, const char* sql,

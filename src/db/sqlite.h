@@ -36,3 +36,7 @@ int sqlite_query_bound(dbdriver_t& drv, const char* sql,
 // back and logged as a failed statement: -1).
 int sqlite_begin(dbdriver_t& drv) REQUIRES(drv);
 int sqlite_commit(dbdriver_t& drv) REQUIRES(drv);
+
+// Writes the write-ahead log of an SQLite record's open connection into its
+// file as far as readers allow, without waiting (nothing logged).
+void sqlite_checkpoint(dbdriver_t& drv) REQUIRES(drv);

@@ -110,15 +110,21 @@ int open_states_file(const std::string& statesfile) {
     // that has returned is in the log file (the operating system's cache)
     // before the next statement runs, so a crash of the daemon at any instant
     // loses nothing committed; only a crash of the whole machine may lose
-    // the transactions since the log was last synced (at a checkpoint).
-    // A cached call is committed on its own, before the next event is read:
-    // no cached call is ever lost by a crash of the daemon. The marks of one
+    // the transactions since the log was last synced (at a checkpoint: after
+    // each cycle's posting pass, at the latest every 10,000 pages).
+    // The calls the capture thread reads back to back are committed together
+    // as soon as it would wait for more input (at the latest every 256):
+    // once cached, a call is never lost by a crash of the daemon. The marks of one
     // room's postings are committed together after its records were sent,
     // so a crash in the middle posts again at most that room's calls, as a
     // crash between a send and its mark always could. No write waits for a
     // disk sync, so a burst of calls or postings keeps its pace.
     sqliteint.query("PRAGMA journal_mode=WAL");
     sqliteint.query("PRAGMA synchronous=NORMAL");
+    // The log is written into the file (and synced) after each billing
+    // cycle's posting pass, not every 1,000 pages in the middle of it; the
+    // bound stays for runs in which the link is down and nothing is posted.
+    sqliteint.query("PRAGMA wal_autocheckpoint=10000");
     if (sqliteint.query("select count(*) from rooms") < 0) sqliteint.query(sql_create_rooms);
     if (sqliteint.query("select count(*) from cdrcache") < 0) {
         sqliteint.query(sql_create_table);
@@ -220,6 +226,10 @@ int cache_run_insert(const std::string& statement, const char* const (&v)[cache_
         sqliteint, insert_bound,
         {v[0],  v[1],  v[2],  v[3],  v[4],  v[5],  v[6],  v[7],  v[8],  v[9],  v[10],
          v[11], v[12], v[13], v[14], v[15], v[16], v[17], v[18], v[19], v[20], v[21]});
+}
+
+void states_checkpoint() {
+    sqlite_checkpoint(sqliteint);
 }
 
 void states_begin() {

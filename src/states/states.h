@@ -92,6 +92,8 @@ int cache_run_insert(const std::string& statement, const char* const (&values)[c
 // Groups statements on the states file into one transaction (see the
 // durability note in states.cpp), under the lock the caller holds.
 void states_begin() REQUIRES(sqliteint);
+// Writes what the log holds into the states file (after a cycle's postings).
+void states_checkpoint() REQUIRES(sqliteint);
 void states_commit() REQUIRES(sqliteint);
 
 // Templates run on the states file (placeholders filled by the template
