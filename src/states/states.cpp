@@ -60,10 +60,6 @@ const char* const insert_format =
     "'%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', "
     "'%s','%s','')";
 
-const char* const unposted_format =
-    "select date(start),time(start),dst,billsec,-1 from cdrcache where src='%s' and "
-    "(userfield='NULL' or userfield=NULL or userfield='')";
-
 // The statements above with parameters, for sqlite_query_bound().
 const char* const unposted_bound =
     "select date(start),time(start),dst,billsec,-1 from cdrcache where src=? and "
@@ -184,20 +180,6 @@ int states_room_list(std::vector<std::string>& rooms, const std::string* statesf
     return rc == 0 ? 0 : -2;
 }
 
-std::string cache_insert_statement(const char* const (&v)[cache_insert_values]) {
-    char query[2048];
-    snprintf(query, sizeof query, insert_format, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7],
-             v[8], v[9], v[10], v[11], v[12], v[13], v[14], v[15], v[16], v[17], v[18], v[19],
-             v[20], v[21]);
-    return query;
-}
-
-std::string cache_unposted_query(const std::string& room) {
-    char query[1024];
-    snprintf(query, sizeof query, unposted_format, room.c_str());
-    return query;
-}
-
 int cache_select_unposted(const std::string& room) {
     const std::string text = cache_unposted_query(room);
     if (has_quote(room) || text.size() >= 1023) return sqliteint.query(text.c_str());
@@ -238,4 +220,21 @@ void states_begin() {
 
 void states_commit() {
     sqlite_commit(sqliteint);
+}
+
+std::string cache_insert_statement(const char* const (&v)[cache_insert_values]) {
+    char query[2048];
+    snprintf(query, sizeof query, insert_format, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7],
+             v[8], v[9], v[10], v[11], v[12], v[13], v[14], v[15], v[16], v[17], v[18], v[19],
+             v[20], v[21]);
+    return query;
+}
+
+std::string cache_unposted_query(const std::string& room) {
+    char query[1024];
+    snprintf(query, sizeof query,
+             "select date(start),time(start),dst,billsec,-1 from cdrcache where src='%s' and "
+             "(userfield='NULL' or userfield=NULL or userfield='')",
+             room.c_str());
+    return query;
 }
