@@ -1,9 +1,20 @@
-// Manager client throughput: mgr_read over loopback TCP, and the rate at
-// which mgr_cache_cdr stores calls in the internal database.
+// The Manager side of a 2,000-room hotel, with the states file opened by the
+// daemon's own code and 100,000 calls already in its cache:
+//  - BM_ReaderToRoomTest: Cdr events as wire bytes through a loopback
+//    connection, read by the reader and put to the room test the way the
+//    capture thread does (none of the sources is a room, so nothing is
+//    stored): the reader's rate end to end.
+//  - BM_CaptureBurst: the capture thread itself, logged in to the Manager
+//    simulator, which sends a burst of 10,000 Cdr events of a room: the time
+//    until all of them are in the cache.
+// Argument "level": the log level. At the shipped level 5 every header of
+// every event and every room compared is a DEBUG line in the log file; the
+// figures to meet are those at level 4, where DEBUG lines are not written.
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -13,38 +24,113 @@
 
 #include "db/sqlite.h"
 #include "logger.h"
-#include "states/states.h"
 #include "mgr/cdr.h"
 #include "mgr/manager.h"
 #include "netutil.h"
 #include "sim_mgr.h"
+#include "states/states.h"
+#include "stop_flag.h"
 
 namespace {
 
-mgr_cdr_event sample_call(const char* src) {
+constexpr int kRooms = 2000;
+constexpr int kBurst = 10000;
+
+std::string work_dir() {
+    static std::string dir = [] {
+        const char* base = getenv("TMPDIR");
+        std::string templ = std::string(base && *base ? base : "/tmp") + "/orlanbeck-bench-XXXXXX";
+        std::vector<char> buf(templ.begin(), templ.end());
+        buf.push_back('\0');
+        return std::string(mkdtemp(buf.data()));
+    }();
+    return dir;
+}
+
+std::string states_path() {
+    return work_dir() + "/states.db";
+}
+
+void run(const std::string& sql) {
+    db_lock guard(sqliteint);
+    if (sqliteint.query(sql.c_str()) != 0) fprintf(stderr, "bench: statement failed\n");
+}
+
+// The states file with its rooms (1000 to 2999) and 100,000 posted calls.
+void open_states() {
+    static bool opened = [] {
+        open_states_file(states_path());
+        std::string sql = "begin;";
+        for (int r = 0; r < kRooms; ++r) {
+            const std::string room = std::to_string(1000 + r);
+            sql += "insert into rooms values ('" + room + "','','',0);";
+            for (int i = 0; i < 50; ++i)
+                sql += "insert into cdrcache (src, dst, start, billsec, userfield) values ('" +
+                       room + "','5551234','2009-05-13 10:00:" + std::to_string(10 + i) +
+                       "',125,'PS|P#0001|RN" + room + "|PTT|');";
+        }
+        sql += "commit;";
+        run(sql);
+        return true;
+    }();
+    (void)opened;
+}
+
+// The newest row of the cache (rows are only added while measuring).
+long newest_row() {
+    db_lock guard(sqliteint);
+    int n = 0;
+    if (sqliteint.query("select max(rowid) from cdrcache") == 0 && sqliteint.fetch_row() == 0)
+        sqliteint.fetch_int_field(0, &n);
+    sqliteint.free_result();
+    return n;
+}
+
+int cached_calls(const char* src) {
+    db_lock guard(sqliteint);
+    const std::string q = std::string("select count(*) from cdrcache where src='") + src + "'";
+    int n = 0;
+    if (sqliteint.query(q.c_str()) == 0 && sqliteint.fetch_row() == 0)
+        sqliteint.fetch_int_field(0, &n);
+    sqliteint.free_result();
+    return n;
+}
+
+mgr_cdr_event sample_call(const std::string& src) {
     return mgr_cdr_event::make(src, "004930123456", "2024-05-01 10:00:00", 65)
         .set("From", src)
         .set("To", "004930123456")
         .set("Cost", "0.40");
 }
 
-// Reads Cdr events that a writer thread pushes through a loopback connection.
-void BM_mgr_read(benchmark::State& state) {
+void set_level(int level) {
+    logger_init((work_dir() + "/orlanbeck.log").c_str(), level, 0, 0);
+}
+
+void BM_ReaderToRoomTest(benchmark::State& state) {
+    open_states();
+    set_level(static_cast<int>(state.range(0)));
+    std::vector<std::string> list;
+    states_room_list(list);
+    const cdr_rooms rooms(std::move(list));
     int port = 0;
     int listener = listen_loopback(0, &port);
     mansession s;
     s.fd = connect_loopback(port);
+    s.connected = 1;
     int server = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (listener < 0 || s.fd < 0 || server < 0) {
         state.SkipWithError("no loopback connection");
         return;
     }
-    const std::string text = sample_call("101").text();
+    // Sources next to the rooms' numbers, none of them a room.
+    std::vector<std::string> texts;
+    for (int i = 0; i < 64; ++i) texts.push_back(sample_call(std::to_string(5000 + i * 37)).text());
     const auto total = static_cast<long>(state.max_iterations);
     std::thread writer([&] {
         std::string chunk;
         for (long i = 0; i < total; ++i) {
-            chunk += text;
+            chunk += texts[static_cast<size_t>(i) % texts.size()];
             if (chunk.size() >= 64 * 1024 || i + 1 == total) {
                 if (!write_all(server, chunk)) return;
                 chunk.clear();
@@ -52,73 +138,95 @@ void BM_mgr_read(benchmark::State& state) {
         }
     });
     auto m = std::make_unique<message>();
+    char addr[] = "127.0.0.1";
     for (auto _ : state) {
+        // The capture thread's steps for one message.
         m->clear();
         if (mgr_read(s, *m) != 1) {
             state.SkipWithError("read failed");
             break;
         }
-        benchmark::DoNotOptimize(m->hdrcount);
+        for (int i = 0; i < m->hdrcount; ++i) LOG(L_DEBUG, "%s got: %s", addr, m->headers[i]);
+        if (strcasecmp(mgr_get_header(*m, "Event"), "Cdr") == 0) mgr_cache_cdr(*m, rooms);
     }
     writer.join();
     close(server);
     close(listener);
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
-    state.counters["messages"] =
+    state.counters["events/s"] =
         benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
-BENCHMARK(BM_mgr_read)->UseRealTime();
+// At level 5 an event that is no room's call writes one line per room.
+BENCHMARK(BM_ReaderToRoomTest)->ArgName("level")->Arg(4)->UseRealTime()->Iterations(500000);
+BENCHMARK(BM_ReaderToRoomTest)->ArgName("level")->Arg(5)->UseRealTime()->Iterations(500);
 
-// The internal database in a temporary folder, opened once for the program.
-struct states_file {
-    std::string dir;
-    bool ok = false;
-    states_file() {
-        const char* base = getenv("TMPDIR");
-        std::string templ = std::string(base && *base ? base : "/tmp") + "/mgr-bench-XXXXXX";
-        std::vector<char> buf(templ.begin(), templ.end());
-        buf.push_back('\0');
-        if (!mkdtemp(buf.data())) return;
-        dir = buf.data();
-        ok = open_states_file(dir + "/states.db") == 0;
-    }
-    ~states_file() {
-        std::error_code ec;
-        if (!dir.empty()) std::filesystem::remove_all(dir, ec);
-    }
-};
-
-// One call per iteration against a room list of range(0) rooms; the caller's
-// room is the last of the list (range(1) = 1) or none of them (0: no insert).
-void BM_mgr_cache_cdr(benchmark::State& state) {
-    static states_file db;
-    if (!db.ok) {
-        state.SkipWithError("cannot open the states file");
+void BM_CaptureBurst(benchmark::State& state) {
+    open_states();
+    set_level(static_cast<int>(state.range(0)));
+    mgr_sim sim;
+    if (!sim.start()) {
+        state.SkipWithError("no simulator");
         return;
     }
-    std::vector<std::string> rooms;
-    for (int i = 0; i < state.range(0) - 1; ++i) rooms.push_back(std::to_string(1000 + i));
-    rooms.push_back("101");
-    auto m = std::make_unique<message>();
-    for (const auto& h : sample_call(state.range(1) ? "101" : "555").headers)
-        mgr_add_header(*m, "%s: %s", h.first.c_str(), h.second.c_str());
-    for (auto _ : state) mgr_cache_cdr(*m, rooms);
-    state.counters["calls"] =
-        benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+    auto cfg = std::make_shared<config>();
+    cfg->statesfile = states_path();
+    cfg->mgr_host = "127.0.0.1";
+    cfg->mgr_port = sim.port();
+    cfg->mgr_user = "admin";
+    cfg->mgr_passwd = "secret";
+    cfg->fixes.manager_events = true;
+    stop_flag stop;
+    std::thread capture(cdrmanager_thread, config_ptr(cfg), std::ref(stop));
+    if (!sim.wait_logins(1)) {
+        state.SkipWithError("no login");
+        stop.request();
+        capture.join();
+        return;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the answer is read
+    // A room in the first tenth of the list.
+    const std::string room = "1199";
+    int expected = cached_calls(room.c_str());
+    bool lost = false;
+    for (auto _ : state) {
+        const long last = newest_row() + kBurst;
+        sim.send_burst(sample_call(room), kBurst);
+        expected += kBurst;
+        const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (newest_row() < last) {
+            if (std::chrono::steady_clock::now() > give_up) {
+                lost = true;
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+    stop.request();
+    capture.join();
+    if (lost || cached_calls(room.c_str()) != expected) state.SkipWithError("calls lost");
+    state.counters["events/s"] = benchmark::Counter(
+        static_cast<double>(state.iterations()) * kBurst, benchmark::Counter::kIsRate);
 }
-BENCHMARK(BM_mgr_cache_cdr)
-    ->ArgNames({"rooms", "insert"})
-    ->Args({10, 1})
-    ->Args({1000, 1})
-    ->Args({1000, 0});
+BENCHMARK(BM_CaptureBurst)
+    ->ArgName("level")
+    ->Arg(4)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(3);
+BENCHMARK(BM_CaptureBurst)
+    ->ArgName("level")
+    ->Arg(5)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(1);
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    logger_init(nullptr, 0, 0, 1);  // the benchmarks measure work, not logging
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
+    std::error_code ec;
+    std::filesystem::remove_all(work_dir(), ec);
     return 0;
 }

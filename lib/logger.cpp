@@ -1,6 +1,7 @@
 #include "logger.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -13,6 +14,9 @@
 
 #include "thread_annotations.h"
 
+std::atomic<int> logger_detail::log_level{1};
+using logger_detail::log_level;
+
 namespace {
 
 const char* const levels[] = {"DEBUG", "EVENT", "NOTICE", "WARNING", "ERROR", "VERBOSE"};
@@ -21,7 +25,6 @@ const int syslog_level_map[] = {LOG_DEBUG, LOG_INFO,  LOG_NOTICE, LOG_WARNING,
 
 constexpr size_t kLineSize = 1024;
 
-std::atomic<int> log_level{1};
 std::atomic<int> log_to_syslog{1};
 std::atomic<int> dont_log{0};
 std::atomic<unsigned> file_mode{0};
@@ -36,18 +39,85 @@ std::atomic<long> utc_offset{0};
 annotated_mutex path_mutex;
 char logfile_path[kLineSize] GUARDED_BY(path_mutex) = "";
 
-void copy_path(char (&out)[kLineSize]) {
-    mutex_lock guard(path_mutex);
-    memcpy(out, logfile_path, sizeof out);
+// The log file stays open between lines. It is opened again after
+// logger_init() or logger_reopen() (a reload), and when the file at its path
+// is no longer the one open (rotated away or removed), which is looked at
+// once a second.
+int log_fd GUARDED_BY(path_mutex) = -1;
+dev_t log_dev GUARDED_BY(path_mutex) = 0;
+ino_t log_ino GUARDED_BY(path_mutex) = 0;
+time_t log_checked GUARDED_BY(path_mutex) = 0;
+
+void close_log() REQUIRES(path_mutex) {
+    if (log_fd >= 0) close(log_fd);
+    log_fd = -1;
+}
+
+// Whether log_fd is open on the file at the path, opening it when needed.
+bool log_file_ready() REQUIRES(path_mutex) {
+    const time_t now = time(nullptr);
+    struct stat st;
+    if (log_fd >= 0 && now != log_checked) {
+        log_checked = now;
+        if (stat(logfile_path, &st) != 0 || st.st_ino != log_ino || st.st_dev != log_dev)
+            close_log();
+    }
+    if (log_fd >= 0) return true;
+    const unsigned mode = file_mode;
+    log_fd = open(logfile_path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, mode ? mode : 0666);
+    if (log_fd < 0) return false;
+    if (fstat(log_fd, &st) == 0) {
+        // Log files get exactly the mode asked for, whatever the umask.
+        if (mode != 0 && (st.st_mode & 07777) != mode) fchmod(log_fd, mode);
+        log_dev = st.st_dev;
+        log_ino = st.st_ino;
+    }
+    log_checked = now;
+    return true;
+}
+
+// "MM/DD/YY HH:MM:SS" of now into `out`; its length. The text of the current
+// second is kept per thread, so that most lines cost no time conversion.
+constexpr size_t kStampSize = 32;
+size_t stamp_now(char* out) {
+    thread_local time_t last = -1;
+    thread_local char text[kStampSize];
+    thread_local size_t len = 0;
+    const time_t now = time(nullptr);
+    if (now != last) {
+        struct tm tmv;
+        localtime_r(&now, &tmv);
+        utc_offset.store(tmv.tm_gmtoff, std::memory_order_relaxed);
+        len = strftime(text, sizeof text, "%D %T", &tmv);
+        last = now;
+    }
+    memcpy(out, text, len);
+    return len;
+}
+
+// The process id, asked once per process (a system call costs more than
+// formatting the whole line); a fork asks again in the child.
+std::atomic<long> own_pid{0};
+long pid_now() {
+    static const bool registered = [] {
+        pthread_atfork(nullptr, nullptr, [] { own_pid.store(0, std::memory_order_relaxed); });
+        return true;
+    }();
+    (void)registered;
+    long pid = own_pid.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        pid = static_cast<long>(getpid());
+        own_pid.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
 }
 
 // The prefix of a line: " LEVEL[pid]: file:line in function: " or " VERBOSE[pid]: ".
 int format_prefix(char* buf, size_t size, int level, const char* file, int line,
                   const char* function) {
-    if (level == L_VERBOSE)
-        return snprintf(buf, size, " VERBOSE[%ld]: ", static_cast<long>(getpid()));
-    return snprintf(buf, size, " %s[%ld]: %s:%d in %s: ", levels[level],
-                    static_cast<long>(getpid()), file ? file : "", line, function ? function : "");
+    if (level == L_VERBOSE) return snprintf(buf, size, " VERBOSE[%ld]: ", pid_now());
+    return snprintf(buf, size, " %s[%ld]: %s:%d in %s: ", levels[level], pid_now(),
+                    file ? file : "", line, function ? function : "");
 }
 
 // --- the signal-safe path: no locale, no allocation, no locks -------------
@@ -110,6 +180,7 @@ int logger_init(const char* path, int level, int to_syslog, int disable) {
         mutex_lock guard(path_mutex);
         memset(logfile_path, 0, sizeof logfile_path);
         if (path) strncpy(logfile_path, path, sizeof logfile_path - 1);
+        close_log();
     }
     dont_log = disable;
     log_level = level;
@@ -117,26 +188,14 @@ int logger_init(const char* path, int level, int to_syslog, int disable) {
     return 0;
 }
 
+void logger_reopen() {
+    mutex_lock guard(path_mutex);
+    close_log();
+}
+
 void logger_set_file_mode(unsigned mode) {
     file_mode = mode;
 }
-
-namespace {
-
-// The log file opened for appending, with the mode asked for.
-FILE* open_log(const char* path) {
-    const unsigned mode = file_mode;
-    if (mode == 0) return fopen(path, "ae");
-    int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, mode);
-    if (fd < 0) return nullptr;
-    struct stat st;
-    if (fstat(fd, &st) == 0 && (st.st_mode & 07777) != mode) fchmod(fd, mode);
-    FILE* f = fdopen(fd, "a");
-    if (!f) close(fd);
-    return f;
-}
-
-}  // namespace
 
 void set_log_level(int level) {
     log_level = level;
@@ -157,35 +216,34 @@ void write_log(int level, const char* file, int line, const char* function, cons
     }
     if (level == L_WARNING || level == L_ERROR) problem_count++;
 
-    char buf[kLineSize];
-    int n = format_prefix(buf, sizeof buf, level, file, line, function);
+    // "stamp: " + the line proper (cut to kLineSize - 1 characters) + "\n",
+    // made in place.
+    char out[kStampSize + 2 + kLineSize + 1];
+    size_t len = stamp_now(out);
+    out[len++] = ':';
+    out[len++] = ' ';
+    char* buf = out + len;
+    int n = format_prefix(buf, kLineSize, level, file, line, function);
     if (n < 0) n = 0;
-    if (static_cast<size_t>(n) < sizeof buf) {
+    if (static_cast<size_t>(n) < kLineSize) {
         va_list ap;
         va_start(ap, format);
-        vsnprintf(buf + n, sizeof buf - n, format, ap);
+        vsnprintf(buf + n, kLineSize - n, format, ap);
         va_end(ap);
     }
-
-    char stamp[32] = "";
-    time_t now = time(nullptr);
-    struct tm tmv;
-    localtime_r(&now, &tmv);
-    utc_offset.store(tmv.tm_gmtoff, std::memory_order_relaxed);
-    strftime(stamp, sizeof stamp, "%D %T", &tmv);
-
     if (log_to_syslog) syslog(syslog_level_map[level], "%s", buf);
+    len += strlen(buf);
+    out[len++] = '\n';
 
-    char path[kLineSize];
-    copy_path(path);
-    if (path[0]) {
-        if (FILE* f = open_log(path)) {
-            fprintf(f, "%s: %s\n", stamp, buf);
-            fclose(f);
-            return;
+    {
+        mutex_lock guard(path_mutex);
+        // One write of the whole line: lines of several threads never mix.
+        if (logfile_path[0] && log_file_ready()) {
+            if (write(log_fd, out, len) >= 0) return;
+            close_log();
         }
     }
-    fprintf(stderr, "%s: %s\n", stamp, buf);
+    fwrite(out, 1, len, stderr);
 }
 
 // Reads the path without its lock: a signal handler cannot take one, and

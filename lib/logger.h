@@ -12,8 +12,16 @@
 //    error), without the system-log copy.
 //  - Line format: "MM/DD/YY HH:MM:SS:  LEVEL[pid]: file:line in function: text"
 //    ("MM/DD/YY HH:MM:SS:  VERBOSE[pid]: text" for level 5).
-//  - A message of level L is written when L + log_level - 5 >= 0.
+//  - A message of level L is written when L + log_level - 5 >= 0; LOG()
+//    tests this before it evaluates its arguments, so lines below the level
+//    cost one comparison.
+//  - The log file is kept open from line to line; it is opened again after
+//    logger_init() and logger_reopen(), and when the file at its path has
+//    been replaced or removed (rotated away), which is looked at once a
+//    second.
 #pragma once
+
+#include <atomic>
 
 enum log_levels {
     L_DEBUG = 0,
@@ -30,6 +38,9 @@ int logger_init(const char* path, int level, int to_syslog, int disable);
 
 void set_log_level(int level);
 
+// The next line opens the log file anew (after the file was rotated).
+void logger_reopen();
+
 // Log files get exactly `mode` (e.g. 0640), whatever the umask, also when
 // they exist already; 0 (the default) leaves creation to the umask.
 void logger_set_file_mode(unsigned mode);
@@ -44,4 +55,14 @@ unsigned long logger_problem_count();
 void write_log_async_safe(int level, const char* file, int line, const char* function,
                           const char* message);
 
-#define LOG(level, ...) write_log(level, __FILE_NAME__, __LINE__, __func__, __VA_ARGS__)
+namespace logger_detail {
+extern std::atomic<int> log_level;
+}  // namespace logger_detail
+
+// Whether a line of `level` can be written at the current level.
+inline bool log_wanted(int level) {
+    return level + logger_detail::log_level.load(std::memory_order_relaxed) - 5 >= 0;
+}
+
+#define LOG(level, ...) \
+    (log_wanted(level) ? write_log(level, __FILE_NAME__, __LINE__, __func__, __VA_ARGS__) : void())

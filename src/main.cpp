@@ -229,6 +229,7 @@ void apply_reload(const config& before, const config_ptr& after) {
 }
 
 void sig_hup(int) {
+    logger_reopen();  // a rotated log file is left for a new one
     LOG(L_NOTICE, "Hangup. Reloading configuration.");
     const config_ptr before = self->configs->current();
     if (self->configs->load() < 0) {

@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <thread>
+
 #include "support.h"
 
 namespace {
@@ -98,6 +101,20 @@ TEST_F(Logger, ConsoleFallbackAndLinesCutAt1023Characters) {
         EXPECT_EQ(line.size(), 19u + 1023u);
         EXPECT_EQ(line.back(), 'x');
     }
+}
+
+TEST_F(Logger, AFileMovedAwayIsLeftAfterAReopenOrASecond) {
+    logger_init(path().c_str(), 5, 0, 0);
+    write_log(L_NOTICE, "f.cpp", 1, "fn", "first");
+    ASSERT_EQ(0, rename(path().c_str(), (path() + ".1").c_str()));
+    logger_reopen();
+    write_log(L_NOTICE, "f.cpp", 1, "fn", "second");
+    ASSERT_EQ(0, unlink(path().c_str()));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // looked at once a second
+    write_log(L_NOTICE, "f.cpp", 1, "fn", "third");
+    EXPECT_EQ(1u, lines_of(read_file(path() + ".1")).size());  // "first" alone
+    EXPECT_EQ(1u, lines_of(log()).size()) << log();
+    EXPECT_NE(std::string::npos, log().find("third"));
 }
 
 TEST_F(Logger, ConcurrentWritersGiveWholeLines) {

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "billing/templates.h"
+#include "db/sqlite.h"
 #include "fias/codec.h"
 #include "handlers/context.h"
 #include "handlers/night_audit.h"
@@ -237,17 +238,31 @@ void open_room_query(dbdriver_t& drv, const std::string& statement) REQUIRES(drv
     drv.query(statement.c_str());
 }
 
+// Runs a room's marks in order. On an SQLite database a room's marks (each a
+// single statement) are committed together, so that a room costs one commit;
+// a crash in the middle posts again at most this room's calls.
 void run_marks(dbdriver_t& drv, const std::vector<std::string>& marks) REQUIRES(drv) {
+    if (marks.empty()) return;
+    bool single = true;
+    for (const std::string& m : marks) single = single && m.find(';') == std::string::npos;
+    const bool grouped = marks.size() > 1 && single && sqlite_begin(drv) == 0;
     for (const std::string& m : marks) drv.query(m.c_str());
+    if (grouped) sqlite_commit(drv);
 }
 
 void cache_pass(pass_env& env, const std::vector<std::string>& rooms) {
     LOG(L_DEBUG, "Cache case: check internal cdrcache values");
+    // The room's marks are committed together (see the durability note of
+    // the states file).
+    struct cache_mark {
+        std::string statement, param;
+        call_row row;
+    };
+    std::vector<cache_mark> marks;
     for (const std::string& room : rooms) {
-        const std::string query = cache_unposted_query(room);
         db_lock guard(sqliteint);
-        sqliteint.query(query.c_str());
-        std::vector<std::string> marks;
+        cache_select_unposted(room);
+        marks.clear();
         while (sqliteint.fetch_row() == 0) {
             LOG(L_DEBUG, "Have something in cache for room %s\n", room.c_str());
             call_row row;
@@ -256,13 +271,20 @@ void cache_pass(pass_env& env, const std::vector<std::string>& rooms) {
             fias_packet_ptr rec = post_call(env, sqliteint, room, row, &sequence);
             if (!rec) continue;
             std::string text = fias_packet_to_str(rec.get(), env.codec());
-            marks.push_back(prepare_query3(&sqliteint, cache_mark_statement, text.c_str(),
-                                           room.c_str(), row.date, row.time, sequence.c_str(),
-                                           env.fill));
-            LOG(L_DEBUG, "Sending mark query: %s\n", marks.back().c_str());
+            std::string mark =
+                prepare_query3(&sqliteint, cache_mark_statement, text.c_str(), room.c_str(),
+                               row.date, row.time, sequence.c_str(), env.fill);
+            LOG(L_DEBUG, "Sending mark query: %s\n", mark.c_str());
+            marks.push_back({std::move(mark), std::move(text), row});
         }
-        run_marks(sqliteint, marks);
+        if (marks.empty()) continue;
+        states_begin();
+        for (const cache_mark& m : marks)
+            cache_run_mark(m.statement, m.param, room, m.row.date, m.row.time);
+        states_commit();
     }
+    db_lock guard(sqliteint);
+    states_checkpoint();
 }
 
 bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>& rooms) {

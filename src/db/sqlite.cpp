@@ -6,6 +6,7 @@
 #include <cstring>
 #include <list>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "logger.h"
@@ -26,6 +27,8 @@ struct sqlite_closer {
 // record (file database, internal database) differ only in their record.
 class sqlite_handler_t final : public db_handle {
   public:
+    ~sqlite_handler_t() override { finalize_all(); }
+
     int connect(const char*, uint16_t, const char*, const char*, const char* database) override {
         if (initialized_) return 0;
         reset();
@@ -60,14 +63,71 @@ class sqlite_handler_t final : public db_handle {
         char* err = nullptr;
         int rc = sqlite3_exec(sqlite_.get(), statement, &sqlite_handler_t::sq_callback, this, &err);
         if (rc != SQLITE_OK) {
-            write_log(L_ERROR, __FILE_NAME__, __LINE__, "sq_query",
-                      "Sqlite query error: %s, ext.errcode %d", err ? err : sqlite3_errstr(rc),
-                      sqlite3_extended_errcode(sqlite_.get()));
+            query_error(err ? err : sqlite3_errstr(rc));
             sqlite3_free(err);
             return -1;
         }
         sqlite3_free(err);
         return 0;
+    }
+
+    // query() of `sql` with its "?" bound to `params`, as a statement
+    // prepared once per connection and kept until the connection closes.
+    int query_bound(const char* sql, std::initializer_list<std::string_view> params) {
+        free_result();
+        if (!sqlite_) return query(sql);  // fails and logs as query() does
+        sqlite3_stmt* st = prepared(sql);
+        if (!st) {
+            query_error(sqlite3_errmsg(sqlite_.get()));
+            return -1;
+        }
+        int i = 0;
+        for (std::string_view p : params)
+            sqlite3_bind_text(st, ++i, p.data(), static_cast<int>(p.size()), SQLITE_STATIC);
+        int rc;
+        while ((rc = sqlite3_step(st)) == SQLITE_ROW) {
+            const int n = sqlite3_column_count(st);
+            if (!rows_) rows_ = std::make_unique<std::list<row_t>>();
+            row_t& row = rows_->emplace_back();
+            row.colcount = n;
+            row.vals.reserve(static_cast<size_t>(n));
+            for (int c = 0; c < n; ++c) {
+                const auto* v = reinterpret_cast<const char*>(sqlite3_column_text(st, c));
+                row.vals.emplace_back(v ? v : "");
+            }
+        }
+        if (rc != SQLITE_DONE) query_error(sqlite3_errmsg(sqlite_.get()));
+        sqlite3_reset(st);
+        sqlite3_clear_bindings(st);
+        return rc == SQLITE_DONE ? 0 : -1;
+    }
+
+    // A transaction on an open connection that has none: 0, else -1 (nothing
+    // logged: the statements inside report their own failures).
+    int begin() {
+        if (!sqlite_ || !sqlite3_get_autocommit(sqlite_.get())) return -1;
+        return sqlite3_exec(sqlite_.get(), "BEGIN", nullptr, nullptr, nullptr) == SQLITE_OK ? 0
+                                                                                            : -1;
+    }
+
+    // Commits the open transaction; one that cannot be committed is rolled
+    // back and logged.
+    int commit() {
+        if (!sqlite_ || sqlite3_get_autocommit(sqlite_.get())) return 0;
+        char* err = nullptr;
+        if (sqlite3_exec(sqlite_.get(), "COMMIT", nullptr, nullptr, &err) == SQLITE_OK) return 0;
+        query_error(err ? err : sqlite3_errmsg(sqlite_.get()));
+        sqlite3_free(err);
+        sqlite3_exec(sqlite_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+        return -1;
+    }
+
+    // Writes the write-ahead log into the file as far as no reader holds it
+    // back, without waiting for anybody.
+    void checkpoint() {
+        if (sqlite_)
+            sqlite3_wal_checkpoint_v2(sqlite_.get(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr,
+                                      nullptr);
     }
 
     int fetch_row() override {
@@ -121,7 +181,10 @@ class sqlite_handler_t final : public db_handle {
         walking_ = false;
     }
 
-    void close() override { sqlite_.reset(); }
+    void close() override {
+        finalize_all();
+        sqlite_.reset();
+    }
 
     int is_connected() override { return initialized_ ? 0 : 1; }
 
@@ -147,13 +210,40 @@ class sqlite_handler_t final : public db_handle {
         return 0;
     }
 
+    void query_error(const char* text) {
+        write_log(L_ERROR, __FILE_NAME__, __LINE__, "sq_query",
+                  "Sqlite query error: %s, ext.errcode %d", text,
+                  sqlite3_extended_errcode(sqlite_.get()));
+    }
+
+    // The kept statement of `sql`, prepared now when it is new; null when it
+    // cannot be prepared.
+    sqlite3_stmt* prepared(const char* sql) {
+        for (auto& [text, st] : statements_)
+            if (text == sql) return st;
+        sqlite3_stmt* st = nullptr;
+        if (sqlite3_prepare_v3(sqlite_.get(), sql, -1, SQLITE_PREPARE_PERSISTENT, &st, nullptr) !=
+            SQLITE_OK)
+            return nullptr;
+        statements_.emplace_back(sql, st);
+        return st;
+    }
+
+    // Statements must go before their connection, or it could not close.
+    void finalize_all() {
+        for (auto& [text, st] : statements_) sqlite3_finalize(st);
+        statements_.clear();
+    }
+
     void reset() {
+        finalize_all();
         sqlite_.reset();
         free_result();
         initialized_ = 0;
     }
 
     std::unique_ptr<sqlite3, sqlite_closer> sqlite_;
+    std::vector<std::pair<std::string, sqlite3_stmt*>> statements_;
     std::unique_ptr<std::list<row_t>> rows_;
     std::list<row_t>::iterator next_;
     bool walking_ = false;
@@ -166,6 +256,26 @@ class sqlite_handler_t final : public db_handle {
 void sqlite_init_record(dbdriver_t& drv, const char* name) {
     drv.dbhandle = std::make_unique<sqlite_handler_t>();
     dbdriver_t::set_text16(drv.name, name);
+}
+
+int sqlite_begin(dbdriver_t& drv) {
+    auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
+    return h ? h->begin() : -1;
+}
+
+int sqlite_commit(dbdriver_t& drv) {
+    auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
+    return h ? h->commit() : -1;
+}
+
+void sqlite_checkpoint(dbdriver_t& drv) {
+    if (auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get())) h->checkpoint();
+}
+
+int sqlite_query_bound(dbdriver_t& drv, const char* sql,
+                       std::initializer_list<std::string_view> params) {
+    auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
+    return h ? h->query_bound(sql, params) : -1;
 }
 
 dbdriver_ptr sqlite_create_drv(const char* name) {

@@ -9,6 +9,7 @@
 //    marked open, so it is never opened again (statements then fail).
 #pragma once
 
+#include <initializer_list>
 #include <string>
 #include <string_view>
 
@@ -19,3 +20,23 @@ dbdriver_ptr sqlite_create_drv(const char* name);
 
 // Gives `drv` a fresh SQLite handle and the name `name`.
 void sqlite_init_record(dbdriver_t& drv, const char* name);
+
+// Like drv.query(sql), with each "?" of `sql` bound to the next text of
+// `params`; the statement is prepared once per connection and kept until the
+// connection closes, so that a statement run per room or per call is not
+// parsed every time. Rows are read with the fetch operations as after query();
+// errors are logged as query() logs them. -1 when `drv` is no SQLite record.
+int sqlite_query_bound(dbdriver_t& drv, const char* sql,
+                       std::initializer_list<std::string_view> params) REQUIRES(drv);
+
+// A transaction on the open connection of an SQLite record, under its lock,
+// so that a group of statements costs one commit: sqlite_begin() opens one
+// (0; -1 and nothing logged when the connection is closed or has one open
+// already), sqlite_commit() commits what is open (a failed commit is rolled
+// back and logged as a failed statement: -1).
+int sqlite_begin(dbdriver_t& drv) REQUIRES(drv);
+int sqlite_commit(dbdriver_t& drv) REQUIRES(drv);
+
+// Writes the write-ahead log of an SQLite record's open connection into its
+// file as far as readers allow, without waiting (nothing logged).
+void sqlite_checkpoint(dbdriver_t& drv) REQUIRES(drv);

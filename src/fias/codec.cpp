@@ -9,6 +9,12 @@ namespace {
 // A two-character pair of a date or time, read with automatic base: a pair
 // with a leading zero is octal, so "08" and "09" read as 0.
 uint8_t read_pair(const char* p, int base) {
+    const auto digit = [](char c) { return c >= '0' && c <= '9'; };
+    if (digit(p[0]) && digit(p[1])) {
+        const int hi = p[0] - '0', lo = p[1] - '0';
+        if (base == 0 && hi == 0) return static_cast<uint8_t>(lo < 8 ? lo : 0);  // octal
+        return static_cast<uint8_t>(hi * 10 + lo);
+    }
     char pair[3] = {p[0], p[1], '\0'};
     return static_cast<uint8_t>(strtoul(pair, nullptr, base));
 }
@@ -16,7 +22,7 @@ uint8_t read_pair(const char* p, int base) {
 void read_value(fias_field_t& f, const char* begin, const char* end,
                 const fias_codec_options& opts) {
     const int base = opts.numbers ? 10 : 0;
-    auto v = std::make_unique<fias_value_t>();
+    fias_value_t* v = &f.value.emplace();
     const size_t len = static_cast<size_t>(end - begin);
     switch (f.type) {
         case FIAS_TYPE_DATE:
@@ -37,15 +43,14 @@ void read_value(fias_field_t& f, const char* begin, const char* end,
             v->bval = begin[0] == 'Y' ? 1 : 0;
             break;
         case FIAS_TYPE_INT: {
-            std::string digits(begin, len);
-            v->ival = static_cast<uint32_t>(strtoul(digits.c_str(), nullptr, 0));
+            // strtoul stops at the "|" that ends the value.
+            v->ival = static_cast<uint32_t>(strtoul(begin, nullptr, 0));
             break;
         }
         default:
             v->str.emplace(begin, len);
             break;
     }
-    f.value = std::move(v);
 }
 
 // The value text of one field as it goes on the wire, or nothing when a text
@@ -82,21 +87,54 @@ fias_packet_ptr fias_parse_packet(const char* line, int /*packetlen*/,
 
     char type[3] = {line[0], line[0] ? line[1] : '\0', '\0'};
     const fias_catalogue_row* row = fias_packets;
-    while (row->num_fields != 0 && strcmp(row->packet, type) != 0) row++;
+    while (row->num_fields != 0 &&
+           !(row->packet[0] == type[0] && row->packet[1] == type[1] && row->packet[2] == type[2]))
+        row++;
     if (row->num_fields == 0) return nullptr;
 
     fias_packet_ptr p = fias_packet_from_row(*row);
-    const size_t line_len = strlen(line);
+    // Where each "|" is: a field is found at the first "|" followed by its
+    // name (a value never holds a "|"), so the line is walked once.
+    constexpr int kMarks = 64;
+    const char* bars[kMarks];
+    int nbars = 0;
+    const char* c = line;
+    for (; *c; ++c)
+        if (*c == '|' && nbars < kMarks) bars[nbars++] = c;
+    const size_t line_len = static_cast<size_t>(c - line);
+    const bool all_bars = nbars < kMarks;
     for (fias_field_t& f : p->fields) {
         // An unused slot searches for the bare "|" and so picks up the value
         // of the line's first field; it is never looked up by name.
         const bool unused = f.name[0] == '\0';
-        char needle[4] = "|";
-        strncat(needle, f.name, 2);
-        const char* at = strstr(line, needle);
+        const char* at = nullptr;
+        int next = 0;  // the first "|" that can end the value
+        if (unused) {
+            at = nbars > 0 ? bars[0] : nullptr;
+        } else if (all_bars && f.name[1] != '\0') {
+            for (int i = 0; i < nbars; ++i) {
+                if (bars[i][1] == f.name[0] && bars[i][2] == f.name[1]) {
+                    at = bars[i];
+                    next = i;
+                    break;
+                }
+            }
+        } else {
+            char needle[4] = "|";
+            strncat(needle, f.name, 2);
+            at = strstr(line, needle);
+        }
         if (!at) continue;
         const size_t start = static_cast<size_t>(at - line) + 3;
-        const char* end = start <= line_len ? strchr(line + start, '|') : nullptr;
+        const char* end = nullptr;
+        if (start <= line_len) {
+            if (all_bars) {
+                while (next < nbars && bars[next] < line + start) ++next;
+                if (next < nbars) end = bars[next];
+            } else {
+                end = strchr(line + start, '|');
+            }
+        }
         if (!end) {
             if (unused) continue;
             return nullptr;  // a field value without its closing "|"

@@ -97,11 +97,12 @@ fias_packet_ptr fias_packet_from_row(const fias_catalogue_row& row) {
     auto p = std::make_unique<fias_packet_t>();
     strncpy(p->packet, row.packet, sizeof p->packet - 1);
     p->packet_code = row.packet_code;
-    strncpy(p->desc, row.desc, sizeof p->desc - 1);
+    memcpy(p->desc, row.desc, strnlen(row.desc, sizeof p->desc - 1));
     p->num_fields = row.num_fields;
     for (int i = 0; i < FIAS_MAX_FIELDS; i++) {
-        if (row.fields[i].name) {
-            strncpy(p->fields[i].name, row.fields[i].name, sizeof p->fields[i].name - 1);
+        if (const char* name = row.fields[i].name) {
+            p->fields[i].name[0] = name[0];
+            if (name[0]) p->fields[i].name[1] = name[1];
         }
         p->fields[i].type = row.fields[i].type;
     }
@@ -135,14 +136,15 @@ void fias_set_packet_field(fias_packet_t* p, const char* field, const fias_value
     }
     if (!slot) return;
 
-    auto v = std::make_unique<fias_value_t>();
     if (val->str) {
-        v->str = *val->str;
+        const std::string text = *val->str;  // `val` may be the slot's own value
+        slot->value.emplace().str = text;
     } else {
-        v->ival = val->ival;
-        v->bval = val->bval;
-        v->date = val->date;
-        v->time = val->time;
+        fias_value_t v;
+        v.ival = val->ival;
+        v.bval = val->bval;
+        v.date = val->date;
+        v.time = val->time;
+        slot->value.emplace() = v;
     }
-    slot->value = std::move(v);
 }

@@ -84,10 +84,36 @@ struct fias_value_t {
     fias_time_t time;
 };
 
+// A field's value, kept inside the field: reading a record allocates
+// nothing per field. Used like a pointer: false when the field has no value.
+class fias_value_slot {
+  public:
+    explicit operator bool() const { return v_.has_value(); }
+    fias_value_t* operator->() { return &*v_; }
+    const fias_value_t* operator->() const { return &*v_; }
+    fias_value_t& operator*() { return *v_; }
+    const fias_value_t& operator*() const { return *v_; }
+    fias_value_t* get() { return v_ ? &*v_ : nullptr; }
+    // A fresh value without text (replacing any value).
+    fias_value_t& emplace() { return v_.emplace(); }
+    void reset() { v_.reset(); }
+    // Takes the value `p` points to (none for null).
+    fias_value_slot& operator=(std::unique_ptr<fias_value_t> p) {
+        if (p)
+            v_ = std::move(*p);
+        else
+            v_.reset();
+        return *this;
+    }
+
+  private:
+    std::optional<fias_value_t> v_;
+};
+
 struct fias_field_t {
     char name[3] = "";  // empty = unused slot
     uint8_t type = FIAS_TYPE_STR;
-    std::unique_ptr<fias_value_t> value;  // null = no value in this packet
+    fias_value_slot value;  // false = no value in this packet
 };
 
 struct fias_packet_t {

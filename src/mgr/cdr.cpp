@@ -3,8 +3,11 @@
 #include <signal.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
+#include <optional>
+#include <string_view>
 
 #include "logger.h"
 #include "ops/notify.h"
@@ -22,6 +25,141 @@ void ignore_sigpipe() {
 
 }  // namespace
 
+cdr_rooms::cdr_rooms(std::vector<std::string> rooms) : list(std::move(rooms)), sorted(list) {
+    std::sort(sorted.begin(), sorted.end());
+}
+
+bool cdr_rooms::contains(const char* room) const {
+    return std::binary_search(sorted.begin(), sorted.end(), std::string_view(room));
+}
+
+namespace {
+
+// The insert of a room's call: its values (escaped when asked) and statement.
+struct cache_insert {
+    std::string values[cache_insert_values];
+    std::string statement;
+
+    void run() const REQUIRES(sqliteint) {
+        const char* v[cache_insert_values];
+        for (int i = 0; i < cache_insert_values; ++i) v[i] = values[i].c_str();
+        cache_run_insert(statement, v);
+    }
+};
+
+cache_insert make_insert(const message& m, bool escape) {
+    static const char* const names[cache_insert_values] = {"CallerID",
+                                                           "Source",
+                                                           "Destination",
+                                                           "DestinationContext",
+                                                           "Channel",
+                                                           "DestinationChannel",
+                                                           "LastApplication",
+                                                           "LastData",
+                                                           "StartTime",
+                                                           "AnswerTime",
+                                                           "EndTime",
+                                                           "Duration",
+                                                           "BillableSeconds",
+                                                           "Disposition",
+                                                           "AMAFlags",
+                                                           "From",
+                                                           "To",
+                                                           "Cost",
+                                                           "AccountCode",
+                                                           "CallClass",
+                                                           "FaxData",
+                                                           "UniqueID"};
+    cache_insert insert;
+    const char* v[cache_insert_values];
+    for (int i = 0; i < cache_insert_values; ++i) {
+        const char* header = mgr_get_header(m, names[i]);
+        if (escape)
+            insert.values[i] = sqliteint.dbhandle->escape(header);
+        else
+            insert.values[i] = header;
+        v[i] = insert.values[i].c_str();
+    }
+    insert.statement = cache_insert_statement(v);
+    return insert;
+}
+
+// The insert of `m` when its source is one of `rooms`, with the DEBUG lines
+// of the test (which are not made when they would not be written: the sorted
+// list then answers it).
+std::optional<cache_insert> room_call(const message& m, const cdr_rooms& rooms, bool escape) {
+    const char* src = mgr_get_header(m, "Source");
+    if (!log_wanted(L_DEBUG)) {
+        if (rooms.list.empty()) {
+            LOG(L_ERROR, "No rooms or empty list iterator\n");
+            return std::nullopt;
+        }
+        if (!rooms.contains(src)) return std::nullopt;
+        return make_insert(m, escape);
+    }
+    cache_insert insert = make_insert(m, escape);
+    LOG(L_DEBUG, "The query is: %s\n", insert.statement.c_str());
+    // The room list is this thread's own: the states file is locked for the
+    // insert alone.
+    if (rooms.list.empty()) {
+        LOG(L_ERROR, "No rooms or empty list iterator\n");
+        return std::nullopt;
+    }
+    for (const std::string& room : rooms.list) {
+        LOG(L_DEBUG, "TESTING '%s' ?= '%s'\n", src, room.c_str());
+        if (room == src) {
+            LOG(L_DEBUG, "'%s' matches '%s'\n", src, room.c_str());
+            LOG(L_DEBUG, "sending cache insert query");
+            return insert;
+        }
+    }
+    return std::nullopt;
+}
+
+// Room calls read one after the other, stored together: in one transaction
+// when the reader is about to wait for the manager, before it logs in again,
+// when the thread ends, and at the latest every kBatch calls. The calls of a
+// burst are so stored at the pace they arrive, and a call is in the states
+// file before the thread waits for anything.
+class insert_batch {
+  public:
+    static constexpr size_t kBatch = 256;
+
+    void add(cache_insert insert) {
+        pending_.push_back(std::move(insert));
+        if (pending_.size() >= kBatch) store();
+    }
+
+    void store() {
+        if (pending_.empty()) return;
+        {
+            db_lock guard(sqliteint);
+            if (pending_.size() > 1) states_begin();
+            for (const cache_insert& insert : pending_) insert.run();
+            states_commit();
+        }
+        pending_.clear();
+    }
+
+    ~insert_batch() { store(); }
+
+  private:
+    std::vector<cache_insert> pending_;
+};
+
+}  // namespace
+
+void mgr_cache_cdr(const message& m, const cdr_rooms& rooms, bool escape) {
+    if (std::optional<cache_insert> insert = room_call(m, rooms, escape)) {
+        db_lock guard(sqliteint);
+        insert->run();
+    }
+}
+
+void mgr_cache_cdr(const message& m, const std::vector<std::string>& rooms, bool escape) {
+    mgr_cache_cdr(m, cdr_rooms(rooms), escape);
+}
+
 void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
     const std::string host = cfg->mgr_host.value_or("");
     const std::string user = cfg->mgr_user.value_or("");
@@ -36,15 +174,16 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
         hide ? "(hidden)" : passwd.c_str());
 
     unsigned version = states_rooms_version();
-    std::vector<std::string> rooms;
-    if (states_room_list(rooms, &cfg->statesfile) == -1) {
+    std::vector<std::string> list;
+    if (states_room_list(list, &cfg->statesfile) == -1) {
         LOG(L_ERROR, "Unable to open states file %s", cfg->statesfile.c_str());
         notify_stopped(notify_part::capture,
                        "call capture stopped: the states file cannot be read");
         return;
     }
-    for (const std::string& room : rooms)
+    for (const std::string& room : list)
         LOG(L_DEBUG, "Adding cdrmanager rooms room %s\n", room.c_str());
+    cdr_rooms rooms(std::move(list));
 
     auto session = std::make_unique<mansession>();
     if (mgr_init(*session, host.c_str(), cfg->mgr_port, user.c_str(), passwd.c_str()) < 0) {
@@ -55,6 +194,8 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
     }
     session->wake_fd = stop.fd();
     session->hide_secret = hide;
+    insert_batch batch;
+    session->before_wait = [&batch] { batch.store(); };
     char addr[INET_ADDRSTRLEN];
     mgr_inet_ntoa(addr, sizeof addr, session->sin.sin_addr);
 
@@ -72,8 +213,9 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
         msg->clear();
         int res = mgr_read(*session, *msg);
         if (res >= 1) {
-            for (int i = 0; i < msg->hdrcount; ++i)
-                LOG(L_DEBUG, "%s got: %s", addr, msg->headers[i]);
+            if (log_wanted(L_DEBUG))
+                for (int i = 0; i < msg->hdrcount; ++i)
+                    LOG(L_DEBUG, "%s got: %s", addr, msg->headers[i]);
             if (session->connected != 0) {
                 if (strcasecmp(mgr_get_header(*msg, "Event"), "Cdr") != 0) continue;
                 // With [fixes] reload a call is matched against the rooms of
@@ -81,9 +223,10 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
                 if (cfg->fixes.reload && version != states_rooms_version()) {
                     version = states_rooms_version();
                     std::vector<std::string> now;
-                    if (states_room_list(now) == 0) rooms = std::move(now);
+                    if (states_room_list(now) == 0) rooms = cdr_rooms(std::move(now));
                 }
-                mgr_cache_cdr(*msg, rooms, cfg->fixes.escape);
+                if (std::optional<cache_insert> insert = room_call(*msg, rooms, cfg->fixes.escape))
+                    batch.add(std::move(*insert));
             } else {
                 const char* text = mgr_get_header(*msg, "Message");
                 if (strcmp(text, "Authentication accepted") == 0) {
@@ -94,62 +237,10 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
                 }
             }
         } else if (res < 0) {
+            batch.store();
             if (stop.requested()) break;
             LOG(L_ERROR, "%s: Not connected", addr);
             if (mgr_login(*session, events.c_str()) == 1) break;
         }
-    }
-}
-
-void mgr_cache_cdr(const message& m, const std::vector<std::string>& rooms, bool escape) {
-    const char* const headers[cache_insert_values] = {mgr_get_header(m, "CallerID"),
-                                                      mgr_get_header(m, "Source"),
-                                                      mgr_get_header(m, "Destination"),
-                                                      mgr_get_header(m, "DestinationContext"),
-                                                      mgr_get_header(m, "Channel"),
-                                                      mgr_get_header(m, "DestinationChannel"),
-                                                      mgr_get_header(m, "LastApplication"),
-                                                      mgr_get_header(m, "LastData"),
-                                                      mgr_get_header(m, "StartTime"),
-                                                      mgr_get_header(m, "AnswerTime"),
-                                                      mgr_get_header(m, "EndTime"),
-                                                      mgr_get_header(m, "Duration"),
-                                                      mgr_get_header(m, "BillableSeconds"),
-                                                      mgr_get_header(m, "Disposition"),
-                                                      mgr_get_header(m, "AMAFlags"),
-                                                      mgr_get_header(m, "From"),
-                                                      mgr_get_header(m, "To"),
-                                                      mgr_get_header(m, "Cost"),
-                                                      mgr_get_header(m, "AccountCode"),
-                                                      mgr_get_header(m, "CallClass"),
-                                                      mgr_get_header(m, "FaxData"),
-                                                      mgr_get_header(m, "UniqueID")};
-    std::string escaped[cache_insert_values];
-    const char* values[cache_insert_values];
-    for (int i = 0; i < cache_insert_values; ++i) {
-        if (escape) escaped[i] = sqliteint.dbhandle->escape(headers[i]);
-        values[i] = escape ? escaped[i].c_str() : headers[i];
-    }
-    const std::string query = cache_insert_statement(values);
-    LOG(L_DEBUG, "The query is: %s\n", query.c_str());
-
-    db_lock guard(sqliteint);
-    const char* src = mgr_get_header(m, "Source");
-    if (rooms.empty()) {
-        LOG(L_ERROR, "No rooms or empty list iterator\n");
-        return;
-    }
-    bool matched = false;
-    for (const std::string& room : rooms) {
-        LOG(L_DEBUG, "TESTING '%s' ?= '%s'\n", src, room.c_str());
-        if (room == src) {
-            LOG(L_DEBUG, "'%s' matches '%s'\n", src, room.c_str());
-            matched = true;
-            break;
-        }
-    }
-    if (matched) {
-        LOG(L_DEBUG, "sending cache insert query");
-        sqliteint.query(query.c_str());
     }
 }

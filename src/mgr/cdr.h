@@ -26,7 +26,18 @@
 
 void cdrmanager_thread(config_ptr cfg, stop_flag& stop);
 
+// The rooms whose calls are cached: in the order of the `rooms` table (the
+// order in which a call's source is compared with them, one DEBUG line each),
+// and sorted, for the same test when DEBUG lines are not written.
+struct cdr_rooms {
+    std::vector<std::string> list;
+    std::vector<std::string> sorted;
+    explicit cdr_rooms(std::vector<std::string> rooms);
+    bool contains(const char* room) const;
+};
+
 // Inserts the `Cdr` event `m` into `cdrcache` when its Source is one of
 // `rooms` (exact comparison). A failed insert is logged by the driver and the
 // call is lost. With `escape` ([fixes] escape) the values are escaped.
+void mgr_cache_cdr(const message& m, const cdr_rooms& rooms, bool escape = false);
 void mgr_cache_cdr(const message& m, const std::vector<std::string>& rooms, bool escape = false);

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -66,6 +67,8 @@ void mansession::reset() {
     dead = 0;
     wake_fd = -1;
     hide_secret = false;
+    before_wait = nullptr;
+    quick_reads = 0;
     busy = 0;
     std::memset(actionid, 0, sizeof actionid);
     std::memset(challenge, 0, sizeof challenge);
@@ -210,6 +213,7 @@ int mgr_write(mansession& s, const message& m) {
 
 int mgr_add_header(message& m, const char* fmt, ...) {
     if (m.hdrcount > message::max_headers - 1) return 1;
+    m.touch(m.hdrcount);
     va_list ap;
     va_start(ap, fmt);
     vsnprintf(m.headers[m.hdrcount], sizeof m.headers[m.hdrcount], fmt, ap);
@@ -242,12 +246,21 @@ int mgr_login(mansession& s, const char* events) {
 }
 
 const char* mgr_get_header(const message& m, const char* name) {
-    char key[80];
-    snprintf(key, sizeof key, "%s: ", name ? name : "");
-    size_t keylen = strlen(key);
-    int count = m.hdrcount < message::max_headers ? m.hdrcount : message::max_headers;
-    for (int i = 0; i < count; ++i) {
-        if (strncasecmp(key, m.headers[i], keylen) == 0) return m.headers[i] + keylen;
+    // The key is "<name>: ", cut to 79 characters.
+    if (!name) name = "";
+    const size_t namelen = strnlen(name, 80);
+    if (namelen > 77) {
+        char key[80];
+        snprintf(key, sizeof key, "%s: ", name);
+        const size_t keylen = strlen(key);
+        for (int i = 0; i < std::min(m.hdrcount, message::max_headers); ++i)
+            if (strncasecmp(key, m.headers[i], keylen) == 0) return m.headers[i] + keylen;
+        return "";
+    }
+    for (int i = 0; i < std::min(m.hdrcount, message::max_headers); ++i) {
+        const char* h = m.headers[i];
+        if (strncasecmp(name, h, namelen) == 0 && h[namelen] == ':' && h[namelen + 1] == ' ')
+            return h + namelen + 2;
     }
     return "";
 }
@@ -273,6 +286,19 @@ int mgr_get_input(mansession& s, char* output) {
     }
 
     if (s.fd < 0) return -1;  // no socket to wait on: never block for ever on nothing
+    const size_t room = sizeof s.inbuf - 1 - static_cast<size_t>(s.inlen);
+    if (++s.quick_reads < 64) {
+        ssize_t n = recv(s.fd, s.inbuf + s.inlen, room, MSG_DONTWAIT);
+        if (n == 0) return -1;
+        if (n > 0) {
+            s.inlen += static_cast<int>(n);
+            s.inbuf[s.inlen] = '\0';
+            return 0;
+        }
+        if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) return -1;
+    }
+    s.quick_reads = 0;
+    if (s.before_wait) s.before_wait();
     for (;;) {
         pollfd p[2] = {{s.fd, POLLIN, 0}, {s.wake_fd, POLLIN, 0}};
         int r = poll(p, s.wake_fd >= 0 ? 2 : 1, -1);
@@ -285,7 +311,7 @@ int mgr_get_input(mansession& s, char* output) {
         LOG(L_ERROR, "Select returned error");
         return -1;
     }
-    ssize_t n = recv(s.fd, s.inbuf + s.inlen, static_cast<size_t>(sizeof s.inbuf - 1 - s.inlen), 0);
+    ssize_t n = recv(s.fd, s.inbuf + s.inlen, room, 0);
     if (n <= 0) return -1;
     s.inlen += static_cast<int>(n);
     s.inbuf[s.inlen] = '\0';
@@ -295,6 +321,7 @@ int mgr_get_input(mansession& s, char* output) {
 int mgr_read(mansession& s, message& m) {
     for (;;) {
         char* slot = m.headers[m.hdrcount];
+        m.touch(m.hdrcount);
         int res = mgr_get_input(s, slot);
         if (strstr(slot, "--END COMMAND--")) {
             LOG(L_DEBUG, "Found END COMMAND");

@@ -10,15 +10,18 @@
 //    as long as it takes). mgr_login answers 1 once the manager has refused a
 //    login (`connected` -1): a refused login is never retried.
 //  - A message is about a quarter of a megabyte: keep it on the heap
-//    (std::make_unique<message>()) and clear() it before every mgr_read.
+//    (std::make_unique<message>()) and clear() it before every mgr_read;
+//    clear() empties only the slots used since the last clear().
 //  - Writes use MSG_NOSIGNAL, so a connection closed by the manager makes a
 //    write fail instead of raising SIGPIPE.
 #pragma once
 
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <string>
 
 struct mansession {
@@ -31,10 +34,14 @@ struct mansession {
     std::atomic<int> dead{0};  // when set, an interrupted wait for input fails the read
     int wake_fd = -1;          // not owned: readable once the session must stop (-1: none)
     bool hide_secret = false;  // the secret is not written to the log
-    int busy = 0;              // not used
-    char actionid[1024]{};     // not used
-    char challenge[10]{};      // not used
-    int depth = 0;             // not used
+    // Called when a read is about to wait for the manager (not owned; may be
+    // empty): what was read so far can be dealt with before the wait.
+    std::function<void()> before_wait;
+    int quick_reads = 0;    // receives in a row that did not wait
+    int busy = 0;           // not used
+    char actionid[1024]{};  // not used
+    char challenge[10]{};   // not used
+    int depth = 0;          // not used
     std::string user;
     std::string pass;
     std::string server;  // not used
@@ -56,8 +63,19 @@ struct message {
     char uniqueid[80]{};  // not used
     char headers[max_headers + 1][line_size]{};
     int in_command = 0;  // 1 between "Response: Follows" and "--END COMMAND--"
+    int touched = 0;     // slots written since the last clear(): only they can hold text
 
-    void clear() { std::memset(static_cast<void*>(this), 0, sizeof *this); }
+    // Every slot empty, no header, not in a command.
+    void clear() {
+        const int used = std::min(std::max(touched, hdrcount + 1), max_headers + 1);
+        for (int i = 0; i < used; ++i) headers[i][0] = '\0';
+        hdrcount = 0;
+        uniqueid[0] = '\0';
+        in_command = 0;
+        touched = 0;
+    }
+    // Slot `i` is about to be written.
+    void touch(int i) { touched = std::max(touched, i + 1); }
 };
 
 // Resolves `host` (IPv4), creates the socket and keeps the login data.
@@ -95,7 +113,9 @@ const char* mgr_get_header(const message& m, const char* name);
 
 // Returns the next buffered line in `output` (1024 bytes) without its line end
 // (1), or waits without time limit for the socket and receives more bytes (0),
-// or fails (-1: peer closed, receive or wait error, wake_fd readable).
+// or fails (-1: peer closed, receive or wait error, wake_fd readable). Bytes
+// that have arrived already are received without a wait (wake_fd is looked
+// at when it waits, and at least every 64th receive).
 int mgr_get_input(mansession& s, char* output);
 
 // Reads one whole message into the cleared `m`: 1, or negative on failure.

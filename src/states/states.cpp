@@ -32,6 +32,13 @@ const char* const sql_create_table =
 const char* const sql_create_table_index =
     "CREATE INDEX IF NOT EXISTS `idx_cdrcache_c_from_start` ON `cdrcache` (`c_from`,`start`)";
 
+const char* const sql_create_unposted_index =
+    "CREATE INDEX IF NOT EXISTS `idx_cdrcache_src_userfield` ON `cdrcache` (`src`,`userfield`)";
+
+const char* const sql_create_start_index =
+    "CREATE INDEX IF NOT EXISTS `idx_cdrcache_src_start` ON `cdrcache` "
+    "(`src`,date(`start`),time(`start`))";
+
 const char* const cache_mark_statement =
     "update cdrcache set userfield='%param%' where src='%exten%' and date(start)='%date%' and "
     "time(start)='%time%'";
@@ -54,6 +61,22 @@ const char* const insert_format =
     "callclass, faxdata,uniqueid,userfield) VALUES ('%s', '%s', '%s', '%s', '%s', '%s', '%s', "
     "'%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', "
     "'%s','%s','')";
+
+// The statements above with parameters, for sqlite_query_bound().
+const char* const unposted_bound =
+    "select date(start),time(start),dst,billsec,-1 from cdrcache where src=? and "
+    "(userfield='NULL' or userfield=NULL or userfield='')";
+const char* const mark_bound =
+    "update cdrcache set userfield=? where src=? and date(start)=? and time(start)=?";
+const char* const insert_bound =
+    "INSERT INTO cdrcache (clid,src,dst,dcontext,channel,dstchannel,lastapp,lastdata, "
+    "start,answer,end,duration,billsec,disposition,amaflags, c_from, c_to, cost,accountcode, "
+    "callclass, faxdata,uniqueid,userfield) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
+    "?, ?, ?, ?, ?, ?,?,'')";
+
+bool has_quote(std::string_view v) {
+    return v.find('\'') != std::string_view::npos;
+}
 
 // Never destroyed (its holder is trivially destructible): detached record
 // workers may still use it while the process exits.
@@ -81,19 +104,32 @@ std::atomic<unsigned> rooms_version{0};
 int open_states_file(const std::string& statesfile) {
     db_lock guard(sqliteint);
     if (!connect_states(statesfile)) return -1;
-    // Durability: with a write-ahead log and synchronous=NORMAL a statement
-    // that returned is in the log file before the next one runs, so a crash
-    // of the daemon at any instant loses nothing that was written (a cached
-    // call, a mark); only a crash of the whole machine may lose the last
-    // transactions since the log was last synced. In return a write costs
-    // no disk sync, so that a burst of records or calls keeps its pace.
+    // Durability. With a write-ahead log and synchronous=NORMAL a transaction
+    // that has returned is in the log file (the operating system's cache)
+    // before the next statement runs, so a crash of the daemon at any instant
+    // loses nothing committed; only a crash of the whole machine may lose
+    // the transactions since the log was last synced (at a checkpoint: after
+    // each cycle's posting pass, at the latest every 10,000 pages).
+    // The calls the capture thread reads back to back are committed together
+    // as soon as it would wait for more input (at the latest every 256):
+    // once cached, a call is never lost by a crash of the daemon. The marks of one
+    // room's postings are committed together after its records were sent,
+    // so a crash in the middle posts again at most that room's calls, as a
+    // crash between a send and its mark always could. No write waits for a
+    // disk sync, so a burst of calls or postings keeps its pace.
     sqliteint.query("PRAGMA journal_mode=WAL");
     sqliteint.query("PRAGMA synchronous=NORMAL");
+    // The log is written into the file (and synced) after each billing
+    // cycle's posting pass, not every 1,000 pages in the middle of it; the
+    // bound stays for runs in which the link is down and nothing is posted.
+    sqliteint.query("PRAGMA wal_autocheckpoint=10000");
     if (sqliteint.query("select count(*) from rooms") < 0) sqliteint.query(sql_create_rooms);
     if (sqliteint.query("select count(*) from cdrcache") < 0) {
         sqliteint.query(sql_create_table);
         sqliteint.query(sql_create_table_index);
     }
+    sqliteint.query(sql_create_unposted_index);
+    sqliteint.query(sql_create_start_index);
     sqliteint.free_result();
     return 0;
 }
@@ -144,6 +180,48 @@ int states_room_list(std::vector<std::string>& rooms, const std::string* statesf
     }
     sqliteint.free_result();
     return rc == 0 ? 0 : -2;
+}
+
+int cache_select_unposted(const std::string& room) {
+    const std::string text = cache_unposted_query(room);
+    if (has_quote(room) || text.size() >= 1023) return sqliteint.query(text.c_str());
+    return sqlite_query_bound(sqliteint, unposted_bound, {room});
+}
+
+int cache_run_mark(const std::string& statement, std::string_view param, std::string_view room,
+                   std::string_view date, std::string_view time) {
+    std::string plain;
+    plain.reserve(statement.size());
+    plain.append("update cdrcache set userfield='").append(param);
+    plain.append("' where src='").append(room);
+    plain.append("' and date(start)='").append(date);
+    plain.append("' and time(start)='").append(time).append("'");
+    if (plain != statement || has_quote(param) || has_quote(room) || has_quote(date) ||
+        has_quote(time))
+        return sqliteint.query(statement.c_str());
+    return sqlite_query_bound(sqliteint, mark_bound, {param, room, date, time});
+}
+
+int cache_run_insert(const std::string& statement, const char* const (&v)[cache_insert_values]) {
+    bool plain = statement.size() < 2047;
+    for (const char* value : v) plain = plain && !has_quote(value);
+    if (!plain) return sqliteint.query(statement.c_str());
+    return sqlite_query_bound(
+        sqliteint, insert_bound,
+        {v[0],  v[1],  v[2],  v[3],  v[4],  v[5],  v[6],  v[7],  v[8],  v[9],  v[10],
+         v[11], v[12], v[13], v[14], v[15], v[16], v[17], v[18], v[19], v[20], v[21]});
+}
+
+void states_checkpoint() {
+    sqlite_checkpoint(sqliteint);
+}
+
+void states_begin() {
+    sqlite_begin(sqliteint);
+}
+
+void states_commit() {
+    sqlite_commit(sqliteint);
 }
 
 std::string cache_insert_statement(const char* const (&v)[cache_insert_values]) {

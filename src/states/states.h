@@ -13,6 +13,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "db/driver.h"
@@ -24,8 +25,17 @@ extern const char* const sql_create_rooms;
 extern const char* const sql_create_table;        // cdrcache
 extern const char* const sql_create_table_index;  // its index
 
-// Opens the states file and creates `rooms` and `cdrcache` when missing.
-// 0, or -1 when the file cannot be opened.
+// The cache's own indexes, made when missing each time the file is opened
+// (also on a file made by an older version): a room's calls not yet posted,
+// and the calls of one room and start second that a mark or an accepted
+// posting looks for. With them a billing cycle's cost follows the rooms and
+// the calls still to post, not the calls posted long ago.
+extern const char* const sql_create_unposted_index;
+extern const char* const sql_create_start_index;
+
+// Opens the states file, chooses its journal (see the durability note in
+// states.cpp), creates `rooms` and `cdrcache` when missing and the cache's
+// indexes. 0, or -1 when the file cannot be opened.
 int open_states_file(const std::string& statesfile);
 
 // Writes `room` into `rooms` ("replace into", calls 0). Both stamps are
@@ -59,6 +69,32 @@ std::string cache_insert_statement(const char* const (&values)[cache_insert_valu
 
 // The select of a room's calls not yet posted: date, time, dst, billsec, -1.
 std::string cache_unposted_query(const std::string& room);
+
+// Runs cache_unposted_query(room), under the lock the caller holds; the rows
+// are then read with the record's fetch operations. 0, or -1 when it failed
+// (logged by the driver).
+int cache_select_unposted(const std::string& room) REQUIRES(sqliteint);
+
+// Runs `statement`, the cache_mark_statement filled with `param`, `room`,
+// `date` and `time`, under the lock the caller holds. 0 or -1 as query().
+int cache_run_mark(const std::string& statement, std::string_view param, std::string_view room,
+                   std::string_view date, std::string_view time) REQUIRES(sqliteint);
+
+// Runs `statement`, made by cache_insert_statement(values), under the lock
+// the caller holds. 0 or -1 as query().
+int cache_run_insert(const std::string& statement, const char* const (&values)[cache_insert_values])
+    REQUIRES(sqliteint);
+
+// These three run the same statement as its text would, but parsed once per
+// connection: a text that the plain values would not give (a value with a
+// quote, a statement cut at its buffer's end) runs as it stands.
+
+// Groups statements on the states file into one transaction (see the
+// durability note in states.cpp), under the lock the caller holds.
+void states_begin() REQUIRES(sqliteint);
+// Writes what the log holds into the states file (after a cycle's postings).
+void states_checkpoint() REQUIRES(sqliteint);
+void states_commit() REQUIRES(sqliteint);
 
 // Templates run on the states file (placeholders filled by the template
 // routines): the mark of a posted call, and what an accepted posting answer

@@ -1,0 +1,78 @@
+#!/usr/bin/env bash
+# Builds the benchmarks in a Release build (build-bench/), runs them all and
+# prints one table: measure | figure | target.
+#
+# Each program runs BENCH_RUNS times (default 3) and the best figure counts,
+# since a shared machine slows single runs down. Cycles, bursts and the
+# reader are wall-clock figures (they involve several threads and the disk);
+# the parser and the log line are the CPU time of the one thread doing them.
+# The raw results stay in build-bench/results/.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+runs=${BENCH_RUNS:-3}
+jobs=$(nproc 2>/dev/null || echo 2)
+bash scripts/setup.sh
+cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DORLANBECK_TESTS=OFF \
+      -DORLANBECK_BENCH=ON >/dev/null
+cmake --build build-bench -j"$jobs" --target fias_bench logger_bench mgr_bench billing_bench >/dev/null
+
+out=build-bench/results
+rm -rf "$out"
+mkdir -p "$out"
+for run in $(seq 1 "$runs"); do
+  for b in fias_bench logger_bench mgr_bench billing_bench; do
+    echo "bench: $b, run $run of $runs" >&2
+    "build-bench/bench/$b" --benchmark_out="$out/$b.$run.csv" --benchmark_out_format=csv \
+      >/dev/null 2>"$out/$b.$run.log" || echo "bench: $b failed (see $out/$b.$run.log)" >&2
+  done
+done
+
+# name pattern | measure | column (real, cpu or a counter) | scale | unit | best (min/max) | target
+cat >"$out/measures" <<'EOF'
+BM_CycleCacheMode/fixes:0/|cache-mode cycle, 2,000 rooms, 100,000 posted + 20,000 new calls|real|1|ms|min|< 1000 ms
+BM_CycleCacheMode/fixes:1/|  the same with every [fixes] correction|real|1|ms|min|< 1000 ms
+BM_CycleCacheIdle/fixes:0|idle cache-mode cycle (120,000 posted, nothing new)|real|1|ms|min|< 50 ms
+BM_CycleCacheIdle/fixes:1|  the same with every [fixes] correction|real|1|ms|min|< 50 ms
+BM_CycleQueryMode/fixes:0/|query-mode cycle, indexed SQLite PBX table, 20,000 new calls|real|1|ms|min|< 1000 ms
+BM_CycleQueryMode/fixes:1/|  the same with every [fixes] correction|real|1|ms|min|< 1000 ms
+BM_CaptureBurst/level:4/|burst of 10,000 room Cdr events cached (log_level 4)|real|1|ms|min|< 1000 ms
+BM_CaptureBurst/level:5/|  the same at the shipped log_level 5 (for information)|real|1|ms|min|-
+BM_ReaderToRoomTest/level:4/|Manager reader, socket to room test (log_level 4)|events/s|1|events/s|max|>= 250000 events/s
+BM_ReaderToRoomTest/level:5/|  the same at log_level 5, 2,000 rooms logged per event (for information)|events/s|1|events/s|max|-
+BM_ParseGuestCheckin|parse a "GI" record|cpu|1|ns|min|< 100 ns
+BM_ParsePosting|parse a "PS" record|cpu|1|ns|min|< 150 ns
+BM_LogLineToFile/|a log line written to the file|cpu|1|ns|min|< 2000 ns
+BM_LogLineNotWritten|a DEBUG line below the level|cpu|1|ns|min|-
+EOF
+
+awk -F'|' -v OFS='|' '
+  FNR == 1 { file++; split("", idx) }
+  file == 1 { pat[++n] = $1; label[n] = $2; col[n] = $3; unit[n] = $5; best[n] = $6; target[n] = $7; next }
+  /^name,/ {
+    split($0, h, ",")
+    for (i in h) { gsub(/"/, "", h[i]); idx[h[i]] = i }
+    next
+  }
+  idx["name"] && NF == 1 {
+    split($0, f, ",")
+    name = f[1]; gsub(/"/, "", name)
+    for (k = 1; k <= n; k++) {
+      if (index(name, pat[k]) != 1) continue
+      c = col[k] == "real" ? "real_time" : col[k] == "cpu" ? "cpu_time" : col[k]
+      v = f[idx[c]] + 0
+      if (f[idx["error_occurred"]] == "true" || v == 0) continue
+      if (!(k in val) || (best[k] == "min" && v < val[k]) || (best[k] == "max" && v > val[k])) val[k] = v
+    }
+  }
+  END {
+    printf "| %-78s | %-22s | %-20s |\n", "measure", "figure", "target"
+    printf "|%s|%s|%s|\n", "--------------------------------------------------------------------------------", "------------------------", "----------------------"
+    for (k = 1; k <= n; k++) {
+      fig = (k in val) ? sprintf(unit[k] == "events/s" ? "%.0f %s" : "%.1f %s", val[k], unit[k]) : "(no result)"
+      printf "| %-78s | %-22s | %-20s |\n", label[k], fig, target[k]
+    }
+  }
+' "$out/measures" "$out"/*.csv | tee "$out/table.md"
+echo
+echo "machine: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //'), load average $(cut -d' ' -f1-3 /proc/loadavg); $(date -u '+%Y-%m-%d %H:%M UTC'); best of $runs runs"
