@@ -1,5 +1,5 @@
 // One log line written to the log file, as the daemon's threads write them
-// at the shipped level 5, and one DEBUG line below the level (not written).
+// at level 5, and one DEBUG line below the level (not written).
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
