@@ -120,11 +120,12 @@ int signal_set_handler(int signo, int flags, signal_handler_t handler) {
 void signal_handle_all() {
     for (int signo = 0; signo < kSignals; ++signo) {
         signal_entry& e = signal_table[signo];
-        if (e.received.load() == 0) continue;
+        // Taken before the handler runs: a signal that arrives meanwhile (in
+        // another thread) is acted upon at the next call, not lost.
+        if (e.received.exchange(0) == 0) continue;
         sigset_t old;
         pthread_sigmask(SIG_BLOCK, &e.action.sa_mask, &old);
         if (e.handler != SIG_DFL && e.handler != SIG_IGN && e.handler) e.handler(signo);
-        e.received = 0;
         pthread_sigmask(SIG_SETMASK, &old, nullptr);
     }
 }

@@ -36,11 +36,16 @@
 
 namespace {
 
+// clang-format off
 const struct option longopts[] = {
-    {"config", required_argument, nullptr, 'c'},   {"foreground", no_argument, nullptr, 'f'},
-    {"log-to-console", no_argument, nullptr, 'd'}, {"help", no_argument, nullptr, 'h'},
-    {"test-config", no_argument, nullptr, 't'},    {nullptr, 0, nullptr, 0},
+    {"config", required_argument, nullptr, 'c'},
+    {"foreground", no_argument, nullptr, 'f'},
+    {"log-to-console", no_argument, nullptr, 'd'},
+    {"help", no_argument, nullptr, 'h'},
+    {"test-config", no_argument, nullptr, 't'},
+    {nullptr, 0, nullptr, 0},
 };
+// clang-format on
 
 struct options {
     std::string config_file = "/etc/orlanbeck.conf";
