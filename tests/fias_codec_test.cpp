@@ -1,4 +1,4 @@
-// The packet model and the record text codec; the parser cases live in
+// The record parser and printer on the sample records of
 // tests/data/fias_records.txt.
 #include <gtest/gtest.h>
 
@@ -9,22 +9,6 @@
 #include "support.h"
 
 namespace {
-
-TEST(FiasPacket, SetIgnoresCaseAndFillsTheLastSlotGetIsExact) {
-    fias_packet_ptr p = fias_create_packet(FIAS_GI);
-    fias_value_t v;
-    v.str = "101";
-    fias_set_packet_field(p.get(), "rn", &v);
-    EXPECT_EQ(nullptr, fias_get_field(p.get(), "rn"));
-    ASSERT_TRUE(fias_get_field(p.get(), "RN"));
-    EXPECT_EQ("101", *fias_get_field(p.get(), "RN")->value->str);
-    EXPECT_EQ(nullptr, fias_get_field(p.get(), "GN"));  // a slot without value
-    // The six unused slots are all named "": the last one takes the value.
-    fias_set_packet_field(p.get(), "", &v);
-    EXPECT_EQ(&p->fields[9], fias_get_field(p.get(), ""));
-    fias_set_packet_field(p.get(), "XX", &v);  // no such slot: ignored
-    EXPECT_EQ("GI|RN101|101|", fias_packet_to_str(p.get()));
-}
 
 TEST(FiasCodec, SampleRecordsParseAndPrintBack) {
     std::ifstream in(source_dir() + "/tests/data/fias_records.txt");
