@@ -1,7 +1,7 @@
 // A compressed busy day, every correction on: 500 rooms, 2,000 check-ins and
-// 2,000 check-outs, 10,000 Manager calls, 20 lost PMS links, 50 reloads. Every
-// call is accepted once, every stay reaches the PBX in order, and memory and
-// descriptors do not grow after warm-up.
+// 2,000 check-outs, 10,000 Manager calls, 20 lost PMS links, 50 reloads and a
+// night audit. Every call is accepted once, every stay reaches the PBX in
+// order, and memory and descriptors do not grow after warm-up.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -49,7 +49,7 @@ TEST(Soak, ABusyDayLosesNothingAndLeavesNoGrowth) {
     constexpr int rounds = 20, stays_per_round = 100, calls_per_round = 500;
     daemon_run run;
     run.console_log = false;
-    run.set("fixes", "all", "yes").use_log_templates();
+    run.set("fixes", "all", "yes").set("pms", "night_audit", "yes").use_log_templates();
     run.use_manager();
     for (int i = 0; i < 250; ++i) {
         run.set("rooms", "room" + std::to_string(i + 1), caller(i));
@@ -68,6 +68,9 @@ TEST(Soak, ABusyDayLosesNothingAndLeavesNoGrowth) {
     int calls = 0;
     long warm_rss = 0, warm_fds = 0;
     for (int round = 0; round < rounds; ++round) {
+        if (round == 10) {  // a night audit for this round
+            ASSERT_TRUE(run.pms.send_night_audit(true));
+        }
         for (int i = round * stays_per_round; i < (round + 1) * stays_per_round; ++i) {
             const std::string rn = guest_room(i), guest = "Guest" + std::to_string(i);
             ASSERT_TRUE(run.pms.send_record("GI|RN" + rn + "|GN" + guest + "|GLEN|GSN|"));
@@ -82,6 +85,11 @@ TEST(Soak, ABusyDayLosesNothingAndLeavesNoGrowth) {
         const std::string rows = std::to_string(stays.size());
         ASSERT_TRUE(
             wait_until([&] { return run.pbx("select count(*) from log")[0][0] == rows; }, 60s));
+        if (round == 10) {
+            ASSERT_TRUE(run.wait_log("Night audit: postings are held"));
+            ASSERT_TRUE(run.pms.send_night_audit(false));
+            ASSERT_TRUE(run.wait_log("Night audit window closed"));
+        }
         round % 2 ? run.pms.reset_connection() : run.pms.drop_connection();
         ASSERT_TRUE(run.pms.wait_link_active(15s)) << run.log();
         if (round == 3) warm_rss = rss_kb(pid), warm_fds = open_fds(pid);
@@ -89,15 +97,24 @@ TEST(Soak, ABusyDayLosesNothingAndLeavesNoGrowth) {
     EXPECT_EQ(50u, run.count_log(hup));
 
     // Every call: one "P#" of its own, accepted (a posting sent again after
-    // a lost answer carries the same "P#").
-    std::map<std::string, std::set<std::string>> numbers_of_call, calls_of_number;
-    const std::regex fields(R"(P#([^|]*)\|.*\|DD([^|]*)\|)");
+    // a lost answer carries the same "P#"). More than 10,000 postings run the
+    // numbers past 9999 to 0000: a number counts in the round of the numbers
+    // sent just before it (a posting sent again may carry one of the round
+    // before).
+    std::map<std::string, std::set<long>> numbers_of_call;
+    std::map<long, std::set<std::string>> calls_of_number;
+    const std::regex fields(R"(P#([0-9]{4})\|.*\|DD([^|]*)\|)");
     ASSERT_TRUE(wait_until(
         [&] {
             numbers_of_call.clear();
+            long last = 0;
             for (const std::string& ps : run.pms.frames("PS")) {
                 std::smatch m;
-                if (std::regex_search(ps, m, fields)) numbers_of_call[m[2]].insert(m[1]);
+                if (!std::regex_search(ps, m, fields)) continue;
+                long n = last - last % 10000 + std::stol(m[1]);
+                n += n < last - 5000 ? 10000 : n > last + 5000 ? -10000 : 0;
+                last = std::max(last, n);
+                numbers_of_call[m[2]].insert(n);
             }
             return numbers_of_call.size() == size_t(calls) &&
                    run.states("select count(*) from cdrcache")[0][0] == "0";
@@ -108,7 +125,9 @@ TEST(Soak, ABusyDayLosesNothingAndLeavesNoGrowth) {
     for (const auto& [call, seqs] : numbers_of_call) {
         ASSERT_EQ(1u, seqs.size()) << "call to " << call << " posted under several P#";
         calls_of_number[*seqs.begin()].insert(call);
-        EXPECT_LE(1, postings.at(*seqs.begin()).accepted) << call;
+        char seq[8];
+        snprintf(seq, sizeof seq, "%04ld", *seqs.begin() % 10000);
+        EXPECT_LE(1, postings.at(seq).accepted) << call;
     }
     for (const auto& [seq, of] : calls_of_number) EXPECT_EQ(1u, of.size()) << "P#" << seq;
 
@@ -117,9 +136,13 @@ TEST(Soak, ABusyDayLosesNothingAndLeavesNoGrowth) {
 
     EXPECT_LE(rss_kb(pid), warm_rss * 11 / 10) << "resident memory grew from " << warm_rss;
     EXPECT_LE(open_fds(pid), warm_fds * 11 / 10) << "descriptors grew from " << warm_fds;
-    // (A fresh states file has its tables made after the start-up's errors.)
+    // The errors the scenario provokes: a fresh states file has its tables
+    // made after the start-up's errors, and a posting written while the PMS
+    // resets the link fails (it is sent again on the next link).
     for (const std::string& line : lines_of(run.log_after("Received Link active packet")))
-        if (line.find(" ERROR[") != std::string::npos) ADD_FAILURE() << line;
+        if (line.find(" ERROR[") != std::string::npos &&
+            line.find("Unable to send fias Post Simple") == std::string::npos)
+            ADD_FAILURE() << line;
 }
 
 }  // namespace
