@@ -40,13 +40,7 @@ mgr_cdr_event call(const char* src, const char* uid = "1714557600.42") {
 
 class Capture : public ::testing::Test {
   protected:
-    static void SetUpTestSuite() {
-        // Before the log is set: its writes are not synced (keeps the burst quick).
-        ASSERT_EQ(0, open_states_file(states_file));
-        db_lock guard(sqliteint);
-        sqliteint.query("PRAGMA synchronous=OFF; PRAGMA journal_mode=MEMORY");
-        sqliteint.free_result();
-    }
+    static void SetUpTestSuite() { ASSERT_EQ(0, open_states_file(states_file)); }
     void SetUp() override {
         logger_init(dir.file("log").c_str(), 5, 0, 0);
         ASSERT_TRUE(sqlite_exec(states_file,

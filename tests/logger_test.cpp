@@ -18,10 +18,10 @@ class Logger : public ::testing::Test {
 
     std::string path() const { return dir_.file("test.log"); }
     std::string log() const { return read_file(path()); }
-    std::string stderr_of(const std::function<void()>& writes) const {
-        fd_capture cap(2, dir_.file("stderr"));
+    static std::string stderr_of(const std::function<void()>& writes) {
+        testing::internal::CaptureStderr();
         writes();
-        return cap.finish();
+        return testing::internal::GetCapturedStderr();
     }
 
     temp_dir dir_;

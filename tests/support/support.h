@@ -28,22 +28,6 @@ class temp_dir {
 void write_file(const std::string& path, const std::string& text);
 std::string read_file(const std::string& path);
 
-// Collects what is written to descriptor `fd` (1 or 2) between its
-// construction and finish(), through the file `path`.
-class fd_capture {
-  public:
-    fd_capture(int fd, const std::string& path);
-    ~fd_capture() { finish(); }
-    fd_capture(const fd_capture&) = delete;
-    fd_capture& operator=(const fd_capture&) = delete;
-    std::string finish();
-
-  private:
-    int fd_;
-    std::string path_;
-    int saved_ = -1;
-};
-
 // The lines of `text`, without their line ends.
 std::vector<std::string> lines_of(const std::string& text);
 

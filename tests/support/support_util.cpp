@@ -34,24 +34,6 @@ std::string read_file(const std::string& path) {
     return ss.str();
 }
 
-fd_capture::fd_capture(int fd, const std::string& path) : fd_(fd), path_(path) {
-    fflush(fd == 1 ? stdout : stderr);
-    saved_ = dup(fd);
-    int f = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    dup2(f, fd);
-    close(f);
-}
-
-std::string fd_capture::finish() {
-    if (saved_ >= 0) {
-        fflush(fd_ == 1 ? stdout : stderr);
-        dup2(saved_, fd_);
-        close(saved_);
-        saved_ = -1;
-    }
-    return read_file(path_);
-}
-
 std::vector<std::string> lines_of(const std::string& text) {
     std::vector<std::string> lines;
     std::istringstream in(text);
