@@ -171,31 +171,6 @@ TEST(FixesLink, PrivateFilesAQuietOutputAndARotatedLog) {
     EXPECT_EQ(1, run.process().wait_exit(10s)) << read_file(log_file);
 }
 
-TEST(FixesLink, AKeyGivenAloneLeavesTheOthersOff) {
-    daemon_run run;
-    run.set("fixes", "signals", "yes").set("fixes", "frobnicate", "yes");
-    run.env.push_back("ORLANBECK_TEST_RECORD_PAUSE_MS=1000");
-    use_calls(run);
-    add_calls(run, "102", 1);
-    ASSERT_TRUE(run.start()) << run.log();
-    EXPECT_EQ(1u, run.count_log("Unknown key \"frobnicate\" in [fixes]"));
-    // Without ordered_records the reader pauses after every record.
-    for (int i = 0; i < 3; ++i) ASSERT_TRUE(run.pms.send_record("DR|DA240514|TI120000|"));
-    ASSERT_TRUE(run.wait_log("Received Description record packet from PMS"));
-    std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(1u, run.count_log("Received Description record packet from PMS"));
-    // Without reload, a room added to [rooms] is not billed after a reload.
-    run.set("rooms", "room2", "102").write_config();
-    run.process().signal(SIGHUP);
-    ASSERT_TRUE(run.wait_log("Hangup. Reloading configuration."));
-    std::this_thread::sleep_for(1s);  // several billing cycles
-    EXPECT_EQ(0u, run.pms.count_frames("PS|"));
-    // Without exit_status, an unreadable file on reload ends with status 0.
-    std::remove(run.config_path().c_str());
-    run.process().signal(SIGHUP);
-    EXPECT_EQ(0, run.process().wait_exit(10s)) << run.log();
-}
-
 TEST(FixesLink, WithoutTheSectionTheLinkAndTheFilesBehaveAsBefore) {
     daemon_run run;
     run.use_manager();
