@@ -66,6 +66,7 @@ TEST(GuestEvents, BadTemplatesAndRecordsThatAreOnlyLogged) {
     ASSERT_TRUE(run.play({"WA|RN1|", "ZZ|RN1|", "GI|RN101|GNSmith"},
                          "Can not parse FIAS packet GI|RN101|GNSmith"));
     EXPECT_TRUE(run.wait_log("Received Wakeup answer packet from PMS"));
+    // A record that cannot be parsed is a warning, shown with its end byte.
     EXPECT_TRUE(wait_until([&] {
         return has_line_like(run.log(), kStamp +
                                             ":  WARNING[@]: dispatch.cpp:@ in process_fias_"
