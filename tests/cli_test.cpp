@@ -1,5 +1,6 @@
-// The daemon binary from the outside: options, start-up failures, the states
-// file, and daemon mode with its pid file, reload and shutdown by signals.
+// The daemon binary from the outside: options, the configuration check,
+// start-up failures, the states file, and daemon mode with its pid file,
+// reload and shutdown by signals.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -11,6 +12,7 @@
 #include <filesystem>
 #include <sstream>
 
+#include "netutil.h"
 #include "support_daemon.h"
 
 namespace {
@@ -215,6 +217,48 @@ TEST_F(CommandLine, DaemonWithARelativeConfigurationEndsOnTermWhileTheLinkIsQuie
     EXPECT_EQ(wait_daemon_exit(), 0);
     EXPECT_EQ(log_count("Caught signal 15. Exiting."), 1u);
     EXPECT_NE(access(pidfile_.c_str(), F_OK), 0);
+}
+
+TEST_F(CommandLine, CheckOptionPassesTheSampleAndNamesEveryProblemWithItsKey) {
+    const temp_dir& dir = run.dir();
+    int status = -2;
+    std::string output =
+        run_to_end({orlanbeck_binary(), "-t", "-c", source_dir() + "/etc/orlanbeck.conf"}, &status);
+    EXPECT_EQ(0, status) << output;
+    EXPECT_NE(std::string::npos, output.find("orlanbeck.conf: usable")) << output;
+
+    const int port = pick_free_port();
+    write_file(dir.file("bad.conf"),
+               "[fixes]\nbogus = yes\nmysql = yes\n"
+               "[pms]\nstatesfile = " +
+                   dir.file("states.db") +
+                   "\n"
+                   "[pbx]\ndbdriver = sqlite\ndatabase = " +
+                   dir.file("pbx.db") +
+                   "\n"
+                   "[crm]\ndbdriver = mysql\nhost = 127.0.0.1\nport = " +
+                   std::to_string(port) +
+                   "\n[old]\ndbdriver = oracle\n"
+                   "[services]\ncheckin = pbx update sippeers set callerid='%name%'\n"
+                   "checkout = pbx:update sippeers set callerid='%nope%'\n"
+                   "bareon = nodb:update x set barred=1\n"
+                   "cdr_use_manager = yes\nbillcalls = pbx:select 1\n");
+    output = run_to_end({orlanbeck_binary(), "--test-config", "-c", dir.file("bad.conf")}, &status);
+    EXPECT_EQ(1, status);
+    for (const char* text :
+         {"Unknown key \"bogus\" in [fixes]", "services:checkin = \"pbx update",
+          "services:checkout has an unknown placeholder at \"%nope%",
+          "services:bareon names the database \"nodb\", which no section defines",
+          "services:billcalls is never run", "[old] dbdriver = oracle is no known driver",
+          "bad.conf: 6 problems"})
+        EXPECT_NE(std::string::npos, output.find(text)) << text << "\n" << output;
+    EXPECT_EQ(std::string::npos, output.find("Can not connect")) << output;
+    EXPECT_NE(0, access(dir.file("states.db").c_str(), F_OK));
+
+    output = run_to_end({orlanbeck_binary(), "-tt", "-c", dir.file("bad.conf")}, &status);
+    EXPECT_EQ(1, status);
+    EXPECT_NE(std::string::npos, output.find("Can not connect to DB crm of mysql")) << output;
+    EXPECT_NE(0, access(dir.file("states.db").c_str(), F_OK));
 }
 
 }  // namespace

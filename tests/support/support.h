@@ -93,5 +93,3 @@ bool sqlite_exec(const std::string& path, const std::string& sql);
 // Paths of the built programs and the source tree (set by the build).
 std::string orlanbeck_binary();
 std::string source_dir();
-std::string pms_sim_binary();
-std::string mgr_sim_binary();

@@ -222,6 +222,4 @@ bool sqlite_exec(const std::string& path, const std::string& sql) {
 // clang-format off
 std::string orlanbeck_binary() { return ORLANBECK_BINARY; }
 std::string source_dir() { return ORLANBECK_SOURCE_DIR; }
-std::string pms_sim_binary() { return ORLANBECK_PMS_SIM; }
-std::string mgr_sim_binary() { return ORLANBECK_MGR_SIM; }
 // clang-format on
