@@ -100,19 +100,34 @@ TEST(Compatibility, DatesCostsAndDoNotDisturbInStatementsAndRecords) {
     EXPECT_EQ(std::string::npos, run.log_after("Wakeup clear").find("\tDate:"));
 }
 
-TEST(Compatibility, PostingAnswersInTheStatementsOfTheCallCache) {
-    // The remove statement has no "where": SQLite refuses it and the row stays.
+TEST(Compatibility, CachedCallsArePostedOnceAndTheirAnswersCannotRemoveThem) {
     daemon_run first;
     first.use_manager();
-    first.set("rooms", "room1", "101");
+    first.set("rooms", "room1", "101").set("rooms", "room2", "102");
     ASSERT_TRUE(first.start()) << first.log();
+    EXPECT_NE(std::string::npos, first.mgr.login_texts().at(0).find("Events: cdr\r\n"));
     first.mgr.send_cdr(mgr_cdr_event::make("101", "5551234", "2009-05-14 10:20:30", 125));
+    first.mgr.send_cdr(mgr_cdr_event::make("1010", "5550000", "2009-05-14 10:21:00", 5));
+    auto ps = first.pms.wait_for_frame("PS|", 10s);
+    ASSERT_TRUE(ps) << first.log();
+    EXPECT_EQ("PS|P#0001|RN101|PTT|DA090514|TI102030|DU000205|DD5551234|", *ps);
+    // The remove statement of the accepted posting has no "where": SQLite
+    // refuses it and the row, marked with the record sent for it, stays.
     const std::string remove =
         "OK query is: delete from cdrcache src='101' and date(start)='2000-06-14' and "
         "time(start)='10:20:30'";
     ASSERT_TRUE(first.wait_log(remove)) << first.log();
     EXPECT_TRUE(first.wait_log_after(remove, "Sqlite query error"));
-    EXPECT_EQ(1u, first.states("select src from cdrcache").size());
+    EXPECT_EQ((sql_rows{{"101", "5551234", "2009-05-14 10:20:30", "125", *ps}}),
+              first.states("select src, dst, start, billsec, userfield from cdrcache"));
+    // A refused answer is only logged; each call is posted once.
+    first.pms.set_answer(pms_sim::answer_mode::refuse, "NO");
+    first.mgr.send_cdr(mgr_cdr_event::make("102", "333", "2009-05-14 12:00:00", 30));
+    ASSERT_TRUE(first.wait_log("Non-OK answer on Post call. Please check")) << first.log();
+    std::this_thread::sleep_for(600ms);  // a few more cycles
+    auto posted = first.pms.frames("PS|");
+    ASSERT_EQ(2u, posted.size());
+    EXPECT_EQ(0u, posted[1].find("PS|P#0002|RN102|")) << posted[1];
 
     // With noremovecalls the row is marked instead; the answer's month goes in
     // zero-based, so an answer naming the month before matches the call.
@@ -122,7 +137,7 @@ TEST(Compatibility, PostingAnswersInTheStatementsOfTheCallCache) {
     run.pms.set_answer(pms_sim::answer_mode::none);
     ASSERT_TRUE(run.start()) << run.log();
     run.mgr.send_cdr(mgr_cdr_event::make("101", "5551234", "2010-04-14 10:20:30", 61));
-    auto ps = run.pms.wait_for_frame("PS|", 10s);
+    ps = run.pms.wait_for_frame("PS|", 10s);
     ASSERT_TRUE(ps) << run.log();
     EXPECT_EQ("PS|P#0001|RN101|PTT|DA100414|TI102030|DU000101|DD5551234|", *ps);
     ASSERT_TRUE(run.pms.send_record("PA|ASOK|RN101|P#0001|DA100314|TI102030|"));
