@@ -55,10 +55,7 @@ class Capture : public ::testing::Test {
         logger_init(nullptr, 1, 0, 1);
     }
     size_t InLog(const std::string& text) const {
-        std::string log = read_file(dir.file("log"));
-        size_t n = 0;
-        for (size_t p = log.find(text); p != std::string::npos; p = log.find(text, p + 1)) ++n;
-        return n;
+        return occurrences(read_file(dir.file("log")), text);
     }
     void StartCapture(bool refuse = false) {
         mgr_sim_options o;

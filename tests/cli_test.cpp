@@ -53,12 +53,7 @@ class CommandLine : public ::testing::Test {
     }
 
     std::string log() const { return read_file(run.dir().file("orlanbeck.log")); }
-    size_t log_count(const std::string& text) const {
-        std::string all = log();
-        size_t n = 0;
-        for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) ++n;
-        return n;
-    }
+    size_t log_count(const std::string& text) const { return occurrences(log(), text); }
 
     // Runs a program to its end; its output, and its exit status in *status.
     std::string run_to_end(const args_t& argv, int* status) {

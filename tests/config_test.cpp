@@ -23,7 +23,6 @@ const struct setting {
     const char *section, *line, *loaded;
     std::string (*get)(const config&);
 } kSettings[] = {
-    {"PMS", "Host = pms.example", "pms.example", TEXT(pmshost)},
     {"PMS", "interface = PBX iface", "PBX iface", TEXT(pmsinterface)},
     {"logger", "log_type = file", "1", NUMBER(logtype)},
     {"logger", "disable_log = yes", "1", NUMBER(disable_log)},

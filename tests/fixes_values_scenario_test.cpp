@@ -16,12 +16,21 @@ void use_guest_table(daemon_run& run, const std::string& section = "pbx") {
             section + ":insert into guests values ('%exten%', '%name%', '%date%')");
 }
 
-TEST(FixesValues, NamesAreWrittenExactlyAndConvertedFromThePmsCharacterSet) {
+TEST(FixesValues, NamesAreWrittenExactlyAndAnAcceptedCallIsMarkedWithItsPostingNumber) {
     daemon_run run;
     run.set("fixes", "all", "yes").set("pms", "encoding", "cp1252");
+    run.set("rooms", "room1", "101").set("services", "noremovecalls", "1").use_manager();
     ASSERT_TRUE(sqlite_exec(run.pbx_file(), "create table guests (room, name, day)"));
     use_guest_table(run);
     ASSERT_TRUE(run.start()) << run.log();
+    run.mgr.send_cdr(mgr_cdr_event::make("101", "5551234", "2024-05-09 08:30:00", 125));
+    auto ps = run.pms.wait_for_frame("PS|", 10s);
+    ASSERT_TRUE(ps) << run.log();
+    EXPECT_EQ("PS|P#0001|RN101|PTT|DA240509|TI083000|DU000205|DD5551234|", *ps);
+    ASSERT_TRUE(wait_until([&] {
+        return run.states("select userfield from cdrcache") == sql_rows{{"0001"}};
+    })) << run.log();
+
     // A quote, a backslash and a double quote; then "Müller" in Windows-1252.
     ASSERT_TRUE(
         run.play({"GI|RN101|GNO'Brien \\ \"Jr\"|", "GI|RN102|GNM\xFCller|"}, "Room number: 102"));
@@ -69,21 +78,6 @@ TEST(FixesValues, TheSameNamesReachAMariaDbTable) {
     EXPECT_TRUE(one_row("room='103' AND day='2024-05-09 08:30:00'"));
     EXPECT_FALSE(one_row("room='104'"));
     EXPECT_EQ(std::string::npos, run.log_after("Received Link active").find("ERROR[")) << run.log();
-}
-
-TEST(FixesValues, WithNoRemoveCallsAnAcceptedCallIsMarkedWithItsPostingNumber) {
-    daemon_run run;
-    run.set("fixes", "all", "yes").set("rooms", "room1", "101");
-    run.set("services", "noremovecalls", "1");
-    run.use_manager();
-    ASSERT_TRUE(run.start()) << run.log();
-    run.mgr.send_cdr(mgr_cdr_event::make("101", "5551234", "2024-05-09 08:30:00", 125));
-    auto ps = run.pms.wait_for_frame("PS|", 10s);
-    ASSERT_TRUE(ps) << run.log();
-    EXPECT_EQ("PS|P#0001|RN101|PTT|DA240509|TI083000|DU000205|DD5551234|", *ps);
-    ASSERT_TRUE(wait_until([&] {
-        return run.states("select userfield from cdrcache") == sql_rows{{"0001"}};
-    })) << run.log();
 }
 
 TEST(FixesValues, CallsDueWhileTheLinkIsDownAreAcceptedExactlyOnce) {

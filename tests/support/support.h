@@ -28,6 +28,8 @@ class temp_dir {
 void write_file(const std::string& path, const std::string& text);
 std::string read_file(const std::string& path);
 
+// How many times `part` occurs in `text`.
+size_t occurrences(const std::string& text, const std::string& part);
 // The lines of `text`, without their line ends.
 std::vector<std::string> lines_of(const std::string& text);
 

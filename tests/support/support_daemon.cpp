@@ -89,10 +89,7 @@ std::string daemon_run::log() const {
 }
 
 size_t daemon_run::count_log(const std::string& text) const {
-    std::string out = log();
-    size_t n = 0;
-    for (size_t at = out.find(text); at != std::string::npos; at = out.find(text, at + 1)) ++n;
-    return n;
+    return occurrences(log(), text);
 }
 
 std::string daemon_run::log_after(const std::string& marker) const {
