@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_util.h"
 #include "billing/background.h"
 #include "db/sqlite.h"
 #include "fias/link.h"
@@ -29,17 +30,6 @@ namespace {
 constexpr int kRooms = 2000;
 constexpr int kNewPerRoom = 10;
 constexpr int kPostedPerRoom = 50;
-
-std::string work_dir() {
-    static std::string dir = [] {
-        const char* base = getenv("TMPDIR");
-        std::string templ = std::string(base && *base ? base : "/tmp") + "/orlanbeck-bench-XXXXXX";
-        std::vector<char> buf(templ.begin(), templ.end());
-        buf.push_back('\0');
-        return std::string(mkdtemp(buf.data()));
-    }();
-    return dir;
-}
 
 void run(dbdriver_t& drv, const std::string& sql) {
     db_lock guard(drv);

@@ -7,20 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "bench_util.h"
 #include "logger.h"
 
 namespace {
-
-std::string work_dir() {
-    static std::string dir = [] {
-        const char* base = getenv("TMPDIR");
-        std::string templ = std::string(base && *base ? base : "/tmp") + "/orlanbeck-bench-XXXXXX";
-        std::vector<char> buf(templ.begin(), templ.end());
-        buf.push_back('\0');
-        return std::string(mkdtemp(buf.data()));
-    }();
-    return dir;
-}
 
 void BM_LogLineToFile(benchmark::State& state) {
     logger_init((work_dir() + "/orlanbeck.log").c_str(), 5, 0, 0);
@@ -39,11 +29,5 @@ BENCHMARK(BM_LogLineNotWritten);
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    std::error_code ec;
-    std::filesystem::remove_all(work_dir(), ec);
-    return 0;
+    return run_benchmarks(argc, argv);
 }

@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_util.h"
 #include "db/sqlite.h"
 #include "logger.h"
 #include "mgr/cdr.h"
@@ -36,17 +37,6 @@ namespace {
 
 constexpr int kRooms = 2000;
 constexpr int kBurst = 10000;
-
-std::string work_dir() {
-    static std::string dir = [] {
-        const char* base = getenv("TMPDIR");
-        std::string templ = std::string(base && *base ? base : "/tmp") + "/orlanbeck-bench-XXXXXX";
-        std::vector<char> buf(templ.begin(), templ.end());
-        buf.push_back('\0');
-        return std::string(mkdtemp(buf.data()));
-    }();
-    return dir;
-}
 
 std::string states_path() {
     return work_dir() + "/states.db";
@@ -223,11 +213,5 @@ BENCHMARK(BM_CaptureBurst)
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    std::error_code ec;
-    std::filesystem::remove_all(work_dir(), ec);
-    return 0;
+    return run_benchmarks(argc, argv);
 }
