@@ -7,17 +7,9 @@
 
 namespace {
 
-// Never destroyed, like the states file's own record: detached record
-// workers may still use it while the process exits.
-struct immortal_driver {
-    alignas(dbdriver_t) unsigned char storage[sizeof(dbdriver_t)];
-    dbdriver_t* drv;
-    immortal_driver() : drv(std::construct_at(reinterpret_cast<dbdriver_t*>(storage))) {
-        sqlite_init_record(*drv, "sqlite-occupancy");
-    }
-};
-immortal_driver occupancy_record;
-dbdriver_t& occupancy_db = *occupancy_record.drv;
+// Never destroyed, like the states file's own record.
+lasting_sqlite_record occupancy_record("sqlite-occupancy");
+dbdriver_t& occupancy_db = occupancy_record.get();
 
 bool table_checked GUARDED_BY(occupancy_db) = false;
 

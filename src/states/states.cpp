@@ -78,16 +78,9 @@ bool has_quote(std::string_view v) {
     return v.find('\'') != std::string_view::npos;
 }
 
-// Never destroyed (its holder is trivially destructible): detached record
-// workers may still use it while the process exits.
-struct immortal_driver {
-    alignas(dbdriver_t) unsigned char storage[sizeof(dbdriver_t)];
-    dbdriver_t* drv;
-    immortal_driver() : drv(std::construct_at(reinterpret_cast<dbdriver_t*>(storage))) {
-        sqlite_init_record(*drv, "sqlite-int");
-    }
-};
-immortal_driver internal_db;
+// Never destroyed: detached record workers may still use it while the
+// process exits.
+lasting_sqlite_record internal_db("sqlite-int");
 
 bool connect_states(const std::string& statesfile) REQUIRES(sqliteint) {
     return sqliteint.connect(nullptr, 0, nullptr, nullptr, statesfile.c_str()) == 0;
@@ -95,7 +88,7 @@ bool connect_states(const std::string& statesfile) REQUIRES(sqliteint) {
 
 }  // namespace
 
-dbdriver_t& sqliteint = *internal_db.drv;
+dbdriver_t& sqliteint = internal_db.get();
 
 namespace {
 std::atomic<unsigned> rooms_version{0};
