@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
 #include <memory>
 
 #include "logger.h"
@@ -15,11 +14,6 @@
 #include "support.h"
 
 namespace {
-
-long open_fds() {
-    std::filesystem::directory_iterator fds("/proc/self/fd");
-    return std::distance(begin(fds), end(fds));
-}
 
 // A session reading from one end of a socket pair (the test writes the other),
 // or logging in to a plain listener on loopback.

@@ -69,11 +69,9 @@ class Rooms : public ::testing::Test {
                "ldap_filter = " +
                filter + "\nldap_attribute = roomNumber\n" + extra;
     }
-    static int Search(const char* scope, const char* filter, const char* password,
-                      const char* base = "cn=wing,dc=hotel,dc=test",
-                      const char* attribute = "roomNumber") {
+    static int Search(const char* scope, const char* filter, const char* password) {
         return load_rooms_ldap("127.0.0.1", server_->port(), 3, 0, slapd_server::admin_dn, password,
-                               base, scope, filter, attribute, states);
+                               "cn=wing,dc=hotel,dc=test", scope, filter, "roomNumber", states);
     }
     room_set Loaded() {
         room_set out;

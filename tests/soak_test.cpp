@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <filesystem>
 #include <map>
 #include <regex>
 #include <set>
@@ -20,11 +19,6 @@ long rss_kb(pid_t pid) {
     for (const std::string& line : lines_of(read_file("/proc/" + std::to_string(pid) + "/status")))
         if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
     return -1;
-}
-
-long open_fds(pid_t pid) {
-    const auto fds = std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd");
-    return std::distance(begin(fds), end(fds));
 }
 
 // Calls come from the rooms 1001-1250, which stay checked in all day; guests

@@ -84,6 +84,9 @@ class child_process {
 // when the file cannot be opened.
 pid_t lock_holder(const std::string& path);
 
+// How many descriptors process `pid` (0: this one) has open.
+long open_fds(pid_t pid = 0);
+
 // The first of `names` found on $PATH or in the usual program folders; "" if none.
 std::string find_program(const std::vector<std::string>& names);
 

@@ -178,6 +178,12 @@ pid_t lock_holder(const std::string& path) {
     return holder;
 }
 
+long open_fds(pid_t pid) {
+    std::filesystem::directory_iterator fds("/proc/" + (pid ? std::to_string(pid) : "self") +
+                                            "/fd");
+    return std::distance(begin(fds), end(fds));
+}
+
 std::string find_program(const std::vector<std::string>& names) {
     std::string dirs = getenv("PATH") ? getenv("PATH") : "";
     dirs += ":/usr/sbin:/usr/local/sbin:/usr/bin:/usr/local/bin:/sbin:/bin";
