@@ -13,6 +13,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "cv_wait.h"
 #include "netutil.h"
 
 namespace {
@@ -215,18 +216,9 @@ std::string mgr_cdr_event::text() const {
 
 // ---- server
 
-struct mgr_sim::session {
-    int id = 0;
-    int fd = -1;
-    std::string inbuf;  // server thread only
-    std::mutex write_mutex;
-    std::atomic<bool> authenticated{false};
-    std::atomic<bool> cdr_wanted{true};
-    std::atomic<bool> closed{false};
-    ~session() {
-        if (fd >= 0) close(fd);
-    }
-};
+mgr_sim::session::~session() {
+    if (fd >= 0) close(fd);
+}
 
 mgr_sim::mgr_sim(mgr_sim_options opts) : opts_(std::move(opts)) {}
 
@@ -235,7 +227,7 @@ mgr_sim::~mgr_sim() {
     wake();
     if (thread_.joinable()) thread_.join();
     {
-        std::lock_guard<std::mutex> g(mutex_);
+        mutex_lock g(mutex_);
         sessions_.clear();
     }
     if (listen_fd_ >= 0) close(listen_fd_);
@@ -261,7 +253,7 @@ void mgr_sim::wake() {
 
 void mgr_sim::note(int id, const char* dir, const std::string& text) {
     if (!opts_.transcript) return;
-    std::lock_guard<std::mutex> g(transcript_mutex_);
+    mutex_lock g(transcript_mutex_);
     opts_.transcript(id, dir, text);
 }
 
@@ -274,7 +266,7 @@ void mgr_sim::serve() {
         fds.push_back({wake_fd_, POLLIN, 0});
         fds.push_back({listen_fd_, POLLIN, 0});
         {
-            std::lock_guard<std::mutex> g(mutex_);
+            mutex_lock g(mutex_);
             for (const session_ptr& s : sessions_) {
                 fds.push_back({s->fd, POLLIN, 0});
                 polled.push_back(s);
@@ -305,7 +297,7 @@ void mgr_sim::accept_one() {
     auto s = std::make_shared<session>();
     s->fd = fd;
     {
-        std::lock_guard<std::mutex> g(mutex_);
+        mutex_lock g(mutex_);
         s->id = next_id_++;
         sessions_.push_back(s);
     }
@@ -324,7 +316,7 @@ void mgr_sim::on_readable(const session_ptr& s) {
     if (n <= 0) {
         s->closed = true;
         {
-            std::lock_guard<std::mutex> g(mutex_);
+            mutex_lock g(mutex_);
             for (auto it = sessions_.begin(); it != sessions_.end(); ++it) {
                 if (*it == s) {
                     sessions_.erase(it);
@@ -382,7 +374,7 @@ void mgr_sim::on_action(const session_ptr& s, const std::string& block) {
         bool ok;
         std::string before;
         {
-            std::lock_guard<std::mutex> g(mutex_);
+            mutex_lock g(mutex_);
             ++logins_;
             login_texts_.push_back(block);
             ok = !opts_.refuse;
@@ -398,12 +390,12 @@ void mgr_sim::on_action(const session_ptr& s, const std::string& block) {
             {
                 // Marked before the answer is written, under the write lock: an
                 // event sent by another thread can only follow the answer.
-                std::lock_guard<std::mutex> w(s->write_mutex);
+                mutex_lock w(s->write_mutex);
                 s->cdr_wanted = wants_cdr(find("events"));
                 s->authenticated = true;
                 send_locked(s, "Response: Success\r\n" + action_id + answer_accepted, nullptr);
             }
-            std::lock_guard<std::mutex> g(mutex_);
+            mutex_lock g(mutex_);
             ++accepted_;
         } else {
             send_to(s, "Response: Error\r\n" + action_id + answer_failed);
@@ -429,7 +421,7 @@ void mgr_sim::on_action(const session_ptr& s, const std::string& block) {
 }
 
 bool mgr_sim::send_to(const session_ptr& s, const std::string& text, const char* what) {
-    std::lock_guard<std::mutex> g(s->write_mutex);
+    mutex_lock g(s->write_mutex);
     return send_locked(s, text, what);
 }
 
@@ -462,7 +454,7 @@ bool mgr_sim::send_locked(const session_ptr& s, const std::string& text, const c
 
 std::vector<mgr_sim::session_ptr> mgr_sim::snapshot(bool cdr_only) const {
     std::vector<session_ptr> out;
-    std::lock_guard<std::mutex> g(mutex_);
+    mutex_lock g(mutex_);
     for (const session_ptr& s : sessions_) {
         if (s->closed) continue;
         if (cdr_only && (!s->authenticated || (opts_.filter && !s->cdr_wanted))) continue;
@@ -512,11 +504,11 @@ int mgr_sim::send_raw(const std::string& text) {
 void mgr_sim::drop() {
     std::vector<session_ptr> all;
     {
-        std::lock_guard<std::mutex> g(mutex_);
+        mutex_lock g(mutex_);
         all = sessions_;
     }
     for (const session_ptr& s : all) {
-        std::lock_guard<std::mutex> g(s->write_mutex);
+        mutex_lock g(s->write_mutex);
         s->closed = true;
         shutdown(s->fd, SHUT_RDWR);
         note(s->id, "--", "dropped");
@@ -525,52 +517,53 @@ void mgr_sim::drop() {
 }
 
 void mgr_sim::set_refuse(bool refuse) {
-    std::lock_guard<std::mutex> g(mutex_);
+    mutex_lock g(mutex_);
     opts_.refuse = refuse;
 }
 
 void mgr_sim::set_filter(bool filter) {
-    std::lock_guard<std::mutex> g(mutex_);
+    mutex_lock g(mutex_);
     opts_.filter = filter;
 }
 
 void mgr_sim::set_credentials(const std::string& user, const std::string& secret) {
-    std::lock_guard<std::mutex> g(mutex_);
+    mutex_lock g(mutex_);
     opts_.check_credentials = true;
     opts_.user = user;
     opts_.secret = secret;
 }
 
 void mgr_sim::set_before_answer(const std::string& text) {
-    std::lock_guard<std::mutex> g(mutex_);
+    mutex_lock g(mutex_);
     before_answer_ = text;
 }
 
 int mgr_sim::open_sessions() const {
-    std::lock_guard<std::mutex> g(mutex_);
+    mutex_lock g(mutex_);
     int n = 0;
     for (const session_ptr& s : sessions_) n += s->closed ? 0 : 1;
     return n;
 }
 
 int mgr_sim::logins() const {
-    std::lock_guard<std::mutex> g(mutex_);
+    mutex_lock g(mutex_);
     return logins_;
 }
 
 int mgr_sim::accepted_logins() const {
-    std::lock_guard<std::mutex> g(mutex_);
+    mutex_lock g(mutex_);
     return accepted_;
 }
 
 std::vector<std::string> mgr_sim::login_texts() const {
-    std::lock_guard<std::mutex> g(mutex_);
+    mutex_lock g(mutex_);
     return login_texts_;
 }
 
 bool mgr_sim::wait_logins(int n, std::chrono::milliseconds timeout) const {
-    std::unique_lock<std::mutex> g(mutex_);
-    return changed_.wait_for(g, timeout, [&] { return accepted_ >= n; });
+    mutex_lock g(mutex_);
+    return cv_wait_for(changed_, mutex_, timeout,
+                       [&]() REQUIRES(mutex_) { return accepted_ >= n; });
 }
 
 int mgr_sim::run_line(const std::string& line, std::string* error) {

@@ -55,11 +55,12 @@
 #include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include "thread_annotations.h"
 
 // One Cdr event: its headers in the order they are sent.
 struct mgr_cdr_event {
@@ -97,7 +98,7 @@ struct mgr_sim_options {
 };
 
 class mgr_sim {
-public:
+  public:
     explicit mgr_sim(mgr_sim_options opts = {});
     ~mgr_sim();
     mgr_sim(const mgr_sim&) = delete;
@@ -134,8 +135,18 @@ public:
     // understand (with a reason in *error when given). "quit" gives 1.
     int run_line(const std::string& line, std::string* error = nullptr);
 
-private:
-    struct session;
+  private:
+    // One connection; defined here because send_locked() names its lock.
+    struct session {
+        int id = 0;
+        int fd = -1;
+        std::string inbuf;            // server thread only
+        annotated_mutex write_mutex;  // one writer of fd at a time
+        std::atomic<bool> authenticated{false};
+        std::atomic<bool> cdr_wanted{true};
+        std::atomic<bool> closed{false};
+        ~session();
+    };
     using session_ptr = std::shared_ptr<session>;
 
     void serve();
@@ -144,8 +155,8 @@ private:
     void on_action(const session_ptr& s, const std::string& block);
     // `what`, when given, is noted in the transcript instead of `text` ("": nothing).
     bool send_to(const session_ptr& s, const std::string& text, const char* what = nullptr);
-    bool send_locked(const session_ptr& s, const std::string& text,
-                     const char* what);  // write_mutex held
+    bool send_locked(const session_ptr& s, const std::string& text, const char* what)
+        REQUIRES(s->write_mutex);
     std::vector<session_ptr> snapshot(bool cdr_only) const;
     void note(int id, const char* dir, const std::string& text);
     void wake();
@@ -157,14 +168,16 @@ private:
     std::atomic<bool> stop_{false};
     std::thread thread_;
 
-    mutable std::mutex mutex_;
+    // Guards the state below that is marked with it, and the settings in opts_
+    // that can be changed (refuse, filter, the credentials).
+    mutable annotated_mutex mutex_;
     mutable std::condition_variable changed_;
-    std::vector<session_ptr> sessions_;  // guarded by mutex_
-    int next_id_ = 1;
-    int logins_ = 0;
-    int accepted_ = 0;
-    std::vector<std::string> login_texts_;
-    std::string before_answer_;
-    std::mutex transcript_mutex_;
+    std::vector<session_ptr> sessions_ GUARDED_BY(mutex_);
+    int next_id_ GUARDED_BY(mutex_) = 1;
+    int logins_ GUARDED_BY(mutex_) = 0;
+    int accepted_ GUARDED_BY(mutex_) = 0;
+    std::vector<std::string> login_texts_ GUARDED_BY(mutex_);
+    std::string before_answer_ GUARDED_BY(mutex_);
+    annotated_mutex transcript_mutex_;  // one opts_.transcript call at a time
     std::atomic<long> unique_counter_{0};
 };

@@ -23,7 +23,7 @@ notify_sim::notify_sim(const std::string& path) {
             pollfd p{fd_, POLLIN, 0};
             if (poll(&p, 1, 50) <= 0) continue;
             ssize_t n = recv(fd_, buf, sizeof buf, 0);
-            std::lock_guard<std::mutex> guard(mutex_);
+            mutex_lock guard(mutex_);
             if (n > 0) messages_.emplace_back(buf, static_cast<size_t>(n));
         }
     });
@@ -36,7 +36,7 @@ notify_sim::~notify_sim() {
 }
 
 std::vector<std::string> notify_sim::messages() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    mutex_lock guard(mutex_);
     return messages_;
 }
 

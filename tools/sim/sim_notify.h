@@ -10,10 +10,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "thread_annotations.h"
 
 class notify_sim {
   public:
@@ -35,7 +36,7 @@ class notify_sim {
   private:
     int fd_ = -1;
     std::atomic<bool> done_{false};
-    mutable std::mutex mutex_;
-    std::vector<std::string> messages_;
+    mutable annotated_mutex mutex_;
+    std::vector<std::string> messages_ GUARDED_BY(mutex_);
     std::thread reader_;
 };

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <ctime>
 
+#include "cv_wait.h"
 #include "netutil.h"
 
 namespace {
@@ -60,7 +61,7 @@ bool pms_sim::start() {
         return false;
     }
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        mutex_lock guard(mutex_);
         stopping_ = false;  // started again after a stop()
     }
     thread_ = std::thread([this] { run(); });
@@ -70,7 +71,7 @@ bool pms_sim::start() {
 void pms_sim::stop() {
     if (thread_.joinable()) {
         {
-            std::lock_guard<std::mutex> guard(mutex_);
+            mutex_lock guard(mutex_);
             stopping_ = true;
         }
         uint64_t one = 1;
@@ -87,13 +88,13 @@ void pms_sim::stop() {
 }
 
 void pms_sim::set_answer(answer_mode mode, const std::string& refuse_text) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    mutex_lock guard(mutex_);
     opts_.answer = mode;
     opts_.refuse_text = refuse_text;
 }
 
 void pms_sim::set_occupied(std::optional<std::vector<guest>> occupied) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    mutex_lock guard(mutex_);
     occupied_ = std::move(occupied);
 }
 
@@ -115,17 +116,18 @@ bool pms_sim::send_night_audit(bool start) {
 
 void pms_sim::run() {
     char buf[4096];
+    int client = -1;  // client_fd_, which only this thread changes
     for (;;) {
         pollfd fds[2] = {{wake_fd_, POLLIN, 0}, {-1, POLLIN, 0}};
-        fds[1].fd = client_fd_ >= 0 ? client_fd_ : listen_fd_;
+        fds[1].fd = client >= 0 ? client : listen_fd_;
         {
-            std::lock_guard<std::mutex> guard(mutex_);
-            if (paused_ && client_fd_ >= 0) fds[1].fd = -1;  // poll ignores it
+            mutex_lock guard(mutex_);
+            if (paused_ && client >= 0) fds[1].fd = -1;  // poll ignores it
         }
         int n = poll(fds, 2, -1);
         if (n < 0 && errno != EINTR) break;
         {
-            std::lock_guard<std::mutex> guard(mutex_);
+            mutex_lock guard(mutex_);
             if (stopping_) break;
         }
         if (n > 0 && (fds[0].revents & POLLIN)) {
@@ -134,17 +136,18 @@ void pms_sim::run() {
         }
         if (n <= 0 || !fds[1].revents) continue;
 
-        if (client_fd_ < 0) {
+        if (client < 0) {
             int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
             if (fd < 0) continue;
             {
-                std::lock_guard<std::mutex> guard(send_mutex_);
+                mutex_lock guard(send_mutex_);
                 client_fd_ = fd;
             }
+            client = fd;
             collecting_ = ls_answered_ = ld_seen_ = false;
             partial_.clear();
             {
-                std::lock_guard<std::mutex> guard(mutex_);
+                mutex_lock guard(mutex_);
                 connected_ = true;
                 link_active_ = false;
                 connections_++;
@@ -154,10 +157,11 @@ void pms_sim::run() {
             continue;
         }
 
-        ssize_t got = read(client_fd_, buf, sizeof buf);
+        ssize_t got = read(client, buf, sizeof buf);
         if (got < 0 && errno == EINTR) continue;
         if (got <= 0) {
             close_client();
+            client = -1;
             note("client disconnected");
             continue;
         }
@@ -167,13 +171,13 @@ void pms_sim::run() {
 
 void pms_sim::close_client() {
     {
-        std::lock_guard<std::mutex> guard(send_mutex_);
+        mutex_lock guard(send_mutex_);
         if (client_fd_ < 0) return;
         close(client_fd_);
         client_fd_ = -1;
     }
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        mutex_lock guard(mutex_);
         connected_ = false;
         link_active_ = false;
     }
@@ -206,7 +210,7 @@ void pms_sim::handle_frame(const std::string& text) {
     std::string refuse_text;
     std::optional<std::vector<guest>> occupied;
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        mutex_lock guard(mutex_);
         mode = opts_.answer;
         refuse_text = opts_.refuse_text;
         occupied = occupied_;
@@ -222,7 +226,7 @@ void pms_sim::handle_frame(const std::string& text) {
             ls_answered_ = true;
             ld_seen_ = false;
             {
-                std::lock_guard<std::mutex> guard(mutex_);
+                mutex_lock guard(mutex_);
                 link_active_ = false;
             }
             send_record(local_time_text("LS|DA%y%m%d|TI%H%M%S|"));
@@ -231,7 +235,7 @@ void pms_sim::handle_frame(const std::string& text) {
         } else if (starts_with(text, "LA") && ld_seen_) {
             send_record(local_time_text("LA|DA%y%m%d|TI%H%M%S|"));
             {
-                std::lock_guard<std::mutex> guard(mutex_);
+                mutex_lock guard(mutex_);
                 link_active_ = true;
             }
             changed_.notify_all();
@@ -257,7 +261,7 @@ bool pms_sim::send_raw(const std::string& bytes) {
 }
 
 bool pms_sim::send_bytes(const std::string& bytes, const std::string& text, bool raw) {
-    std::lock_guard<std::mutex> guard(send_mutex_);
+    mutex_lock guard(send_mutex_);
     if (client_fd_ < 0) return false;
     if (!write_all(client_fd_, bytes)) return false;
     record(false, text, raw);
@@ -266,30 +270,32 @@ bool pms_sim::send_bytes(const std::string& bytes, const std::string& text, bool
 
 void pms_sim::drop_connection() {
     {
-        std::lock_guard<std::mutex> guard(send_mutex_);
+        mutex_lock guard(send_mutex_);
         if (client_fd_ < 0) return;
         shutdown(client_fd_, SHUT_RDWR);
     }
     // The simulator's thread sees the end of the stream and closes the socket.
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait_for(lock, std::chrono::seconds(5), [this] { return !connected_ || stopping_; });
+    mutex_lock guard(mutex_);
+    cv_wait_for(changed_, mutex_, std::chrono::seconds(5),
+                [this]() REQUIRES(mutex_) { return !connected_ || stopping_; });
 }
 
 void pms_sim::reset_connection() {
     {
-        std::lock_guard<std::mutex> guard(send_mutex_);
+        mutex_lock guard(send_mutex_);
         if (client_fd_ < 0) return;
         linger l{1, 0};  // close() then sends a reset
         setsockopt(client_fd_, SOL_SOCKET, SO_LINGER, &l, sizeof l);
         shutdown(client_fd_, SHUT_RD);
     }
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait_for(lock, std::chrono::seconds(5), [this] { return !connected_ || stopping_; });
+    mutex_lock guard(mutex_);
+    cv_wait_for(changed_, mutex_, std::chrono::seconds(5),
+                [this]() REQUIRES(mutex_) { return !connected_ || stopping_; });
 }
 
 void pms_sim::pause_reading(bool paused) {
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        mutex_lock guard(mutex_);
         paused_ = paused;
     }
     // Wake the thread so that it polls with the new setting.
@@ -300,7 +306,7 @@ void pms_sim::pause_reading(bool paused) {
 void pms_sim::record(bool incoming, const std::string& text, bool raw) {
     frame f{std::chrono::system_clock::now(), time_stamp(), incoming, text, raw};
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        mutex_lock guard(mutex_);
         transcript_.push_back(f);
         if (incoming) received_.push_back(text);
     }
@@ -313,43 +319,44 @@ void pms_sim::note(const std::string& text) {
 }
 
 bool pms_sim::connected() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    mutex_lock guard(mutex_);
     return connected_;
 }
 
 int pms_sim::connections() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    mutex_lock guard(mutex_);
     return connections_;
 }
 
 bool pms_sim::link_active() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    mutex_lock guard(mutex_);
     return link_active_;
 }
 
 bool pms_sim::wait_connected(std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, timeout, [this] { return connected_; });
+    mutex_lock guard(mutex_);
+    return cv_wait_for(changed_, mutex_, timeout, [this]() REQUIRES(mutex_) { return connected_; });
 }
 
 bool pms_sim::wait_link_active(std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, timeout, [this] { return link_active_; });
+    mutex_lock guard(mutex_);
+    return cv_wait_for(changed_, mutex_, timeout,
+                       [this]() REQUIRES(mutex_) { return link_active_; });
 }
 
 std::vector<pms_sim::frame> pms_sim::transcript() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    mutex_lock guard(mutex_);
     return transcript_;
 }
 
 std::vector<std::string> pms_sim::frames() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    mutex_lock guard(mutex_);
     return received_;
 }
 
 std::vector<std::string> pms_sim::frames(const std::string& prefix) const {
     std::vector<std::string> out;
-    std::lock_guard<std::mutex> guard(mutex_);
+    mutex_lock guard(mutex_);
     for (const std::string& f : received_) {
         if (starts_with(f, prefix)) out.push_back(f);
     }
@@ -375,8 +382,8 @@ std::optional<std::string> pms_sim::wait_for_frame(const std::string& prefix,
                                                    std::chrono::milliseconds timeout, size_t from,
                                                    size_t* index) const {
     std::optional<std::string> found;
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait_for(lock, timeout, [&] {
+    mutex_lock guard(mutex_);
+    cv_wait_for(changed_, mutex_, timeout, [&]() REQUIRES(mutex_) {
         for (size_t i = from; i < received_.size(); i++) {
             if (starts_with(received_[i], prefix)) {
                 found = received_[i];
@@ -391,8 +398,8 @@ std::optional<std::string> pms_sim::wait_for_frame(const std::string& prefix,
 
 bool pms_sim::wait_for_count(const std::string& prefix, size_t n,
                              std::chrono::milliseconds timeout) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, timeout, [&] {
+    mutex_lock guard(mutex_);
+    return cv_wait_for(changed_, mutex_, timeout, [&]() REQUIRES(mutex_) {
         size_t count = 0;
         for (const std::string& f : received_) count += starts_with(f, prefix) ? 1 : 0;
         return count >= n;
@@ -400,7 +407,7 @@ bool pms_sim::wait_for_count(const std::string& prefix, size_t n,
 }
 
 void pms_sim::clear() {
-    std::lock_guard<std::mutex> guard(mutex_);
+    mutex_lock guard(mutex_);
     transcript_.clear();
     received_.clear();
 }

@@ -38,11 +38,12 @@
 #include <cstddef>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "thread_annotations.h"
 
 class pms_sim {
   public:
@@ -164,19 +165,25 @@ class pms_sim {
     int wake_fd_ = -1;  // eventfd that wakes the thread for stop()
     std::thread thread_;
 
-    mutable std::mutex send_mutex_;  // guards client_fd_ and frame writes
-    int client_fd_ = -1;
+    // Guards client_fd_ and frame writes. Only the simulator's thread changes
+    // client_fd_ (and stop(), once that thread has ended); the thread keeps its
+    // own copy for reading.
+    mutable annotated_mutex send_mutex_;
+    int client_fd_ GUARDED_BY(send_mutex_) = -1;
 
-    mutable std::mutex mutex_;  // guards everything below
+    // Guards the state below that is marked with it, and opts_.answer and
+    // opts_.refuse_text (set_answer()).
+    mutable annotated_mutex mutex_;
     mutable std::condition_variable changed_;
-    std::vector<frame> transcript_;
-    std::vector<std::string> received_;
-    bool connected_ = false;
-    bool link_active_ = false;
-    int connections_ = 0;
-    bool stopping_ = false;
-    bool paused_ = false;                         // not reading from the client
-    std::optional<std::vector<guest>> occupied_;  // what "DR" is answered with
+    std::vector<frame> transcript_ GUARDED_BY(mutex_);
+    std::vector<std::string> received_ GUARDED_BY(mutex_);
+    bool connected_ GUARDED_BY(mutex_) = false;
+    bool link_active_ GUARDED_BY(mutex_) = false;
+    int connections_ GUARDED_BY(mutex_) = 0;
+    bool stopping_ GUARDED_BY(mutex_) = false;
+    bool paused_ GUARDED_BY(mutex_) = false;  // not reading from the client
+    // What "DR" is answered with.
+    std::optional<std::vector<guest>> occupied_ GUARDED_BY(mutex_);
 
     // Reader state, used only by the simulator's thread.
     bool collecting_ = false;
