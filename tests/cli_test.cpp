@@ -91,7 +91,9 @@ class CommandLine : public ::testing::Test {
         EXPECT_EQ("/", std::filesystem::read_symlink(proc + "/cwd").string());
         EXPECT_NE(std::string::npos, read_file(proc + "/status").find("Umask:\t0000\n"));
         for (const auto& fd : std::filesystem::directory_iterator(proc + "/fd")) {
-            std::string target = std::filesystem::read_symlink(fd.path()).string();
+            std::error_code gone;  // the daemon's own descriptors come and go meanwhile
+            std::string target = std::filesystem::read_symlink(fd.path(), gone).string();
+            if (gone) continue;
             std::string num = fd.path().filename().string();
             EXPECT_EQ(num < "3" && num.size() == 1, target == "/dev/null") << num << " " << target;
             EXPECT_NE("/dev/zero", target);
