@@ -93,18 +93,40 @@ const fias_catalogue_row fias_packets[] = {
     {"", FIAS_UNKNOWN, "", 0, {}},
 };
 
+namespace {
+
+// The storage of the last packet this thread dropped.
+thread_local std::unique_ptr<fias_packet_t> spare_packet;
+
+}  // namespace
+
+void fias_packet_release::operator()(fias_packet_t* p) const noexcept {
+    std::unique_ptr<fias_packet_t> dropped(p);
+    if (!spare_packet) spare_packet = std::move(dropped);
+}
+
 fias_packet_ptr fias_packet_from_row(const fias_catalogue_row& row) {
-    auto p = std::make_unique<fias_packet_t>();
-    strncpy(p->packet, row.packet, sizeof p->packet - 1);
+    std::unique_ptr<fias_packet_t> storage = std::move(spare_packet);
+    if (!storage) storage = std::make_unique<fias_packet_t>();
+    fias_packet_ptr p(storage.release());
+    // Every member is written, as the storage may hold an earlier packet.
+    // Texts are copied a character at a time: they are a few characters
+    // long, so this is cheaper than calls to the string routines.
+    p->packet[0] = row.packet[0];
+    p->packet[1] = p->packet[0] ? row.packet[1] : '\0';
+    p->packet[2] = '\0';
     p->packet_code = row.packet_code;
-    memcpy(p->desc, row.desc, strnlen(row.desc, sizeof p->desc - 1));
+    size_t d = 0;
+    for (; d < sizeof p->desc - 1 && row.desc[d]; ++d) p->desc[d] = row.desc[d];
+    for (; d < sizeof p->desc; ++d) p->desc[d] = '\0';
     p->num_fields = row.num_fields;
     for (int i = 0; i < FIAS_MAX_FIELDS; i++) {
-        if (const char* name = row.fields[i].name) {
-            p->fields[i].name[0] = name[0];
-            if (name[0]) p->fields[i].name[1] = name[1];
-        }
-        p->fields[i].type = row.fields[i].type;
+        fias_field_t& f = p->fields[i];
+        const char* name = row.fields[i].name;
+        f.name[0] = name ? name[0] : '\0';
+        f.name[1] = f.name[0] ? name[1] : '\0';
+        f.type = row.fields[i].type;
+        f.value.reset();
     }
     return p;
 }

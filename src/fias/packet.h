@@ -124,7 +124,13 @@ struct fias_packet_t {
     fias_field_t fields[FIAS_MAX_FIELDS];
 };
 
-using fias_packet_ptr = std::unique_ptr<fias_packet_t>;
+// Gives a packet's storage back to the thread that drops it; each thread
+// keeps the storage of one packet for the next packet it makes, so reading
+// record after record allocates nothing.
+struct fias_packet_release {
+    void operator()(fias_packet_t* p) const noexcept;
+};
+using fias_packet_ptr = std::unique_ptr<fias_packet_t, fias_packet_release>;
 
 // One catalogue row: what a packet of that type is made from.
 struct fias_catalogue_row {

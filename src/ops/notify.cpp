@@ -207,9 +207,9 @@ void notify_record(const char* record) {
     std::string text(record, strnlen(record, 2));
     if (const char* rn = strstr(record, "|RN")) {
         rn += 3;
-        text += " " + std::string(rn, strcspn(rn, "|\x03"));
+        text.append(" ").append(rn, strcspn(rn, "|\x03"));
     }
-    text += " at " + clock_text(time(nullptr));
+    text.append(" at ").append(clock_text(time(nullptr)));
     notifier& n = self();
     mutex_lock guard(n.mutex);
     n.last_record = std::move(text);
