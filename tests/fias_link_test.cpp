@@ -123,6 +123,24 @@ TEST_F(LinkOverSocketPair, FramesFromManyThreadsNeverMixAndAClosedPeerRaisesNoSi
     EXPECT_EQ(-1, link.send_raw("LA|"));
 }
 
+TEST_F(LinkOverSocketPair, AnUnansweredPostingIsSentAgainOnceAndOneWaitsPerNumber) {
+    for (const char* seq : {"0001", "0002", "0003", "0001"})  // the sequence came round
+        link.posting_sent({seq, "101", "5551234", std::string("PS|P#") + seq + "|"});
+    EXPECT_TRUE(link.posting_answered("0002"));
+    EXPECT_FALSE(link.posting_answered("0002"));
+    EXPECT_TRUE(link.postings_to_resend().empty());  // their link is still up
+    int sv[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv));
+    link.attach(sv[0]);
+    close(sv[1]);
+    std::vector<pms_link::posting> again = link.postings_to_resend();
+    ASSERT_EQ(2u, again.size());
+    EXPECT_EQ("0003", again[0].seq);  // in the order they were sent
+    EXPECT_EQ("PS|P#0001|", again[1].text);
+    EXPECT_TRUE(link.postings_to_resend().empty());
+    EXPECT_FALSE(link.posting_answered("0003"));
+}
+
 TEST(PmsLinkConnect, StartUpExchangeWithThePms) {
     pms_link link;
     int before = lowest_free_fd();

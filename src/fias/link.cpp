@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -123,27 +124,41 @@ void pms_link::attach(int fd) {
 
 void pms_link::posting_sent(posting p) {
     mutex_lock guard(postings_mutex_);
-    in_flight_.push_back({std::move(p), link_number_.load()});
+    const unsigned link = link_number_.load();
+    auto [it, added] = in_flight_.try_emplace(p.seq);
+    if (!added && unanswered_warned_ != link) {
+        unanswered_warned_ = link;
+        LOG(L_WARNING,
+            "Posting P#%s of room %s (%s) was never answered and is forgotten: "
+            "its number is used again",
+            it->second.p.seq.c_str(), it->second.p.room.c_str(), it->second.p.number.c_str());
+    }
+    it->second = in_flight{std::move(p), link, postings_sent_++};
 }
 
 bool pms_link::posting_answered(const std::string& seq) {
     mutex_lock guard(postings_mutex_);
-    for (auto it = in_flight_.begin(); it != in_flight_.end(); ++it) {
-        if (it->p.seq != seq) continue;
-        in_flight_.erase(it);
-        return true;
-    }
-    return false;
+    return in_flight_.erase(seq) > 0;
 }
 
 std::vector<pms_link::posting> pms_link::postings_to_resend() {
-    std::vector<posting> out;
-    mutex_lock guard(postings_mutex_);
-    for (in_flight& f : in_flight_) {
-        if (f.resent || f.link_number == link_number_) continue;
-        f.resent = true;
-        out.push_back(f.p);
+    std::vector<in_flight> lost;
+    {
+        mutex_lock guard(postings_mutex_);
+        for (auto it = in_flight_.begin(); it != in_flight_.end();) {
+            if (it->second.link_number == link_number_) {
+                ++it;
+                continue;
+            }
+            lost.push_back(std::move(it->second));
+            it = in_flight_.erase(it);
+        }
     }
+    std::sort(lost.begin(), lost.end(),
+              [](const in_flight& a, const in_flight& b) { return a.order < b.order; });
+    std::vector<posting> out;
+    out.reserve(lost.size());
+    for (in_flight& f : lost) out.push_back(std::move(f.p));
     return out;
 }
 

@@ -17,8 +17,10 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "fias/codec.h"
@@ -97,7 +99,10 @@ class pms_link {
 
     // Postings written whole and not yet answered ([fixes] posting). A
     // posting whose answer was lost with its link is handed out once for
-    // sending again on a later link; an answer to either copy settles it.
+    // sending again on a later link, and then forgotten; an answer settles
+    // it. One posting waits per "P#": when the sequence comes round to the
+    // number of a posting still unanswered, that one is forgotten (with a
+    // warning once per link), so a PMS that never answers costs no memory.
     struct posting {
         std::string seq;  // its "P#"
         std::string room;
@@ -132,9 +137,11 @@ class pms_link {
     struct in_flight {
         posting p;
         unsigned link_number;  // of the link it went out on
-        bool resent = false;
+        uint64_t order;        // of sending
     };
     annotated_mutex postings_mutex_;
-    std::vector<in_flight> in_flight_ GUARDED_BY(postings_mutex_);
-    std::atomic<unsigned> link_number_{0};  // counts the links attached
+    std::unordered_map<std::string, in_flight> in_flight_ GUARDED_BY(postings_mutex_);  // by "P#"
+    uint64_t postings_sent_ GUARDED_BY(postings_mutex_) = 0;
+    unsigned unanswered_warned_ GUARDED_BY(postings_mutex_) = 0;  // the link last warned about
+    std::atomic<unsigned> link_number_{0};                        // counts the links attached
 };
