@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "logger.h"
+
 // A fresh folder under $TMPDIR (or /tmp), made on first use.
 inline std::string work_dir() {
     static const std::string dir = [] {
@@ -19,6 +21,12 @@ inline std::string work_dir() {
         return std::string(mkdtemp(buf.data()));
     }();
     return dir;
+}
+
+// The log as the daemon writes it, to a file in the work folder, at `level`
+// (4 is the level the sample configuration ships).
+inline void set_level(int level) {
+    logger_init((work_dir() + "/orlanbeck.log").c_str(), level, 0, 0);
 }
 
 // Runs the benchmarks of the program, then removes its folder.

@@ -94,10 +94,6 @@ mgr_cdr_event sample_call(const std::string& src) {
         .set("Cost", "0.40");
 }
 
-void set_level(int level) {
-    logger_init((work_dir() + "/orlanbeck.log").c_str(), level, 0, 0);
-}
-
 void BM_ReaderToRoomTest(benchmark::State& state) {
     open_states();
     set_level(static_cast<int>(state.range(0)));

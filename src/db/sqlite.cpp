@@ -15,7 +15,6 @@ namespace {
 
 struct row_t {
     std::vector<std::string> vals;
-    std::vector<std::string> colnames;
     int colcount = 0;
 };
 
@@ -189,16 +188,13 @@ class sqlite_handler_t final : public db_handle {
     int is_connected() override { return initialized_ ? 0 : 1; }
 
   private:
-    static int sq_callback(void* arg, int colcount, char** values, char** names) {
+    static int sq_callback(void* arg, int colcount, char** values, char** /*names*/) {
         auto* h = static_cast<sqlite_handler_t*>(arg);
         if (!h->rows_) h->rows_ = std::make_unique<std::list<row_t>>();
-        row_t row;
+        row_t& row = h->rows_->emplace_back();
         row.colcount = colcount;
-        for (int i = 0; i < colcount; ++i) {
-            row.vals.emplace_back(values[i] ? values[i] : "");
-            row.colnames.emplace_back(names[i] ? names[i] : "");
-        }
-        h->rows_->push_back(std::move(row));
+        row.vals.reserve(static_cast<size_t>(colcount));
+        for (int i = 0; i < colcount; ++i) row.vals.emplace_back(values[i] ? values[i] : "");
         return 0;
     }
 
