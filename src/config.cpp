@@ -73,6 +73,7 @@ std::vector<db_settings> read_databases(const dictionary* d) {
         s.user = get_text(d, prefix + "user");
         s.password = get_text(d, prefix + "password");
         s.database = get_text(d, prefix + "database");
+        s.synchronous = get_text(d, prefix + "synchronous");
         if (iniparser_find_entry(d, (prefix + "port").c_str()))
             s.port = iniparser_getint(d, (prefix + "port").c_str(), 0);
         out.push_back(std::move(s));

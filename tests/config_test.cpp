@@ -114,11 +114,12 @@ TEST_F(Config, ServiceStringsThatCannotWorkAreReportedOnce) {
 
 TEST_F(Config, DatabaseSections) {
     ASSERT_EQ(load("[PBX]\ndbdriver = SQLite\ndatabase = " + db("pbx.db") +
-                   "\ndate_format = %d.%m.%Y %H:%M:%S\ntime_format = %H.%M\n"
+                   "\ndate_format = %d.%m.%Y %H:%M:%S\ntime_format = %H.%M\nsynchronous = Normal\n"
                    "[asterisk]\ndbdriver = mysql\nhost = 127.0.0.1\nuser = u\n"
                    "[other]\ndbdriver = postgres\n" +
                    sqlite("abcdefghijklmnoXXX", "x.db") + sqlite("abcdefghijklmnoYYY", "y.db") +
-                   "[bad]\ndbdriver = sqlite\ndatabase = " + db("missing/bad.db") + "\n"),
+                   "[bad]\ndbdriver = sqlite\nsynchronous = fast\ndatabase = " +
+                   db("missing/bad.db") + "\n"),
               0);
     dbdriver_ptr drv = find("pbx");
     ASSERT_TRUE(drv);
@@ -131,6 +132,9 @@ TEST_F(Config, DatabaseSections) {
     ASSERT_TRUE(find("abcdefghijklmno"));
     EXPECT_EQ(find("abcdefghijklmno")->database, db("y.db"));
     EXPECT_EQ(log_lines_with({"WARNING[", "date_format", "pbx"}), 1u) << log_text();
+    // synchronous = normal is taken only on a file in WAL mode (the SQLite driver's test).
+    EXPECT_EQ(log_lines_with({"WARNING[", "pbx.db is not in WAL mode"}), 1u) << log_text();
+    EXPECT_EQ(log_lines_with({"WARNING[", "[bad] synchronous = \"fast\" is neither"}), 1u);
     // An unreachable database is registered anyway and reported.
     ASSERT_TRUE(find("bad"));
     EXPECT_TRUE(has_line_like(log_text(), kStamp + ":  ERROR[" + std::to_string(getpid()) +

@@ -118,4 +118,31 @@ TEST_F(SqliteDriver, ResultsAndFieldReaders) {
     EXPECT_TRUE(logged("sq_query: Sqlite query error: no such table: nosuch, ext.errcode 1"));
 }
 
+TEST_F(SqliteDriver, SynchronousNormalOnlyOnAFileInWalMode) {
+    for (const char* file : {"wal.db", "plain.db"}) {
+        dbdriver_ptr maker = sqlite_create_drv("maker");
+        ASSERT_EQ(maker->connect(nullptr, 0, nullptr, nullptr, dir_.file(file).c_str()), 0);
+        if (file[0] == 'w') maker->query("pragma journal_mode=wal");  // kept by the file
+        maker->query("create table t (a)");
+    }
+    auto synchronous = [](dbdriver_ptr& drv, const std::string& file) {
+        sqlite_set_sync_normal(*drv, true);
+        drv->connect(nullptr, 0, nullptr, nullptr, file.c_str());
+        drv->query("pragma synchronous");
+        drv->fetch_row();
+        int level = -1;
+        drv->fetch_int_field(0, &level);
+        return level;
+    };
+    EXPECT_EQ(1, synchronous(drv_, dir_.file("wal.db")));  // NORMAL
+    dbdriver_ptr plain = sqlite_create_drv("plain");
+    EXPECT_EQ(2, synchronous(plain, dir_.file("plain.db")));  // FULL, the default
+    EXPECT_TRUE(has_line_like(read_file(dir_.file("test.log")),
+                              kStamp + ":  WARNING[" + std::to_string(getpid()) +
+                                  "]: sqlite.cpp:@ in use_sync_normal: " + dir_.file("plain.db") +
+                                  " is not in WAL mode (journal_mode delete): synchronous = "
+                                  "normal is not used, every commit waits for the disk"))
+        << read_file(dir_.file("test.log"));
+}
+
 }  // namespace

@@ -35,6 +35,17 @@ dbdriver_ptr load_dbdriver(const db_settings& s, bool mysql, bool connect) {
     if (s.password) drv->password = *s.password;
     if (s.database) drv->database = *s.database;
     if (s.port) drv->port = *s.port;
+    if (s.synchronous) {
+        const bool sqlite = strcasecmp(s.driver.c_str(), "sqlite") == 0;
+        if (!sqlite)
+            LOG(L_WARNING, "[%s] synchronous is a setting of SQLite files only: ignored",
+                s.section.c_str());
+        else if (strcasecmp(s.synchronous->c_str(), "normal") == 0)
+            sqlite_set_sync_normal(*drv, true);
+        else if (strcasecmp(s.synchronous->c_str(), "full") != 0)
+            LOG(L_WARNING, "[%s] synchronous = \"%s\" is neither full nor normal: full is kept",
+                s.section.c_str(), s.synchronous->c_str());
+    }
 
     if (!connect) return drv;
     db_lock guard(*drv);

@@ -26,6 +26,7 @@ struct db_settings {
     std::optional<std::string> password;
     std::optional<std::string> database;
     std::optional<int> port;
+    std::optional<std::string> synchronous;  // "full" or "normal" (SQLite only)
 };
 
 // A record of the section's kind ("sqlite", any case; with `mysql` also

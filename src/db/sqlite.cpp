@@ -1,6 +1,7 @@
 #include "db/sqlite.h"
 
 #include <sqlite3.h>
+#include <strings.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -40,6 +41,7 @@ class sqlite_handler_t final : public db_handle {
             // Another reader of the file (an operator's sqlite3, a backup)
             // makes writes wait a while instead of failing at once.
             sqlite3_busy_timeout(db, 5000);
+            if (sync_normal_) use_sync_normal(database ? database : "");
             return 0;
         }
         write_log(L_ERROR, __FILE_NAME__, __LINE__, "sq_connect",
@@ -187,7 +189,28 @@ class sqlite_handler_t final : public db_handle {
 
     int is_connected() override { return initialized_ ? 0 : 1; }
 
+    bool sync_normal_ = false;
+
   private:
+    void use_sync_normal(const char* database) {
+        sqlite3_stmt* st = nullptr;
+        std::string mode = "?";
+        if (sqlite3_prepare_v2(sqlite_.get(), "PRAGMA journal_mode", -1, &st, nullptr) ==
+                SQLITE_OK &&
+            sqlite3_step(st) == SQLITE_ROW)
+            if (const unsigned char* text = sqlite3_column_text(st, 0))
+                mode = reinterpret_cast<const char*>(text);
+        sqlite3_finalize(st);
+        if (strcasecmp(mode.c_str(), "wal") == 0) {
+            sqlite3_exec(sqlite_.get(), "PRAGMA synchronous=NORMAL", nullptr, nullptr, nullptr);
+            return;
+        }
+        LOG(L_WARNING,
+            "%s is not in WAL mode (journal_mode %s): synchronous = normal is not used, "
+            "every commit waits for the disk",
+            database, mode.c_str());
+    }
+
     static int sq_callback(void* arg, int colcount, char** values, char** /*names*/) {
         auto* h = static_cast<sqlite_handler_t*>(arg);
         if (!h->rows_) h->rows_ = std::make_unique<std::list<row_t>>();
@@ -272,6 +295,10 @@ int sqlite_query_bound(dbdriver_t& drv, const char* sql,
                        std::initializer_list<std::string_view> params) {
     auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
     return h ? h->query_bound(sql, params) : -1;
+}
+
+void sqlite_set_sync_normal(dbdriver_t& drv, bool normal) {
+    if (auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get())) h->sync_normal_ = normal;
 }
 
 dbdriver_ptr sqlite_create_drv(const char* name) {

@@ -54,6 +54,15 @@ int sqlite_query_bound(dbdriver_t& drv, const char* sql,
 int sqlite_begin(dbdriver_t& drv) REQUIRES(drv);
 int sqlite_commit(dbdriver_t& drv) REQUIRES(drv);
 
+// With `normal`, the connections `drv` makes from now on commit with SQLite's
+// synchronous=NORMAL when the file is in WAL mode: a commit then waits for
+// the operating system, not for the disk. It survives a crash of the daemon,
+// and a power loss never damages the file but may undo the last commits.
+// A file in another journal mode keeps the library's default (there NORMAL
+// could damage it on a power loss), with a warning. Not for the internal
+// database, which sets its own.
+void sqlite_set_sync_normal(dbdriver_t& drv, bool normal);
+
 // Writes the write-ahead log of an SQLite record's open connection into its
 // file as far as readers allow, without waiting (nothing logged).
 void sqlite_checkpoint(dbdriver_t& drv) REQUIRES(drv);

@@ -25,7 +25,9 @@ bool open_table(const std::string& statesfile) REQUIRES(occupancy_db) {
 }
 
 std::string quoted(std::string_view text) {
-    return "'" + occupancy_db.dbhandle->escape(text) + "'";
+    std::string out = "'";
+    out.append(occupancy_db.dbhandle->escape(text)).append("'");
+    return out;
 }
 
 std::string now_text() {
