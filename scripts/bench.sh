@@ -35,7 +35,7 @@ BM_CycleCacheMode/fixes:1/level:4/|  the same with every [fixes] correction|real
 BM_CycleCacheMode/fixes:0/level:5/|  the same at log_level 5, every DEBUG line (for information)|real|1|ms|min|-
 BM_CycleCacheIdle/fixes:0/level:4|idle cache-mode cycle (120,000 posted, nothing new)|real|1|ms|min|< 50 ms
 BM_CycleCacheIdle/fixes:1/level:4|  the same with every [fixes] correction|real|1|ms|min|< 50 ms
-BM_CycleQueryMode/fixes:0/level:4/normal:1/|query-mode cycle, indexed SQLite PBX table (WAL, synchronous = normal), 20,000 new calls|real|1|ms|min|< 1000 ms
+BM_CycleQueryMode/fixes:0/level:4/normal:1/|query-mode cycle, 20,000 new calls, PBX file in WAL, synchronous = normal|real|1|ms|min|< 1000 ms
 BM_CycleQueryMode/fixes:1/level:4/normal:1/|  the same with every [fixes] correction|real|1|ms|min|< 1000 ms
 BM_CycleQueryMode/fixes:0/level:4/normal:0/|  the same with synchronous = full, one disk sync per room (for information)|real|1|ms|min|-
 BM_CaptureBurst/level:4/|burst of 10,000 room Cdr events cached (shipped log_level 4)|real|1|ms|min|< 1000 ms
