@@ -183,7 +183,7 @@ link_startup() {
     fail "the daemon did not take the PMS's LA"
 }
 
-sqlite3 "$work/pbx.db" <<'SQL'
+sqlite3 -cmd ".timeout 5000" "$work/pbx.db" <<'SQL'
 create table extensions (exten text primary key, guest text, lang text, shared int, barred int, dnd int);
 insert into extensions values ('101','','',0,0,0), ('102','','',0,0,0);
 create table wakeups (exten text, wdate text, wtime text);
@@ -245,7 +245,7 @@ show "(the name's apostrophe is escaped, and the date keeps its month: [fixes] e
 
 say "A call from room 101, and the wake-up call's result, appear in the PBX database"
 today=$(date +%Y-%m-%d)
-sqlite3 "$work/pbx.db" "insert into cdr (src, calldate, calltime, dst, billsec, cost) values ('101', '$today', '10:15:00', '004930123456', 125, 498);
+sqlite3 -cmd ".timeout 5000" "$work/pbx.db" "insert into cdr (src, calldate, calltime, dst, billsec, cost) values ('101', '$today', '10:15:00', '004930123456', 125, 498);
                         insert into wakeup_results values ('101', 1, '$today', '06:30:00', 0);"
 show "PBX cdr: $(pbx "select src, calldate, calltime, dst, billsec, cost from cdr")"
 show "Waiting for the billing cycle (every 10 seconds) ..."
