@@ -77,7 +77,8 @@ TEST(DaemonInit, WritesALockedPidFileThatASecondDaemonLeavesAloneAndCloseRemoves
     pid_t pid = 0;
     ASSERT_TRUE(wait_until([&] { return (pid = lock_holder(path)) > 0; }));
     const std::string head = std::to_string(pid) + "\n", text = head + old.substr(head.size());
-    EXPECT_EQ(text, read_file(path));
+    // The pid is written once the lock is held.
+    EXPECT_TRUE(wait_until([&] { return read_file(path) == text; })) << read_file(path);
 
     // A second daemon on the same file fails and leaves it alone.
     EXPECT_EQ(0, make_daemon(path));
