@@ -4,11 +4,13 @@
 
 #include <benchmark/benchmark.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include "db/sqlite.h"
 #include "logger.h"
 
 // A fresh folder under $TMPDIR (or /tmp), made on first use.
@@ -27,6 +29,35 @@ inline std::string work_dir() {
 // (4 is the level the sample configuration ships).
 inline void set_level(int level) {
     logger_init((work_dir() + "/orlanbeck.log").c_str(), level, 0, 0);
+}
+
+// A connection of the benchmark's own to the SQLite file `path` (the states
+// file's own connections belong to the daemon's code under test).
+inline dbdriver_t& bench_db(const std::string& path) {
+    static dbdriver_ptr drv = [&] {
+        dbdriver_ptr d = sqlite_create_drv("bench");
+        d->database = path;
+        return d;
+    }();
+    return *drv;
+}
+
+// Runs `sql` on `drv`, reconnecting first when needed; complains on failure.
+inline void bench_run(dbdriver_t& drv, const std::string& sql) {
+    db_lock guard(drv);
+    if (drv.is_connected()) drv.reconnect();
+    if (drv.query(sql.c_str()) != 0)
+        fprintf(stderr, "bench: statement failed: %.200s\n", sql.c_str());
+}
+
+// The first column of the first row of `sql` on `drv`, as a number.
+inline int bench_number(dbdriver_t& drv, const std::string& sql) {
+    db_lock guard(drv);
+    if (drv.is_connected()) drv.reconnect();
+    int n = 0;
+    if (drv.query(sql.c_str()) == 0 && drv.fetch_row() == 0) drv.fetch_int_field(0, &n);
+    drv.free_result();
+    return n;
 }
 
 // Runs the benchmarks of the program, then removes its folder.

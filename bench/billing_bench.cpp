@@ -35,9 +35,7 @@ constexpr int kNewPerRoom = 10;
 constexpr int kPostedPerRoom = 50;
 
 void run(dbdriver_t& drv, const std::string& sql) {
-    db_lock guard(drv);
-    if (drv.query(sql.c_str()) != 0)
-        fprintf(stderr, "bench: statement failed: %.200s\n", sql.c_str());
+    bench_run(drv, sql);
 }
 
 // Inserts rows in one transaction; `insert(r, i, posted)` makes the statement
@@ -109,11 +107,27 @@ struct drained_link {
     }
 };
 
+// The daemon's objects that a cycle works with, on an active link whose PMS
+// end reads and forgets everything.
+struct cycle_parts {
+    drained_link drained;
+    states_file states;
+    audit_window audit;
+    unanswered_postings waiting;
+    notifier notify;
+    billing_parts parts{drained.link, states, audit, waiting, notify};
+};
+
+cycle_parts& bench_parts() {
+    static cycle_parts p;
+    return p;
+}
+
 // The states file as the daemon opens it, with the posted and the new calls.
 void open_cache() {
     static bool opened = [] {
-        open_states_file(work_dir() + "/states.db");
-        fill(sqliteint, [](int r, int i, bool posted) {
+        bench_parts().states.open(work_dir() + "/states.db");
+        fill(bench_db(work_dir() + "/states.db"), [](int r, int i, bool posted) {
             const std::string room = room_name(r);
             const std::string mark = posted ? "PS|P#0001|RN" + room + "|PTT|DA090513|TI10000" +
                                                   std::to_string(i % 10) + "|DU000205|DD5551234|"
@@ -128,20 +142,20 @@ void open_cache() {
 }
 
 void unpost_new_calls() {
-    run(sqliteint, "update cdrcache set userfield='' where start >= '2009-05-14'");
+    run(bench_db(work_dir() + "/states.db"),
+        "update cdrcache set userfield='' where start >= '2009-05-14'");
 }
 
 // Times whole cycles over all rooms; `reset` (not timed) makes the new
 // calls new again before each.
 void time_cycles(benchmark::State& state, const config& cfg, const std::function<void()>& reset) {
     std::vector<std::string> rooms = all_rooms();
-    drained_link link;
     posting_sequence sequence;
     for (auto _ : state) {
         state.PauseTiming();
         reset();
         state.ResumeTiming();
-        billing_cycle(cfg, rooms, link.link, sequence);
+        billing_cycle(cfg, rooms, bench_parts().parts, sequence);
     }
     state.counters["calls/cycle"] = kRooms * kNewPerRoom;
 }
@@ -169,10 +183,9 @@ void BM_CycleCacheIdle(benchmark::State& state) {
     config cfg = bench_config(state.range(0) != 0);
     cfg.use_manager = 1;
     std::vector<std::string> rooms = all_rooms();
-    drained_link link;
     posting_sequence sequence;
-    billing_cycle(cfg, rooms, link.link, sequence);
-    for (auto _ : state) billing_cycle(cfg, rooms, link.link, sequence);
+    billing_cycle(cfg, rooms, bench_parts().parts, sequence);
+    for (auto _ : state) billing_cycle(cfg, rooms, bench_parts().parts, sequence);
 }
 BENCHMARK(BM_CycleCacheIdle)
     ->ArgNames({"fixes", "level"})

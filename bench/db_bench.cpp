@@ -10,10 +10,10 @@
 #include <memory>
 #include <string>
 
-#include "billing/templates.h"
 #include "db/sqlite.h"
 #include "logger.h"
 #include "states/states.h"
+#include "templates/templates.h"
 
 namespace {
 
@@ -79,10 +79,10 @@ class call_cache {
         std::string templ = std::string(base && *base ? base : "/tmp") + "/orlanbeck-bench-XXXXXX";
         if (!mkdtemp(templ.data())) abort();
         dir_ = templ;
+        if (states_.open(dir_ + "/states.db") != 0) abort();
         drv_ = sqlite_create_drv("bench");
         db_lock guard(*drv_);
-        if (drv_->connect(nullptr, 0, nullptr, nullptr, (dir_ + "/states.db").c_str()) != 0 ||
-            drv_->query(sql_create_table) != 0 || drv_->query(sql_create_table_index) != 0)
+        if (drv_->connect(nullptr, 0, nullptr, nullptr, (dir_ + "/states.db").c_str()) != 0)
             abort();
         std::string fill = "begin;";
         for (int r = 0; r < rooms; ++r) {
@@ -107,6 +107,7 @@ class call_cache {
 
   private:
     std::string dir_;
+    states_file states_;
     dbdriver_ptr drv_;
 };
 

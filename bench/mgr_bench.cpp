@@ -42,15 +42,16 @@ std::string states_path() {
     return work_dir() + "/states.db";
 }
 
+states_file states;
+
 void run(const std::string& sql) {
-    db_lock guard(sqliteint);
-    if (sqliteint.query(sql.c_str()) != 0) fprintf(stderr, "bench: statement failed\n");
+    bench_run(bench_db(states_path()), sql);
 }
 
 // The states file with its rooms (1000 to 2999) and 100,000 posted calls.
 void open_states() {
     static bool opened = [] {
-        open_states_file(states_path());
+        states.open(states_path());
         std::string sql = "begin;";
         for (int r = 0; r < kRooms; ++r) {
             const std::string room = std::to_string(1000 + r);
@@ -69,22 +70,12 @@ void open_states() {
 
 // The newest row of the cache (rows are only added while measuring).
 long newest_row() {
-    db_lock guard(sqliteint);
-    int n = 0;
-    if (sqliteint.query("select max(rowid) from cdrcache") == 0 && sqliteint.fetch_row() == 0)
-        sqliteint.fetch_int_field(0, &n);
-    sqliteint.free_result();
-    return n;
+    return bench_number(bench_db(states_path()), "select max(rowid) from cdrcache");
 }
 
 int cached_calls(const char* src) {
-    db_lock guard(sqliteint);
-    const std::string q = std::string("select count(*) from cdrcache where src='") + src + "'";
-    int n = 0;
-    if (sqliteint.query(q.c_str()) == 0 && sqliteint.fetch_row() == 0)
-        sqliteint.fetch_int_field(0, &n);
-    sqliteint.free_result();
-    return n;
+    return bench_number(bench_db(states_path()),
+                        std::string("select count(*) from cdrcache where src='") + src + "'");
 }
 
 mgr_cdr_event sample_call(const std::string& src) {
@@ -98,7 +89,7 @@ void BM_ReaderToRoomTest(benchmark::State& state) {
     open_states();
     set_level(static_cast<int>(state.range(0)));
     std::vector<std::string> list;
-    states_room_list(list);
+    states.room_list(list);
     const cdr_rooms rooms(std::move(list));
     int port = 0;
     int listener = listen_loopback(0, &port);
@@ -134,7 +125,7 @@ void BM_ReaderToRoomTest(benchmark::State& state) {
             break;
         }
         for (int i = 0; i < m->hdrcount; ++i) LOG(L_DEBUG, "%s got: %s", addr, m->headers[i]);
-        if (strcasecmp(mgr_get_header(*m, "Event"), "Cdr") == 0) mgr_cache_cdr(*m, rooms);
+        if (strcasecmp(mgr_get_header(*m, "Event"), "Cdr") == 0) mgr_cache_cdr(*m, rooms, states);
     }
     writer.join();
     close(server);
@@ -155,14 +146,14 @@ void BM_CaptureBurst(benchmark::State& state) {
         return;
     }
     auto cfg = std::make_shared<config>();
-    cfg->statesfile = states_path();
     cfg->mgr_host = "127.0.0.1";
     cfg->mgr_port = sim.port();
     cfg->mgr_user = "admin";
     cfg->mgr_passwd = "secret";
     cfg->fixes.manager_events = true;
     stop_flag stop;
-    std::thread capture(cdrmanager_thread, config_ptr(cfg), std::ref(stop));
+    notifier notify;
+    std::thread capture([&] { cdrmanager_thread(cfg, stop, states, notify); });
     if (!sim.wait_logins(1)) {
         state.SkipWithError("no login");
         stop.request();

@@ -183,8 +183,3 @@ int daemon_close() {
 void daemon_close_async_safe() NO_THREAD_SAFETY_ANALYSIS {
     if (pidfile_path[0]) unlink(pidfile_path);
 }
-
-std::string daemon_pidfile() {
-    mutex_lock guard(daemon_mutex);
-    return pidfile_path;
-}

@@ -16,7 +16,6 @@
 #pragma once
 
 #include <csignal>
-#include <string>
 
 using signal_handler_t = void (*)(int);
 
@@ -35,6 +34,3 @@ int daemon_close();
 // Removes the pid file with async-signal-safe calls only (no lock, no
 // allocation): the path of a fault-signal handler.
 void daemon_close_async_safe();
-
-// The pid file path that daemon_init() wrote, or an empty text.
-std::string daemon_pidfile();

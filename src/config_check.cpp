@@ -5,10 +5,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "billing/templates.h"
 #include "db/registry.h"
 #include "fias/charset.h"
 #include "logger.h"
+#include "templates/templates.h"
 
 void warn_service_strings(const config& cfg) {
     struct entry {

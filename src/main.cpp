@@ -1,10 +1,12 @@
 // orlanbeck: middle layer between a hotel's PMS (FIAS over TCP) and an Asterisk
 // exchange (SQL templates on its databases, and the Manager interface).
 //
-// The main thread owns everything the process shares: the configuration
-// loader, the PMS link, the stop flag and the billing and capture threads.
-// It reads the link and hands each record to a worker of its own; signals are
-// counted by their handlers and acted upon here.
+// The main thread makes and owns everything the process shares: the
+// configuration loader, the PMS link, the states file, the notifier, the
+// resync and night-audit state, the postings that wait for answers, the
+// record dispatcher and the billing and capture threads. It reads the link,
+// hands each record to the dispatcher, and acts on the signals counted by
+// their handlers between two reads.
 #include <getopt.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -33,6 +35,7 @@
 #include "rooms/rooms.h"
 #include "states/states.h"
 #include "stop_flag.h"
+#include "templates/templates.h"
 
 namespace {
 
@@ -110,22 +113,24 @@ options get_options(int argc, char** argv) {
 }
 
 // What the signal handlers act on. They run in the main thread, from
-// signal_handle_all(), never in a signal context (fault signals excepted,
-// which have their own handler).
+// signal_handle_all() in the main loop, never in a signal context (fault
+// signals excepted, which have their own handler). Made by main() and never
+// destroyed: exit() leaves it to the threads that may still run.
 struct process_state {
     options opts;
     config_loader* configs = nullptr;
     pms_link* link = nullptr;
+    states_file* states = nullptr;
+    notifier* notify = nullptr;
     // The corrections in force for the whole run, from the first load.
     fixes_settings start_fixes;
-    std::string statesfile;
     stop_flag stop;  // billing
     owned_thread billing;
     // The capture thread and its stop flag; flags of threads that were given
     // up on are kept, since those threads may still look at them.
     std::vector<std::unique_ptr<stop_flag>> capture_stops;
     owned_thread capture;
-    std::unique_ptr<ordered_records> ordered;
+    record_dispatcher* records = nullptr;
     bool pms_moved = false;  // the link was ended to connect elsewhere
 };
 process_state* self = nullptr;
@@ -142,10 +147,16 @@ pms_link::options link_options(const config& cfg) {
 
 void start_capture(const config_ptr& cfg) {
     if (!cfg->use_manager) return;
+    // Writing to a connection that was closed must fail, not end the process
+    // (the Manager session's own writes never raise the signal anyway).
+    signal(SIGPIPE, SIG_IGN);
     self->capture_stops.push_back(std::make_unique<stop_flag>());
     stop_flag& stop = *self->capture_stops.back();
-    notify_running(notify_part::capture);
-    self->capture.start([cfg, &stop] { cdrmanager_thread(cfg, stop); });
+    self->notify->running(notify_part::capture);
+    states_file& states = *self->states;
+    notifier& notify = *self->notify;
+    self->capture.start(
+        [cfg, &stop, &states, &notify] { cdrmanager_thread(cfg, stop, states, notify); });
 }
 
 // Stops the capture thread, waiting until `deadline` at most.
@@ -157,14 +168,15 @@ bool stop_capture(std::chrono::steady_clock::time_point deadline) {
 
 // Stops the billing and capture threads (and the record worker), waiting a
 // few seconds at most, drops the link, closes the databases whose lock is
-// free, removes the pid file and ends the process with `status`.
-[[noreturn]] void shut_down(int status) {
+// free, removes the pid file (unless `keep_pid_file`) and ends the process
+// with `status`.
+[[noreturn]] void shut_down(int status, bool keep_pid_file = false) {
     self->stop.request();
-    notify_finish();
+    self->notify->finish();
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
     bool joined = self->billing.join_until(deadline);
     joined = stop_capture(deadline) && joined;
-    if (self->ordered) joined = self->ordered->stop(deadline) && joined;
+    joined = self->records->stop(deadline) && joined;
     self->link->drop();
     // A record worker may still be using a database: one whose lock is taken
     // is left as it is.
@@ -173,11 +185,8 @@ bool stop_capture(std::chrono::steady_clock::time_point deadline) {
         drv->close();
         drv->unlock();
     }
-    if (sqliteint.try_lock()) {
-        sqliteint.close();
-        sqliteint.unlock();
-    }
-    if (!self->opts.foreground) daemon_close();
+    self->states->close_idle();
+    if (!self->opts.foreground && !keep_pid_file) daemon_close();
     fflush(nullptr);
     // A thread that could not be joined may still touch the process's
     // objects: leave without running their destructors.
@@ -214,7 +223,7 @@ void sig_fault(int signo) {
 // After a reload with [fixes] reload: the room list, the PMS address and the
 // Manager session follow the new configuration.
 void apply_reload(const config& before, const config_ptr& after) {
-    load_rooms_conf(after->rooms, self->statesfile, after->fixes.dates);
+    load_rooms_conf(after->rooms, *self->states, fill_options_of(*after).dates);
     if (before.pmshost != after->pmshost || before.pmsport != after->pmsport ||
         before.pmsinterface != after->pmsinterface) {
         LOG(L_NOTICE, "PMS settings changed: connecting to %s:%d", after->pmshost.c_str(),
@@ -226,7 +235,7 @@ void apply_reload(const config& before, const config_ptr& after) {
         before.mgr_port != after->mgr_port || before.mgr_user != after->mgr_user ||
         before.mgr_passwd != after->mgr_passwd || before.mgr_events != after->mgr_events) {
         LOG(L_NOTICE, "Manager settings changed: starting a new session");
-        notify_manager(after->use_manager);
+        self->notify->manager(after->use_manager);
         if (!stop_capture(std::chrono::steady_clock::now() + std::chrono::seconds(3)))
             LOG(L_WARNING, "The old Manager session did not stop; it is left behind");
         start_capture(after);
@@ -240,7 +249,9 @@ void sig_hup(int) {
     if (self->configs->load() < 0) {
         LOG(L_ERROR, "Unable to open configuration file %s. Exiting...",
             self->configs->path().c_str());
-        shut_down(before->fixes.exit_status ? 1 : 0);
+        // The pid file stays, unless the ending is to be noticed by its status.
+        const bool status = before->fixes.exit_status;
+        shut_down(status ? 1 : 0, !status);
     }
     config_ptr cfg = self->configs->current();
     check_configuration(*cfg);
@@ -254,10 +265,10 @@ bool connect_pms() {
     config_ptr cfg = self->configs->current();
     const char* interface = cfg->pmsinterface ? cfg->pmsinterface->c_str() : "";
     self->link->set_options(link_options(*cfg));
-    notify_waiting(notify_part::main_loop, true);
+    self->notify->waiting(notify_part::main_loop, true);
     const bool ok = self->link->connect(cfg->pmshost, cfg->pmsport) == 0;
-    notify_waiting(notify_part::main_loop, false);
-    notify_pms_connect(cfg->pmshost, cfg->pmsport, ok);
+    self->notify->waiting(notify_part::main_loop, false);
+    self->notify->pms_connect(cfg->pmshost, cfg->pmsport, ok);
     if (ok) return true;
     LOG(L_ERROR, "Unable to connect to PMS at %s:%d/%s", cfg->pmshost.c_str(), cfg->pmsport,
         interface);
@@ -273,21 +284,6 @@ void install_signal_handlers() {
     signal_set_handler(SIGINT, 0, sig_term);
     signal_set_handler(SIGABRT, 0, sig_fault);
     signal_set_handler(SIGQUIT, 0, sig_term);
-    signal_set_handler(SIGKILL, 0, sig_term);  // refused by the system, as expected
-}
-
-// Hands one record to its handler: a worker per record, or, with [fixes]
-// ordered_records, the reader itself for link records and the one ordered
-// worker for all others.
-void dispatch(const config_loader& configs, pms_link& link, const char* record) {
-    if (!self->ordered) {
-        std::thread(process_fias_packet, std::cref(configs), std::ref(link), std::string(record))
-            .detach();
-    } else if (is_link_record(record)) {
-        process_fias_packet(configs, link, record);
-    } else {
-        self->ordered->push(record);
-    }
 }
 
 }  // namespace
@@ -326,55 +322,56 @@ int main(int argc, char** argv) {
         daemon_init(name ? name + 1 : argv[0]);
     }
 
-    pms_link link;
-    state.link = &link;
     config_ptr cfg = configs.current();
     if (state.start_fixes.private_files) logger_set_file_mode(0640);
     apply_logger(*cfg);
     // The first warnings came before the logger had its settings.
     check_configuration(*cfg);
 
-    state.statesfile = cfg->statesfile;
-    if (open_states_file(cfg->statesfile) != 0) {
+    // The objects the threads share live in main()'s frame, which exit()
+    // never unwinds.
+    states_file states;
+    state.states = &states;
+    if (states.open(cfg->statesfile) != 0) {
         LOG(L_ERROR, "Unable to open states file %s", cfg->statesfile.c_str());
         exit(1);
     }
     if (state.start_fixes.private_files)
         for (const char* suffix : {"", "-wal", "-shm"})
             chmod((cfg->statesfile + suffix).c_str(), 0640);
-    load_rooms_conf(cfg->rooms, cfg->statesfile, cfg->fixes.dates);
+    load_rooms_conf(cfg->rooms, states, fill_options_of(*cfg).dates);
 
-    // While the reader waits, signals are still acted upon.
-    link.set_idle_hook([] {
-        notify_beat(notify_part::main_loop);
-        signal_handle_all();
-    });
-    notify_start(link, cfg->statesfile, cfg->use_manager);
+    pms_link link;
+    state.link = &link;
+    notifier notify;
+    state.notify = &notify;
+    resync sync;
+    audit_window audit;
+    unanswered_postings waiting;
+    record_dispatcher records({configs, link, states, sync, audit, waiting},
+                              state.start_fixes.ordered_records);
+    state.records = &records;
+    notify.start(link, states, cfg->use_manager);
     connect_pms();
 
-    state.billing.start([&] { service_background(configs, link, state.stop); });
+    const billing_parts billing{link, states, audit, waiting, notify};
+    state.billing.start([&] { service_background(configs, billing, state.stop); });
     start_capture(cfg);
-    if (state.start_fixes.ordered_records)
-        state.ordered = std::make_unique<ordered_records>(configs, link);
     cfg.reset();
-    notify_ready();
+    notify.ready();
 
     char buffer[4096];
     for (;;) {
-        notify_beat(notify_part::main_loop);
-        if (!link.is_open()) {
-            if (!connect_pms()) {
-                signal_handle_all();
-                std::this_thread::sleep_for(std::chrono::seconds(1));
-                // With [fixes] link_end a link that is down is not lost again.
-                if (configs.current()->fixes.link_end) continue;
-            }
+        notify.beat(notify_part::main_loop);
+        sync.watch(link);
+        if (!link.is_open() && !connect_pms()) {
+            signal_handle_all();
+            std::this_thread::sleep_for(std::chrono::seconds(1));
         }
-        int n = link.read_packet(buffer, sizeof buffer);
-        const fixes_settings fixes = configs.current()->fixes;
-        if (n >= 0 && fixes.link_end && strncmp(buffer, "LE", 2) == 0 && is_link_record(buffer)) {
-            LOG(L_DEBUG, "Read %s", buffer);
-            n = -1;  // the PMS ends the link
+        const int n = link.read_packet(buffer, sizeof buffer);
+        if (n == pms_link::idle) {
+            signal_handle_all();
+            continue;
         }
         if (n < 0) {
             if (!state.pms_moved) LOG(L_WARNING, "Connection to PMS lost");
@@ -382,10 +379,10 @@ int main(int argc, char** argv) {
             link.drop();
         } else {
             LOG(L_DEBUG, "Read %s", buffer);
-            if (!is_link_record(buffer)) notify_record(buffer);
-            dispatch(configs, link, buffer);
+            if (!is_link_record(buffer)) notify.record(buffer);
+            records.handle(buffer);
         }
         signal_handle_all();
-        if (!state.ordered) std::this_thread::sleep_for(record_pause());
+        if (!state.start_fixes.ordered_records) std::this_thread::sleep_for(record_pause());
     }
 }

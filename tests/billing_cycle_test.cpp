@@ -47,7 +47,7 @@ class BillingCycle : public ::testing::Test {
         logger_init(nullptr, 1, 0, 0);
     }
 
-    bool cycle(const texts& rooms) { return billing_cycle(cfg, rooms, link, sequence); }
+    bool cycle(const texts& rooms) { return billing_cycle(cfg, rooms, parts, sequence); }
     bool exec(const std::string& sql) { return sqlite_exec(dir.file("pbx.db"), sql); }
     rows pbx_rows(const std::string& sql) { return sqlite_rows(dir.file("pbx.db"), sql); }
     std::string log() { return read_file(dir.file("log")); }
@@ -69,6 +69,11 @@ class BillingCycle : public ::testing::Test {
     dbdriver_ptr pbx;
     config cfg;
     pms_link link;
+    states_file states;
+    audit_window audit;
+    unanswered_postings waiting;
+    notifier notify;
+    const billing_parts parts{link, states, audit, waiting, notify};
     posting_sequence sequence;
     int far_end = -1;
     std::string wire;
@@ -160,6 +165,21 @@ TEST_F(BillingCycle, PassesThatCannotGoOnGiveUpAndReleaseTheLock) {
         return true;
     });
     ASSERT_EQ(std::future_status::ready, taken.wait_for(5s));
+}
+
+TEST(UnansweredPostings, AnUnansweredPostingIsSentAgainOnceAndOneWaitsPerNumber) {
+    unanswered_postings waiting;
+    for (const char* seq : {"0001", "0002", "0003", "0001"})  // the sequence came round
+        waiting.sent({seq, "101", "5551234", std::string("PS|P#") + seq + "|"}, 1);
+    EXPECT_TRUE(waiting.answered("0002"));
+    EXPECT_FALSE(waiting.answered("0002"));
+    EXPECT_TRUE(waiting.to_resend(1).empty());  // their link is still up
+    std::vector<unanswered_postings::posting> again = waiting.to_resend(2);
+    ASSERT_EQ(2u, again.size());
+    EXPECT_EQ("0003", again[0].seq);  // in the order they were sent
+    EXPECT_EQ("PS|P#0001|", again[1].text);
+    EXPECT_TRUE(waiting.to_resend(3).empty());
+    EXPECT_FALSE(waiting.answered("0003"));
 }
 
 }  // namespace

@@ -1,9 +1,8 @@
 // CDR capture: mgr_cache_cdr on the states file, and the capture thread
 // against the Manager simulator over loopback.
 //
-// The states file's record is process-wide and opens its file once, so this
-// program uses one states file for all its tests and empties `rooms` and
-// `cdrcache` before each.
+// One states file serves all the tests of this program; `rooms` and
+// `cdrcache` are emptied before each.
 #include <gtest/gtest.h>
 
 #include <future>
@@ -20,14 +19,14 @@ using namespace std::chrono_literals;
 namespace {
 
 temp_dir suite_dir;
-const std::string states_file = suite_dir.file("states.db");
+const std::string states_path = suite_dir.file("states.db");
+states_file states;
 
 // The rows of `columns` in cdrcache, each as "value|value|...".
 std::vector<std::string> cached(const char* columns = "uniqueid") {
-    db_lock guard(sqliteint);  // no reader while the thread writes
     std::vector<std::string> rows;
     for (const auto& row : sqlite_rows(
-             states_file, std::string("select ") + columns + " from cdrcache order by rowid")) {
+             states_path, std::string("select ") + columns + " from cdrcache order by rowid")) {
         rows.emplace_back();
         for (const std::string& v : row) rows.back() += (rows.back().empty() ? "" : "|") + v;
     }
@@ -40,10 +39,10 @@ mgr_cdr_event call(const char* src, const char* uid = "1714557600.42") {
 
 class Capture : public ::testing::Test {
   protected:
-    static void SetUpTestSuite() { ASSERT_EQ(0, open_states_file(states_file)); }
+    static void SetUpTestSuite() { ASSERT_EQ(0, states.open(states_path)); }
     void SetUp() override {
         logger_init(dir.file("log").c_str(), 5, 0, 0);
-        ASSERT_TRUE(sqlite_exec(states_file,
+        ASSERT_TRUE(sqlite_exec(states_path,
                                 "delete from cdrcache; delete from rooms; "
                                 "insert into rooms (room) values ('101')"));
     }
@@ -68,8 +67,8 @@ class Capture : public ::testing::Test {
         cfg->mgr_user = "orlanbeck";
         cfg->mgr_passwd = "secret";
         cfg->mgr_events = "cdr";
-        cfg->statesfile = states_file;
-        thread = std::async(std::launch::async, [this, cfg] { cdrmanager_thread(cfg, stop); });
+        thread = std::async(std::launch::async,
+                            [this, cfg] { cdrmanager_thread(cfg, stop, states, notify); });
     }
     void WaitLoggedIn(size_t n) {
         ASSERT_TRUE(sim->wait_logins(static_cast<int>(n)));
@@ -82,6 +81,7 @@ class Capture : public ::testing::Test {
 
     temp_dir dir;
     stop_flag stop;
+    notifier notify;
     std::unique_ptr<mgr_sim> sim;
     std::future<void> thread;
 };
@@ -91,7 +91,7 @@ TEST_F(Capture, OnlyRoomCallsAreCachedWithEveryColumn) {
         auto m = std::make_unique<message>();
         for (const auto& [name, value] : ev.headers)
             mgr_add_header(*m, "%s: %s", name.c_str(), value.c_str());
-        mgr_cache_cdr(*m, rooms);
+        mgr_cache_cdr(*m, cdr_rooms(rooms), states);
     };
     // A quote in a value breaks the statement: the driver logs it, nothing is kept.
     cache(call("101", "quoted").set("CallerID", "\"O'Brien\" <101>"), {"101"});

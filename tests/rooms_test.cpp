@@ -22,7 +22,8 @@ const char* const admin_pass = slapd_server::admin_password;
 // The states file opens once per process: one states file and one log for
 // the whole program, the table emptied before every test.
 temp_dir suite_dir;
-const std::string states = suite_dir.file("states.db"), log_path = suite_dir.file("log");
+const std::string states_path = suite_dir.file("states.db"), log_path = suite_dir.file("log");
+states_file states;
 
 // Every entry is an inetOrgPerson, so that any of them may hold room numbers:
 //   cn=wing           (no rooms)
@@ -41,7 +42,7 @@ class Rooms : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
         logger_init(log_path.c_str(), 5, 0, 0);
-        ASSERT_EQ(0, open_states_file(states));
+        ASSERT_EQ(0, states.open(states_path));
         server_ = std::make_unique<slapd_server>();
         if (server_->start()) server_->add(directory_ldif);
     }
@@ -51,7 +52,7 @@ class Rooms : public ::testing::Test {
         Clear();
         log_mark_ = read_file(log_path).size();
     }
-    static void Clear() { ASSERT_TRUE(sqlite_exec(states, "delete from rooms")); }
+    static void Clear() { ASSERT_TRUE(sqlite_exec(states_path, "delete from rooms")); }
 
     // Loads the rooms with `rooms` as the [rooms] section of the configuration.
     void Load(const std::string& rooms) {
@@ -75,7 +76,7 @@ class Rooms : public ::testing::Test {
     }
     room_set Loaded() {
         room_set out;
-        for (auto& row : sqlite_rows(states, "select room from rooms")) out.insert(row[0]);
+        for (auto& row : sqlite_rows(states_path, "select room from rooms")) out.insert(row[0]);
         return out;
     }
     // How many lines of `level` written since the test began hold `text`.
@@ -93,11 +94,12 @@ class Rooms : public ::testing::Test {
 };
 
 TEST_F(Rooms, NumberedKeysUntilTheFirstGapOrTheDirectoryOfTypeLdapInAnyCase) {
-    ASSERT_TRUE(sqlite_exec(states, "insert into rooms values ('101','2020-01-01','10:00:00',7)"));
+    ASSERT_TRUE(
+        sqlite_exec(states_path, "insert into rooms values ('101','2020-01-01','10:00:00',7)"));
     Load("room1 = 101\nroom2 = 102\nroom4 = 104\n");
     EXPECT_EQ((room_set{"101", "102"}), Loaded());
     EXPECT_EQ((std::vector<std::vector<std::string>>{{"0", ""}}),
-              sqlite_rows(states, "select calls, citime from rooms where room='101'"));
+              sqlite_rows(states_path, "select calls, citime from rooms where room='101'"));
     Clear();
     Load("type = file\nroom1 = 101\n");
     EXPECT_EQ(room_set{}, Loaded());

@@ -1,6 +1,6 @@
 // Statement templates: the placeholders of the three routines, their values,
 // the echo on standard output and unknown placeholders.
-#include "billing/templates.h"
+#include "templates/templates.h"
 
 #include <gtest/gtest.h>
 #include <sys/syscall.h>

@@ -2,11 +2,9 @@
 
 #include <strings.h>
 
-#include "billing/templates.h"
 #include "logger.h"
-#include "states/states.h"
 
-void do_pa(const record_context& ctx) {
+void do_pa(const record_context& ctx, unanswered_postings& waiting) {
     LOG(L_NOTICE, "Posting answer");
     fias_field_t* rn = room_field(ctx);
     if (!rn) return;
@@ -24,32 +22,21 @@ void do_pa(const record_context& ctx) {
     if (answer) LOG(L_NOTICE, "\tAnswer is: %s", answer);
     // An answer without "AS" counts as refused.
     const bool accepted = answer && strncasecmp(answer, "OK", 2) == 0;
-    const bool posting = ctx.cfg->fixes.posting;
-    // With [fixes] posting an answer settles its posting (or its copy).
-    if (posting) ctx.link.posting_answered(field_text(seq));
+    const posting_policy policy(*ctx.cfg);
+    // An answer settles its posting (or its copy).
+    if (policy.waits_for_answers()) waiting.answered(field_text(seq));
     if (!accepted) {
         LOG(L_WARNING, "Non-OK answer on Post call. Please check");
         // It stays marked as sent: it is settled on the PMS's side.
-        if (posting)
+        if (policy.names_refusals())
             LOG(L_WARNING, "Posting P#%s of room %s refused by the PMS: %s", field_text(seq),
                 field_text(rn), answer ? answer : "(no answer text)");
         return;
     }
 
     if (ctx.cfg->use_manager) {
-        // With [fixes] posting the accepted call is removed by its own row,
-        // or marked, matched with the date's own month.
-        fill_options fill = fill_options_of(*ctx.cfg);
-        const char* templ = ctx.cfg->noremovecalls ? pa_mark_statement : pa_remove_statement;
-        if (posting) {
-            templ = ctx.cfg->noremovecalls ? pa_mark_statement : pa_remove_own_statement;
-            fill.dates = fill.escape = fill.percent = true;
-        }
-        std::string statement =
-            prepare_query(&sqliteint, templ, rn, nullptr, nullptr, nullptr, da, ti, seq, fill);
-        LOG(L_DEBUG, "OK query is: %s\n", statement.c_str());
-        db_lock guard(sqliteint);
-        sqliteint.query(statement.c_str());
+        ctx.states.accept_posting(policy.accepted(), rn, da, ti, seq,
+                                  policy.answer_fill(fill_options_of(*ctx.cfg)));
         return;
     }
 

@@ -9,58 +9,13 @@
 #include <optional>
 #include <thread>
 
-#include "billing/templates.h"
 #include "db/sqlite.h"
 #include "fias/codec.h"
-#include "handlers/context.h"
-#include "handlers/night_audit.h"
-#include "handlers/resync.h"
 #include "logger.h"
-#include "ops/notify.h"
 #include "process.h"
-#include "states/states.h"
-
-std::string posting_sequence::next() {
-    last = last + 1 > 9999 ? 0 : last + 1;
-    char text[16];
-    snprintf(text, sizeof text, "%04u", last);
-    return text;
-}
+#include "templates/templates.h"
 
 namespace {
-
-// One call row as the passes read it.
-struct call_row {
-    char date[32] = "";
-    char time[32] = "";
-    char dst[256] = "";
-    int billsec = 0;
-    int callcost = -1;
-};
-
-enum class row_read { ok, end, failed };
-
-// Reads the current row's five columns; logs and fails on an unreadable one.
-row_read read_call_row(dbdriver_t& drv, call_row& row) REQUIRES(drv) {
-    if (drv.fetch_char_field(0, row.date, sizeof row.date - 1) < 0) {
-        LOG(L_ERROR, "No mandatory date field in cdr query");
-        return row_read::failed;
-    }
-    if (drv.fetch_char_field(1, row.time, sizeof row.time - 1) < 0) {
-        LOG(L_ERROR, "No mandatory time field in cdr query");
-        return row_read::failed;
-    }
-    if (drv.fetch_char_field(2, row.dst, sizeof row.dst - 1) < 0) {
-        LOG(L_ERROR, "No mandatory destination field in cdr query");
-        return row_read::failed;
-    }
-    if (drv.fetch_int_field(3, &row.billsec) < 0) {
-        LOG(L_ERROR, "No mandatory billsec field in cdr query");
-        return row_read::failed;
-    }
-    drv.fetch_int_field(4, &row.callcost);
-    return row_read::ok;
-}
 
 fias_value_t text_value(const char* text) {
     fias_value_t v;
@@ -96,30 +51,30 @@ void set_field(fias_packet_t* p, const char* name, const fias_value_t& v) {
 
 // What a pass needs besides its configuration and rooms.
 struct pass_env {
-    pms_link& link;
+    const billing_parts& parts;
     posting_sequence& sequence;
     fill_options fill;
-    const fixes_settings& fixes;
+    posting_policy policy;
+    fias_codec_options codec;
     billing_memory* memory;  // may be null
-    fias_codec_options codec() const { return fias_codec_options{fixes.numbers}; }
+    pms_link& link() const { return parts.link; }
 };
 
-// Sends a report ("PS", "WA", "RE"). True when it is to be marked: always by
-// default (also when the send failed); with [fixes] posting only when it was
-// written whole on an active link.
+// Sends a report ("PS", "WA", "RE"). True when it is to be marked (see
+// posting_policy::marks_only_sent).
 bool send_report(pass_env& env, const fias_packet_t* rec, const char* error) {
-    if (night_audit().holds_postings()) return false;  // neither sent nor marked
-    if (env.fixes.posting && !env.link.active()) return false;
-    if (env.link.send_packet(rec) >= 0) return true;
+    if (env.parts.audit.holds_postings()) return false;  // neither sent nor marked
+    if (env.policy.marks_only_sent() && !env.link().active()) return false;
+    if (env.link().send_packet(rec) >= 0) return true;
     LOG(L_ERROR, "%s", error);
-    return !env.fixes.posting;
+    return !env.policy.marks_only_sent();
 }
 
 // Builds and sends the "PS" record of one call. Null when the record cannot
-// be made or, with [fixes] posting, was not sent (the row is then skipped and
-// not marked).
-fias_packet_ptr post_call(pass_env& env, const dbdriver_t& drv, const std::string& room,
-                          const call_row& row, std::string* sequence) {
+// be made or was not sent when only what was sent is marked (the row is then
+// skipped and not marked).
+fias_packet_ptr post_call(pass_env& env, const std::string& room, const call_row& row,
+                          const char* dateformat, const char* timeformat, std::string* sequence) {
     fias_packet_ptr rec = fias_create_packet(FIAS_PS);
     if (!rec) return nullptr;
     set_field(rec.get(), "RN", text_value(room.c_str()));
@@ -132,8 +87,8 @@ fias_packet_ptr post_call(pass_env& env, const dbdriver_t& drv, const std::strin
     du.time.min = static_cast<uint8_t>((row.billsec % 3600) / 60);
     du.time.sec = static_cast<uint8_t>(row.billsec % 60);
     set_field(rec.get(), "DU", du);
-    set_field(rec.get(), "DA", date_value(row.date, drv.dateformat));
-    set_field(rec.get(), "TI", time_value(row.time, drv.timeformat));
+    set_field(rec.get(), "DA", date_value(row.date, dateformat));
+    set_field(rec.get(), "TI", time_value(row.time, timeformat));
     if (row.callcost != -1) {
         fias_value_t ta;
         ta.ival = static_cast<uint32_t>(row.callcost);
@@ -143,9 +98,9 @@ fias_packet_ptr post_call(pass_env& env, const dbdriver_t& drv, const std::strin
         set_field(rec.get(), "PT", text_value("T"));
     }
     if (!send_report(env, rec.get(), "Unable to send fias Post Simple")) return nullptr;
-    if (env.fixes.posting)
-        env.link.posting_sent(
-            {*sequence, room, row.dst, fias_packet_to_str(rec.get(), env.codec())});
+    if (env.policy.waits_for_answers())
+        env.parts.waiting.sent({*sequence, room, row.dst, fias_packet_to_str(rec.get(), env.codec)},
+                               env.link().link_number());
     return rec;
 }
 
@@ -158,10 +113,9 @@ struct pass_source {
     bool ok = true;
 };
 
-// Whether a pass's complaint is to be logged: always by default; with
-// [fixes] posting once per configuration load.
+// Whether a pass's complaint is to be logged (posting_policy::complains_once).
 bool first_time(pass_env& env, const config& cfg, const char* key) {
-    if (!env.fixes.posting || !env.memory) return true;
+    if (!env.policy.complains_once() || !env.memory) return true;
     billing_memory& m = *env.memory;
     if (m.loaded != &cfg) {
         m.loaded = &cfg;
@@ -183,20 +137,21 @@ pass_source resolve(pass_env& env, const config& cfg, const std::string& service
     src.drv = find_dbdriver_in(cfg.dbdrivers, name.c_str());
     if (!src.drv) {
         if (first_time(env, cfg, key)) LOG(L_ERROR, "Unable to find DB driver %s", name.c_str());
-        if (!env.fixes.posting)
-            notify_stopped(notify_part::billing, "billing stopped: services:" + std::string(key) +
-                                                     " names the unknown database \"" + name +
-                                                     "\"");
-        // Billing ends for good, or, with [fixes] posting, skips the pass.
-        src.ok = env.fixes.posting;
+        // Billing ends for good, or skips the pass.
+        src.ok = env.policy.skips_unknown_database();
+        if (!src.ok)
+            env.parts.notify.stopped(notify_part::billing,
+                                     "billing stopped: services:" + std::string(key) +
+                                         " names the unknown database \"" + name + "\"");
         return src;
     }
     // A template that can never be filled stops this thread here, before any
     // lock is taken (the template routine itself logs and blocks).
     if (!env.fill.percent &&
         template_unknown_placeholder(TEMPLATE_STRINGS, s.statement.c_str()) >= 0) {
-        notify_stopped(notify_part::billing, "billing stopped: services:" + std::string(key) +
-                                                 " has an unknown placeholder");
+        env.parts.notify.stopped(
+            notify_part::billing,
+            "billing stopped: services:" + std::string(key) + " has an unknown placeholder");
         prepare_query2(src.drv.get(), s.statement.c_str(), nullptr, nullptr, nullptr, nullptr,
                        env.fill);
     }
@@ -207,7 +162,8 @@ pass_source resolve(pass_env& env, const config& cfg, const std::string& service
 // The statement of a mark setting, or an empty text when it has none. A mark
 // whose template can never be filled stops this thread here, before any
 // database lock is taken (the template routine itself logs and blocks).
-std::string mark_statement(const opt_text& service, const char* key, const fill_options& fill) {
+std::string mark_statement(pass_env& env, const dbdriver_t& drv, const opt_text& service,
+                           const char* key) {
     if (!service) return "";
     service_string s = split_service(*service);
     if (!s.has_statement) {
@@ -215,10 +171,12 @@ std::string mark_statement(const opt_text& service, const char* key, const fill_
             key, service->c_str());
         return "";
     }
-    if (!fill.percent && template_unknown_placeholder(TEMPLATE_STRINGS, s.statement.c_str()) >= 0) {
-        notify_stopped(notify_part::billing, "billing stopped: services:" + std::string(key) +
-                                                 " has an unknown placeholder");
-        prepare_query2(&sqliteint, s.statement.c_str(), nullptr, nullptr, nullptr, nullptr, fill);
+    if (!env.fill.percent &&
+        template_unknown_placeholder(TEMPLATE_STRINGS, s.statement.c_str()) >= 0) {
+        env.parts.notify.stopped(
+            notify_part::billing,
+            "billing stopped: services:" + std::string(key) + " has an unknown placeholder");
+        prepare_query2(&drv, s.statement.c_str(), nullptr, nullptr, nullptr, nullptr, env.fill);
     }
     return s.statement;
 }
@@ -252,46 +210,27 @@ void run_marks(dbdriver_t& drv, const std::vector<std::string>& marks) REQUIRES(
 
 void cache_pass(pass_env& env, const std::vector<std::string>& rooms) {
     LOG(L_DEBUG, "Cache case: check internal cdrcache values");
-    // The room's marks are committed together (see the durability note of
-    // the states file).
-    struct cache_mark {
-        std::string statement, param;
-        call_row row;
-    };
-    std::vector<cache_mark> marks;
+    states_file& states = env.parts.states;
     for (const std::string& room : rooms) {
-        db_lock guard(sqliteint);
-        cache_select_unposted(room);
-        marks.clear();
-        while (sqliteint.fetch_row() == 0) {
-            LOG(L_DEBUG, "Have something in cache for room %s\n", room.c_str());
-            call_row row;
-            if (read_call_row(sqliteint, row) != row_read::ok) break;
-            std::string sequence;
-            fias_packet_ptr rec = post_call(env, sqliteint, room, row, &sequence);
-            if (!rec) continue;
-            std::string text = fias_packet_to_str(rec.get(), env.codec());
-            std::string mark =
-                prepare_query3(&sqliteint, cache_mark_statement, text.c_str(), room.c_str(),
-                               row.date, row.time, sequence.c_str(), env.fill);
-            LOG(L_DEBUG, "Sending mark query: %s\n", mark.c_str());
-            marks.push_back({std::move(mark), std::move(text), row});
-        }
-        if (marks.empty()) continue;
-        states_begin();
-        for (const cache_mark& m : marks)
-            cache_run_mark(m.statement, m.param, room, m.row.date, m.row.time);
-        states_commit();
+        states.post_unposted(
+            room,
+            [&](const call_row& row) -> std::optional<posted_call> {
+                std::string sequence;
+                fias_packet_ptr rec =
+                    post_call(env, room, row, cache_date_format, cache_time_format, &sequence);
+                if (!rec) return std::nullopt;
+                return posted_call{fias_packet_to_str(rec.get(), env.codec), sequence};
+            },
+            env.fill);
     }
-    db_lock guard(sqliteint);
-    states_checkpoint();
+    states.checkpoint();
 }
 
 bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>& rooms) {
     pass_source src = resolve(env, cfg, *cfg.billcalls, "billcalls");
     if (!src.ok) return false;
     if (!src.drv) return true;
-    std::string billmark = mark_statement(cfg.billmark, "billmark", env.fill);
+    std::string billmark = mark_statement(env, *src.drv, cfg.billmark, "billmark");
     dbdriver_t& drv = *src.drv;
     for (const std::string& room : rooms) {
         db_lock guard(drv);
@@ -301,7 +240,8 @@ bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>
             call_row row;
             if (read_call_row(drv, row) != row_read::ok) break;
             std::string sequence;
-            fias_packet_ptr rec = post_call(env, drv, room, row, &sequence);
+            fias_packet_ptr rec =
+                post_call(env, room, row, drv.dateformat, drv.timeformat, &sequence);
             if (!rec) continue;
             if (!billmark.empty()) {
                 marks.push_back(prepare_query2(&drv, billmark.c_str(), room.c_str(), row.date,
@@ -336,7 +276,7 @@ bool single_row_pass(pass_env& env, const config& cfg, const std::string& servic
     pass_source src = resolve(env, cfg, service, key);
     if (!src.ok) return false;
     if (!src.drv) return true;
-    std::string mark = mark_statement(mark_service, mark_key, env.fill);
+    std::string mark = mark_statement(env, *src.drv, mark_service, mark_key);
     dbdriver_t& drv = *src.drv;
     for (const std::string& room : rooms) {
         db_lock guard(drv);
@@ -421,13 +361,15 @@ std::optional<reported> room_status_pass(pass_env& pass, dbdriver_t& drv, const 
 
 }  // namespace
 
-bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms, pms_link& link,
-                   posting_sequence& sequence, billing_memory* memory) {
-    pass_env env{link, sequence, fill_options_of(cfg), cfg.fixes, memory};
-    if (!link.active() || night_audit().holds_postings()) return true;
+bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms,
+                   const billing_parts& parts, posting_sequence& sequence, billing_memory* memory) {
+    pass_env env{parts, sequence, fill_options_of(cfg), posting_policy(cfg), {cfg.fixes.numbers},
+                 memory};
+    pms_link& link = parts.link;
+    if (!link.active() || parts.audit.holds_postings()) return true;
     // Postings whose answers were lost with an earlier link go out once more,
-    // with their own "P#" ([fixes] posting).
-    for (const pms_link::posting& p : link.postings_to_resend()) {
+    // with their own "P#".
+    for (const unanswered_postings::posting& p : parts.waiting.to_resend(link.link_number())) {
         LOG(L_WARNING, "Posting P#%s of room %s (%s) sent again: its answer was lost with the link",
             p.seq.c_str(), p.room.c_str(), p.number.c_str());
         if (link.send_raw(p.text.c_str()) < 0) LOG(L_ERROR, "Unable to send fias Post Simple");
@@ -453,15 +395,16 @@ bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms, pms
     return true;
 }
 
-void service_background(const config_loader& configs, pms_link& link, stop_flag& stop) {
-    unsigned version = states_rooms_version();
+void service_background(const config_loader& configs, const billing_parts& parts, stop_flag& stop) {
+    states_file& states = parts.states;
+    unsigned version = states.rooms_version();
     std::vector<std::string> rooms;
-    states_room_list(rooms);
+    states.room_list(rooms);
     posting_sequence sequence;
     billing_memory memory;
     const auto wedge_at = std::chrono::steady_clock::now() + billing_wedge_after();
     for (;;) {
-        notify_beat(notify_part::billing);
+        parts.notify.beat(notify_part::billing);
         // A test hook: the thread hangs without being stopped by design.
         if (std::chrono::steady_clock::now() >= wedge_at) {
             while (!stop.wait_for(std::chrono::hours(1))) {
@@ -471,17 +414,16 @@ void service_background(const config_loader& configs, pms_link& link, stop_flag&
         config_ptr cfg = configs.current();
         // With [fixes] reload the cycle bills the rooms of the table as it
         // is now (a reload or a check-in changes it).
-        if (cfg->fixes.reload && version != states_rooms_version()) {
-            version = states_rooms_version();
+        if (cfg->fixes.reload && version != states.rooms_version()) {
+            version = states.rooms_version();
             std::vector<std::string> now;
-            if (states_room_list(now) == 0) rooms = std::move(now);
+            if (states.room_list(now) == 0) rooms = std::move(now);
         }
-        resync_watch(link);
-        if (!cfg->night_audit) night_audit().close("pms:night_audit is off");
-        if (!billing_cycle(*cfg, rooms, link, sequence, &memory)) return;
-        notify_waiting(notify_part::billing, true);
+        if (!cfg->night_audit) parts.audit.close("pms:night_audit is off");
+        if (!billing_cycle(*cfg, rooms, parts, sequence, &memory)) return;
+        parts.notify.waiting(notify_part::billing, true);
         const bool stopped = stop.requested() || stop.wait_for(billing_period());
-        notify_waiting(notify_part::billing, false);
+        parts.notify.waiting(notify_part::billing, false);
         if (stopped) return;
     }
 }

@@ -3,9 +3,10 @@
 // status ("RE"), and marks what it sent.
 //
 // Contract:
-//  - service_background() is the thread body; the process owns the thread
-//    and stops it through `stop`. It reads the room list once, at its start,
-//    and takes a configuration snapshot at the start of every cycle.
+//  - service_background() is the thread body; main owns the thread and stops
+//    it through `stop`. It reads the room list at its start and, with
+//    [fixes] reload, again whenever the states file's list has changed; it
+//    takes a configuration snapshot at the start of every cycle.
 //  - Each room's work on a database is done under that driver's lock, from
 //    its statement to its marks; the lock is always released when the room's
 //    work ends, also on the paths that give up a pass.
@@ -17,19 +18,25 @@
 #include <string>
 #include <vector>
 
+#include "billing/night_audit.h"
+#include "billing/postings.h"
 #include "config.h"
 #include "fias/link.h"
+#include "ops/notify.h"
+#include "states/states.h"
 #include "stop_flag.h"
 
-// The posting numbers "P#": 0001 to 9999, then 0000, 0001, ...
-struct posting_sequence {
-    unsigned last = 0;
-    std::string next();
+// The process's objects that billing works with; they outlive the thread.
+struct billing_parts {
+    pms_link& link;
+    states_file& states;
+    audit_window& audit;
+    unanswered_postings& waiting;
+    notifier& notify;
 };
 
 // What the billing thread remembers across cycles: the complaints already
-// logged for the configuration in force ([fixes] posting logs each once per
-// load).
+// logged for the configuration in force (posting_policy::complains_once).
 struct billing_memory {
     const config* loaded = nullptr;
     std::set<std::string> reported;
@@ -37,9 +44,10 @@ struct billing_memory {
 
 // Runs until a pass's driver is missing (which ends billing for good) or a
 // stop is requested.
-void service_background(const config_loader& configs, pms_link& link, stop_flag& stop);
+void service_background(const config_loader& configs, const billing_parts& parts, stop_flag& stop);
 
 // One cycle's passes over `rooms` (the cache or query pass, the wake-up pass,
 // the room-status pass). Returns false when a pass's driver is missing.
-bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms, pms_link& link,
-                   posting_sequence& sequence, billing_memory* memory = nullptr);
+bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms,
+                   const billing_parts& parts, posting_sequence& sequence,
+                   billing_memory* memory = nullptr);

@@ -22,21 +22,10 @@ dbdriver_ptr sqlite_create_drv(const char* name);
 // Gives `drv` a fresh SQLite handle and the name `name`.
 void sqlite_init_record(dbdriver_t& drv, const char* name);
 
-// An SQLite record that is never destroyed (its holder is trivially
-// destructible), for a process-wide record that detached record workers may
-// still use while the process exits.
-class lasting_sqlite_record {
-  public:
-    explicit lasting_sqlite_record(const char* name)
-        : drv_(std::construct_at(reinterpret_cast<dbdriver_t*>(storage_))) {
-        sqlite_init_record(*drv_, name);
-    }
-    dbdriver_t& get() const { return *drv_; }
-
-  private:
-    alignas(dbdriver_t) unsigned char storage_[sizeof(dbdriver_t)];
-    dbdriver_t* drv_;
-};
+// The first column of the first row of `sql` as a number, on the open
+// connection of an SQLite record, with nothing logged; -1 when the
+// connection is closed or the statement fails.
+int sqlite_count(dbdriver_t& drv, const char* sql) REQUIRES(drv);
 
 // Like drv.query(sql), with each "?" of `sql` bound to the next text of
 // `params`; the statement is prepared once per connection and kept until the

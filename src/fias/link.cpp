@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -120,46 +119,8 @@ void pms_link::attach(int fd) {
     ended_ = false;
     open_ = true;
     link_number_++;
-}
-
-void pms_link::posting_sent(posting p) {
-    mutex_lock guard(postings_mutex_);
-    const unsigned link = link_number_.load();
-    auto [it, added] = in_flight_.try_emplace(p.seq);
-    if (!added && unanswered_warned_ != link) {
-        unanswered_warned_ = link;
-        LOG(L_WARNING,
-            "Posting P#%s of room %s (%s) was never answered and is forgotten: "
-            "its number is used again",
-            it->second.p.seq.c_str(), it->second.p.room.c_str(), it->second.p.number.c_str());
-    }
-    it->second = in_flight{std::move(p), link, postings_sent_++};
-}
-
-bool pms_link::posting_answered(const std::string& seq) {
-    mutex_lock guard(postings_mutex_);
-    return in_flight_.erase(seq) > 0;
-}
-
-std::vector<pms_link::posting> pms_link::postings_to_resend() {
-    std::vector<in_flight> lost;
-    {
-        mutex_lock guard(postings_mutex_);
-        for (auto it = in_flight_.begin(); it != in_flight_.end();) {
-            if (it->second.link_number == link_number_) {
-                ++it;
-                continue;
-            }
-            lost.push_back(std::move(it->second));
-            it = in_flight_.erase(it);
-        }
-    }
-    std::sort(lost.begin(), lost.end(),
-              [](const in_flight& a, const in_flight& b) { return a.order < b.order; });
-    std::vector<posting> out;
-    out.reserve(lost.size());
-    for (in_flight& f : lost) out.push_back(std::move(f.p));
-    return out;
+    in_record_ = false;
+    partial_.clear();
 }
 
 void pms_link::drop() {
@@ -245,30 +206,29 @@ int pms_link::init_connection(const char* iftype, fias_record_set optional) {
         end_link();
         return -1;
     }
-    fias_connected_ = 1;
     return 0;
 }
 
 namespace {
 
-// One byte from `sock`: 1, 0 at end of stream, -1 on error (EINTR retried).
-// While nothing arrives, `idle` runs once a second (and after a signal
-// interrupted the wait), so a quiet link never keeps the main thread from
-// acting on pending signals.
-int read_byte(int sock, char* c, const std::function<void()>& idle) {
-    if (sock < 0) return -1;
+// One byte from `sock`: 1, 0 at end of stream, -1 on error (EINTR retried),
+// pms_link::idle when nothing came within a second (or a signal interrupted
+// the wait), so that the caller can act on pending signals.
+int read_byte(int sock, char* c) {
+    pollfd pfd{sock, POLLIN, 0};
+    int ready = poll(&pfd, 1, 1000);
+    if (ready < 0 && errno != EINTR) return -1;
+    if (ready <= 0) return pms_link::idle;
     for (;;) {
-        pollfd pfd{sock, POLLIN, 0};
-        int ready = poll(&pfd, 1, 1000);
-        if (ready <= 0) {
-            if (ready < 0 && errno != EINTR) return -1;
-            if (idle) idle();
-            continue;
-        }
         ssize_t n = read(sock, c, 1);
         if (n >= 0) return static_cast<int>(n);
         if (errno != EINTR) return -1;
     }
+}
+
+bool is_link_end(const std::string& record) {
+    return record.compare(0, 2, "LE") == 0 &&
+           (record.size() == 2 || record[2] == '|' || record[2] == ETX);
 }
 
 }  // namespace
@@ -278,39 +238,48 @@ int pms_link::read_packet(char* packet, int maxlen) {
     // The main thread is the only one that closes the socket, so the number
     // stays valid while it reads without the write lock.
     const int sock = socket_fd();
-    // At the end of the stream a peer that has gone quiet is not reported:
-    // each wait is one second long and runs the idle hook once.
-    auto next_byte = [&](char* c) {
-        for (;;) {
-            int n = read_byte(sock, c, idle_hook_);
-            if (n != 0) return n;
+    if (sock < 0) return link_end_ ? idle : -1;
+    for (;;) {
+        if (in_record_ && static_cast<int>(partial_.size()) >= maxlen - 1) {
+            in_record_ = false;  // cut; the rest of the record follows as stray bytes
+            memcpy(packet, partial_.data(), partial_.size());
+            packet[partial_.size()] = '\0';
+            return static_cast<int>(partial_.size());
+        }
+        char c;
+        const int n = read_byte(sock, &c);
+        if (n == idle) return idle;
+        if (n < 0) return -1;
+        if (n == 0) {
             if (ended_ || link_end_) return -1;
             sleep(1);
-            if (idle_hook_) idle_hook_();
+            return idle;
         }
-    };
-
-    char c;
-    if (next_byte(&c) < 0) return -1;
-    if (quiet_) {
-        LOG(L_DEBUG, "Read code %x", static_cast<int>(static_cast<signed char>(c)));
-    } else {
-        printf("Read code %x\n", static_cast<int>(static_cast<signed char>(c)));
-        fflush(stdout);
-    }
-    if (c != STX) return -2;
-
-    int count = 0;
-    for (;;) {
-        if (count >= maxlen - 1) {
-            packet[count] = '\0';
-            return count;
+        if (!in_record_) {
+            if (quiet_) {
+                LOG(L_DEBUG, "Read code %x", static_cast<int>(static_cast<signed char>(c)));
+            } else {
+                printf("Read code %x\n", static_cast<int>(static_cast<signed char>(c)));
+                fflush(stdout);
+            }
+            if (c != STX) return -2;
+            in_record_ = true;
+            partial_.clear();
+            continue;
         }
-        if (next_byte(&packet[count]) < 0) return -1;
-        if (packet[count] == ETX) {
-            packet[count + 1] = '\0';
-            return count;
+        if (c != ETX) {
+            partial_.push_back(c);
+            continue;
         }
-        count++;
+        in_record_ = false;
+        const int count = static_cast<int>(partial_.size());
+        memcpy(packet, partial_.data(), partial_.size());
+        packet[count] = ETX;
+        packet[count + 1] = '\0';
+        if (link_end_ && is_link_end(partial_)) {
+            LOG(L_DEBUG, "Read %s", packet);
+            return -1;  // the PMS ends the link
+        }
+        return count;
     }
 }

@@ -14,14 +14,12 @@
 //    it down; the reader then returns -1 and the main thread drops it.
 //  - The link is "active" once the PMS has sent "LA" (set_active), until it
 //    is dropped.
+//  - How a link ends (options::link_end) is decided here alone, with the
+//    options in force when it was connected.
 #pragma once
 
 #include <atomic>
-#include <cstdint>
-#include <functional>
 #include <string>
-#include <unordered_map>
-#include <vector>
 
 #include "fias/codec.h"
 #include "fias/packet.h"
@@ -33,9 +31,11 @@ class pms_link {
 
     // How the link behaves; set by the main thread before it connects.
     struct options {
-        // The end of the stream, a failed or short write and a write that
-        // cannot complete within 10 s count as a lost link: the link is down
-        // at once and the reader returns -1. Connecting gives up after 5 s.
+        // The end of the stream, a failed or short write, a write that cannot
+        // complete within 10 s and an "LE" record from the PMS count as a
+        // lost link: the link is down at once and the reader returns -1.
+        // Connecting gives up after 5 s, and a link that is down is not
+        // reported lost again.
         bool link_end = false;
         // "Read code ..." is logged at DEBUG instead of printed.
         bool quiet = false;
@@ -66,17 +66,20 @@ class pms_link {
     // and the main thread drops it). The link is down at once.
     void end();
     bool is_open() const;
+    // What read_packet() returns when no whole record came within about a
+    // second: the caller acts on what is pending and calls again, and the
+    // record begun so far is kept for that call.
+    static constexpr int idle = -3;
     // Reads one framed record into `packet` (NUL-terminated; the ETX stays as
-    // the last character). Returns the length before the ETX, -2 for a stray
-    // byte before STX (printing "Read code %x" on standard output for every
-    // byte read before the record), -1 for a read error, no socket, or a link
-    // ended by a failed start-up exchange. A record longer than maxlen - 1 is
-    // cut there. At the end of the stream it waits (one second per attempt,
-    // running the idle hook) and reads again without returning.
+    // the last character). Returns the length before the ETX; -2 for a stray
+    // byte before STX (printing "Read code %x" on standard output for the
+    // first byte read by each call); idle; -1 for a read error, no socket
+    // (idle instead with link_end), a link ended by a failed start-up
+    // exchange, or, with link_end, the end of the stream or an "LE" record.
+    // A record longer than maxlen - 1 is cut there; `maxlen` is the same on
+    // every call. At the end of the stream it waits a second and returns
+    // idle: a peer that has gone quiet is not reported.
     int read_packet(char* packet, int maxlen);
-    // Called once per wait while the reader waits for bytes, so that pending
-    // signals are acted on. Set before other threads exist.
-    void set_idle_hook(std::function<void()> hook) { idle_hook_ = std::move(hook); }
 
     // --- any thread -----------------------------------------------------------
     // Frames and writes one record text. Returns the bytes written (text + 2)
@@ -96,24 +99,6 @@ class pms_link {
     int init_connection(const char* iftype, fias_record_set optional = 0);
     // The PMS sent "LA": postings may go out.
     void set_active() { pms_connected_ = 1; }
-
-    // Postings written whole and not yet answered ([fixes] posting). A
-    // posting whose answer was lost with its link is handed out once for
-    // sending again on a later link, and then forgotten; an answer settles
-    // it. One posting waits per "P#": when the sequence comes round to the
-    // number of a posting still unanswered, that one is forgotten (with a
-    // warning once per link), so a PMS that never answers costs no memory.
-    struct posting {
-        std::string seq;  // its "P#"
-        std::string room;
-        std::string number;  // the number called ("DD")
-        std::string text;    // the record text
-    };
-    void posting_sent(posting p);
-    // Forgets the posting `seq`; false when none was waiting.
-    bool posting_answered(const std::string& seq);
-    // The postings sent on an earlier link and not yet sent again.
-    std::vector<posting> postings_to_resend();
     bool active() const { return pms_connected_ != 0; }
     // Counts the links attached so far: a link that is dropped and made
     // again has a new number.
@@ -126,22 +111,13 @@ class pms_link {
     mutable annotated_mutex write_mutex_;
     int fd_ GUARDED_BY(write_mutex_) = -1;
     std::atomic<bool> open_{false};
-    std::atomic<bool> ended_{false};      // shut down by a writer
-    std::atomic<int> pms_connected_{0};   // 1 once the PMS has sent "LA"
-    std::atomic<int> fias_connected_{0};  // 1 once our description and "LA" went out
+    std::atomic<bool> ended_{false};     // shut down by a writer
+    std::atomic<int> pms_connected_{0};  // 1 once the PMS has sent "LA"
     std::atomic<bool> link_end_{false};
     std::atomic<bool> quiet_{false};
     std::atomic<bool> numbers_{false};
-    std::function<void()> idle_hook_;  // main thread only
-
-    struct in_flight {
-        posting p;
-        unsigned link_number;  // of the link it went out on
-        uint64_t order;        // of sending
-    };
-    annotated_mutex postings_mutex_;
-    std::unordered_map<std::string, in_flight> in_flight_ GUARDED_BY(postings_mutex_);  // by "P#"
-    uint64_t postings_sent_ GUARDED_BY(postings_mutex_) = 0;
-    unsigned unanswered_warned_ GUARDED_BY(postings_mutex_) = 0;  // the link last warned about
-    std::atomic<unsigned> link_number_{0};                        // counts the links attached
+    std::atomic<unsigned> link_number_{0};  // counts the links attached
+    // The record being read (main thread only): STX seen, and its bytes.
+    bool in_record_ = false;
+    std::string partial_;
 };

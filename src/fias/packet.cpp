@@ -138,10 +138,6 @@ fias_packet_ptr fias_create_packet(int type) {
     return nullptr;
 }
 
-void fias_free_packet(fias_packet_ptr& p) {
-    p.reset();
-}
-
 fias_field_t* fias_get_field(fias_packet_t* p, const char* field) {
     if (!p || !field) return nullptr;
     for (fias_field_t& f : p->fields) {

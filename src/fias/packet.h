@@ -154,9 +154,6 @@ fias_packet_ptr fias_create_packet(int type);
 // A new packet from a catalogue row (no values).
 fias_packet_ptr fias_packet_from_row(const fias_catalogue_row& row);
 
-// Releases a packet (kept for symmetry; dropping the pointer does the same).
-void fias_free_packet(fias_packet_ptr& p);
-
 // The first slot named exactly `field` that has a value, or null.
 fias_field_t* fias_get_field(fias_packet_t* p, const char* field);
 

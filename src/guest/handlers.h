@@ -3,10 +3,10 @@
 // barring, do-not-disturb) and wake-up calls.
 //
 // Contract: each handler runs in the worker of its record, reads the record
-// of its context and does not keep it (handlers/context.h).
+// of its context and does not keep it (steps/context.h).
 #pragma once
 
-#include "handlers/context.h"
+#include "steps/context.h"
 
 void do_checkin(const record_context& ctx);
 void do_checkout(const record_context& ctx);

@@ -3,10 +3,7 @@
 #include <cstring>
 
 #include "guest/handlers.h"
-#include "handlers/resync.h"
 #include "logger.h"
-#include "states/occupancy.h"
-#include "states/states.h"
 
 namespace {
 
@@ -48,8 +45,6 @@ opt_text with_old_room(const record_context& ctx, const opt_text& service, const
 }  // namespace
 
 void do_checkin(const record_context& ctx) {
-    // During a resync, a room whose guest is known already needs nothing.
-    if (resync_confirms(ctx)) return;
     LOG(L_NOTICE, "Checkin");
     fias_field_t* rn = room_field(ctx);
     if (!rn) return;
@@ -58,14 +53,14 @@ void do_checkin(const record_context& ctx) {
     // The states file is closed after the row is written, and, being marked
     // open, never opened again: later statements on it fail for the rest of
     // the process.
-    const std::string& statesfile = ctx.cfg->statesfile;
-    const fixes_settings& fixes = ctx.cfg->fixes;
-    if (states_store_room(statesfile, field_text(rn), !fixes.states_file, fixes.dates) != 0) {
-        LOG(L_ERROR, "Unable to open states file %s", statesfile.c_str());
+    states_file& states = ctx.states;
+    if (states.store_room(field_text(rn), !ctx.cfg->fixes.states_file,
+                          fill_options_of(*ctx.cfg).dates) != 0) {
+        LOG(L_ERROR, "Unable to open states file %s", states.path().c_str());
         return;
     }
     if (keeps_occupancy(*ctx.cfg))
-        occupancy_put(statesfile, {field_text(rn), field_text(g.name), field_text(g.lang), ""});
+        states.put_guest({field_text(rn), field_text(g.name), field_text(g.lang), ""});
     run_service_template(ctx, ctx.cfg->checkin, rn, g.name, g.lang, g.shared, nullptr, nullptr);
 }
 
@@ -75,12 +70,11 @@ void do_checkout(const record_context& ctx) {
     if (!rn) return;
     guest_fields g = log_guest(ctx);
 
-    const std::string& statesfile = ctx.cfg->statesfile;
-    if (states_remove_room(statesfile, field_text(rn)) != 0) {
-        LOG(L_ERROR, "Unable to open states file %s", statesfile.c_str());
+    if (ctx.states.remove_room(field_text(rn)) != 0) {
+        LOG(L_ERROR, "Unable to open states file %s", ctx.states.path().c_str());
         return;
     }
-    if (keeps_occupancy(*ctx.cfg)) occupancy_remove(statesfile, field_text(rn));
+    if (keeps_occupancy(*ctx.cfg)) ctx.states.remove_guest(field_text(rn));
     run_service_template(ctx, ctx.cfg->checkout, rn, g.name, g.lang, g.shared, nullptr, nullptr);
 }
 
@@ -98,23 +92,21 @@ void do_guest_change(const record_context& ctx) {
     // The guest keeps what the record does not correct, and the time of
     // arrival; the old room stays billed, so that its calls are still posted
     // under its number.
-    const std::string& statesfile = ctx.cfg->statesfile;
     const std::string room = field_text(rn);
-    std::optional<occupant> before = occupancy_find(statesfile, move ? field_text(ro) : room);
+    std::optional<occupant> before = ctx.states.find_guest(move ? field_text(ro) : room);
     auto kept = [&](const fias_field_t* f, std::string occupant::*part) {
         return f ? std::string(field_text(f)) : before ? *before.*part : std::string();
     };
     occupant now{room, kept(g.name, &occupant::name), kept(g.lang, &occupant::lang),
                  before ? before->since : ""};
-    occupancy_put(statesfile, now);
+    ctx.states.put_guest(now);
     if (move) {
-        occupancy_remove(statesfile, field_text(ro));
-        states_store_room(statesfile, room, false, ctx.cfg->fixes.dates);
+        ctx.states.remove_guest(field_text(ro));
+        ctx.states.store_room(room, false, fill_options_of(*ctx.cfg).dates);
     }
     const fias_field_t name = text_field("GN", now.name);
     const fias_field_t lang = text_field("GL", now.lang);
     const opt_text service =
         move ? with_old_room(ctx, ctx.cfg->room_move, field_text(ro)) : ctx.cfg->guest_change;
-    const record_context escaped{ctx.cfg, ctx.record, ctx.link, ctx.handler, true};
-    run_service_template(escaped, service, rn, &name, &lang, g.shared, nullptr, nullptr);
+    run_service_template(ctx.escaping(), service, rn, &name, &lang, g.shared, nullptr, nullptr);
 }

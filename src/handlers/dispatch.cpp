@@ -1,12 +1,13 @@
 #include "handlers/dispatch.h"
 
+#include <thread>
+
 #include "billing/answer.h"
 #include "fias/charset.h"
 #include "fias/codec.h"
 #include "guest/handlers.h"
-#include "handlers/night_audit.h"
-#include "handlers/resync.h"
 #include "logger.h"
+#include "steps/context.h"
 
 namespace {
 
@@ -39,47 +40,93 @@ fias_record_set announced_records(const config& cfg) {
 
 // The PMS starts the link: answer with our description and "LA". A night
 // audit or a resync of the previous start-up ends here.
-void do_link_start(const record_context& ctx) {
-    night_audit().close("new link start-up");
-    resync_link_started();
+void do_link_start(const record_context& ctx, const record_parts& parts) {
+    parts.audit.close("new link start-up");
+    parts.sync.link_started();
     const opt_text& interface = ctx.cfg->pmsinterface;
     ctx.link.init_connection(interface ? interface->c_str() : "", announced_records(*ctx.cfg));
 }
 
 // The PMS's "LA": postings may go out; with pms:resync the PMS is asked for
 // its occupied rooms.
-void do_link_active(const record_context& ctx) {
+void do_link_active(const record_context& ctx, const record_parts& parts) {
     ctx.link.set_active();
-    resync_request(ctx);
+    parts.sync.request(ctx);
 }
 
-using record_handler = void (*)(const record_context&);
+// During a resync, a room whose guest is known already needs nothing.
+void checkin(const record_context& ctx, const record_parts& parts) {
+    if (!parts.sync.confirms(ctx)) do_checkin(ctx);
+}
+
+void resync_start(const record_context& ctx, const record_parts& parts) {
+    parts.sync.start(ctx);
+}
+
+void resync_end(const record_context& ctx, const record_parts& parts) {
+    parts.sync.end(ctx);
+}
+
+void answer(const record_context& ctx, const record_parts& parts) {
+    do_pa(ctx, parts.waiting);
+}
+
+void audit_start(const record_context& ctx, const record_parts& parts) {
+    do_night_audit_start(ctx, parts.audit);
+}
+
+void audit_end(const record_context& ctx, const record_parts& parts) {
+    do_night_audit_end(ctx, parts.audit);
+}
+
+// Handlers that need nothing but their record.
+template <void (*handler)(const record_context&)>
+void plain(const record_context& ctx, const record_parts&) {
+    handler(ctx);
+}
+
+using record_handler = void (*)(const record_context&, const record_parts&);
 
 struct handler_entry {
     int code;
     record_handler handler;
-    const char* name;
+    const char* name;  // in the handlers' log lines
 };
 
-#define HANDLER(code, fn) \
-    { code, fn, #fn }
+#define PLAIN(code, fn) \
+    { code, plain<fn>, #fn }
 // Record types not listed ("LD", "LR", "DR", "WA", "PS", "LE") are logged as
 // received and otherwise ignored.
 const handler_entry handlers[] = {
-    HANDLER(FIAS_LS, do_link_start),      HANDLER(FIAS_LA, do_link_active),
-    HANDLER(FIAS_GI, do_checkin),         HANDLER(FIAS_GO, do_checkout),
-    HANDLER(FIAS_RE, do_room_equip),      HANDLER(FIAS_WC, do_wakeup_clear),
-    HANDLER(FIAS_WR, do_wakeup_set),      HANDLER(FIAS_PA, do_pa),
-    HANDLER(FIAS_GC, do_guest_change),    HANDLER(FIAS_DS, do_resync_start),
-    HANDLER(FIAS_DE, do_resync_end),      HANDLER(FIAS_NS, do_night_audit_start),
-    HANDLER(FIAS_NE, do_night_audit_end),
+    {FIAS_LS, do_link_start, "do_link_start"},
+    {FIAS_LA, do_link_active, "do_link_active"},
+    {FIAS_GI, checkin, "do_checkin"},
+    PLAIN(FIAS_GO, do_checkout),
+    PLAIN(FIAS_RE, do_room_equip),
+    PLAIN(FIAS_WC, do_wakeup_clear),
+    PLAIN(FIAS_WR, do_wakeup_set),
+    {FIAS_PA, answer, "do_pa"},
+    PLAIN(FIAS_GC, do_guest_change),
+    {FIAS_DS, resync_start, "do_resync_start"},
+    {FIAS_DE, resync_end, "do_resync_end"},
+    {FIAS_NS, audit_start, "do_night_audit_start"},
+    {FIAS_NE, audit_end, "do_night_audit_end"},
 };
-#undef HANDLER
+#undef PLAIN
 
 }  // namespace
 
-void process_fias_packet(const config_loader& configs, pms_link& link, std::string data) {
-    const config_ptr cfg = configs.current();
+record_dispatcher::record_dispatcher(const record_parts& parts, bool ordered)
+    : parts_(parts), ordered_(ordered) {
+    if (ordered_) worker_.start([this] { run_ordered(); });
+}
+
+record_dispatcher::~record_dispatcher() {
+    stop(std::chrono::steady_clock::now());
+}
+
+void record_dispatcher::process_fias_packet(const std::string& data) const {
+    const config_ptr cfg = parts_.configs.current();
     fias_packet_ptr p = fias_parse_packet(data.c_str(), static_cast<int>(data.size()),
                                           fias_codec_options{cfg->fixes.numbers});
     if (!p || !record_known(*cfg, p->packet_code)) {
@@ -87,42 +134,34 @@ void process_fias_packet(const config_loader& configs, pms_link& link, std::stri
         return;
     }
     LOG(L_NOTICE, "Received %s packet from PMS", p->desc);
-    // With [fixes] escape texts of a PMS with a character set of its own
-    // reach the statements as UTF-8.
-    if (cfg->fixes.escape && cfg->pmsencoding)
+    // Texts of a PMS with a character set of its own reach the statements as
+    // UTF-8 when values are escaped.
+    if (fill_options_of(*cfg).escape && cfg->pmsencoding)
         for (fias_field_t& f : p->fields)
             if (f.value && f.value->str) f.value->str = to_utf8(*f.value->str, *cfg->pmsencoding);
     for (const handler_entry& e : handlers) {
         if (e.code != p->packet_code) continue;
-        const record_context ctx{cfg, *p, link, e.name};
-        e.handler(ctx);
+        const record_context ctx{cfg, *p, parts_.link, parts_.states, e.name};
+        e.handler(ctx, parts_);
         break;
     }
 }
 
-bool is_link_record(const char* data) {
-    return data[0] == 'L' && (data[1] == 'S' || data[1] == 'A' || data[1] == 'E') &&
-           (data[2] == '|' || data[2] == '\x03' || data[2] == '\0');
-}
-
-ordered_records::ordered_records(const config_loader& configs, pms_link& link)
-    : configs_(configs), link_(link) {
-    worker_.start([this] { run(); });
-}
-
-ordered_records::~ordered_records() {
-    stop(std::chrono::steady_clock::now());
-}
-
-void ordered_records::push(std::string data) {
-    {
-        mutex_lock guard(mutex_);
-        queue_.push_back(std::move(data));
+void record_dispatcher::handle(const char* record) {
+    if (!ordered_) {
+        std::thread([this, data = std::string(record)] { process_fias_packet(data); }).detach();
+    } else if (is_link_record(record)) {
+        process_fias_packet(record);
+    } else {
+        {
+            mutex_lock guard(mutex_);
+            queue_.push_back(record);
+        }
+        changed_.notify_one();
     }
-    changed_.notify_one();
 }
 
-bool ordered_records::stop(std::chrono::steady_clock::time_point deadline) {
+bool record_dispatcher::stop(std::chrono::steady_clock::time_point deadline) {
     {
         mutex_lock guard(mutex_);
         stopping_ = true;
@@ -131,7 +170,7 @@ bool ordered_records::stop(std::chrono::steady_clock::time_point deadline) {
     return worker_.join_until(deadline);
 }
 
-void ordered_records::run() {
+void record_dispatcher::run_ordered() {
     for (;;) {
         std::string data;
         {
@@ -141,6 +180,11 @@ void ordered_records::run() {
             data = std::move(queue_.front());
             queue_.pop_front();
         }
-        process_fias_packet(configs_, link_, std::move(data));
+        process_fias_packet(data);
     }
+}
+
+bool is_link_record(const char* data) {
+    return data[0] == 'L' && (data[1] == 'S' || data[1] == 'A' || data[1] == 'E') &&
+           (data[2] == '|' || data[2] == '\x03' || data[2] == '\0');
 }

@@ -1,53 +1,69 @@
-// Handling of the records received from the PMS: one worker per record
-// parses it and hands it to the handler of its type, found in one table.
+// Handling of the records received from the PMS: the table from record type
+// to handler, above the guest and billing handlers.
 //
 // Contract:
-//  - process_fias_packet() is a thread body; it owns the record text it is
-//    given. It takes the configuration snapshot once, for the whole record.
-//  - `configs` and `link` outlive every worker (they live as long as the
-//    process); workers are never waited for.
+//  - main makes one record_dispatcher with the process's objects, which
+//    outlive it and every worker it starts.
+//  - handle() is called by the main loop with each record text read (without
+//    STX; a trailing ETX is tolerated). In the long-standing mode each record
+//    is handled by a detached worker of its own; with [fixes]
+//    ordered_records (fixed at start) link records are handled at once, in
+//    the main thread, and every other record by one worker in arrival order.
+//  - A worker takes the configuration snapshot once, for the whole record.
+//  - stop() is called once, by main, as the process ends: it waits for the
+//    ordered worker to handle what was queued, at most until `deadline`.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <memory>
 #include <string>
 
+#include "billing/night_audit.h"
+#include "billing/postings.h"
 #include "config.h"
 #include "fias/link.h"
+#include "guest/resync.h"
 #include "owned_thread.h"
+#include "states/states.h"
 #include "thread_annotations.h"
 
-// Thread body for one received record text (without STX; a trailing ETX is
-// tolerated).
-void process_fias_packet(const config_loader& configs, pms_link& link, std::string data);
+// The process's objects that the handlers work with.
+struct record_parts {
+    const config_loader& configs;
+    pms_link& link;
+    states_file& states;
+    resync& sync;
+    audit_window& audit;
+    unanswered_postings& waiting;
+};
 
-// Whether a record text is a link record ("LS", "LA", "LE"), which the reader
-// handles itself when records are kept in order.
-bool is_link_record(const char* data);
-
-// One worker that handles records in their order of arrival. push() is called
-// by the reader; stop() by the owner, which then waits for the records
-// already queued to be handled, at most until `deadline`.
-class ordered_records {
+class record_dispatcher {
   public:
-    ordered_records(const config_loader& configs, pms_link& link);
-    ~ordered_records();
-    ordered_records(const ordered_records&) = delete;
-    ordered_records& operator=(const ordered_records&) = delete;
+    record_dispatcher(const record_parts& parts, bool ordered);
+    ~record_dispatcher();
+    record_dispatcher(const record_dispatcher&) = delete;
+    record_dispatcher& operator=(const record_dispatcher&) = delete;
 
-    void push(std::string data);
-    // True when the worker ended before `deadline`.
+    void handle(const char* record);
+    // True when the ordered worker (if any) ended before `deadline`.
     bool stop(std::chrono::steady_clock::time_point deadline);
 
-  private:
-    void run();
+    // Parses one record text and runs its handler, in the calling thread.
+    void process_fias_packet(const std::string& data) const;
 
-    const config_loader& configs_;
-    pms_link& link_;
+  private:
+    void run_ordered();
+
+    record_parts parts_;
+    bool ordered_;
     annotated_mutex mutex_;
     std::condition_variable_any changed_;
     std::deque<std::string> queue_ GUARDED_BY(mutex_);
     bool stopping_ GUARDED_BY(mutex_) = false;
     owned_thread worker_;
 };
+
+// Whether a record text is a link record ("LS", "LA", "LE").
+bool is_link_record(const char* data);

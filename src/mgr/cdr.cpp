@@ -1,6 +1,5 @@
 #include "mgr/cdr.h"
 
-#include <signal.h>
 #include <strings.h>
 
 #include <algorithm>
@@ -10,20 +9,7 @@
 #include <string_view>
 
 #include "logger.h"
-#include "ops/notify.h"
-#include "states/states.h"
-
-namespace {
-
-// Writing to a connection the manager has closed must fail, not end the process.
-void ignore_sigpipe() {
-    struct sigaction sa {};
-    sa.sa_handler = SIG_IGN;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGPIPE, &sa, nullptr);
-}
-
-}  // namespace
+#include "templates/templates.h"
 
 cdr_rooms::cdr_rooms(std::vector<std::string> rooms) : list(std::move(rooms)), sorted(list) {
     std::sort(sorted.begin(), sorted.end());
@@ -35,59 +21,38 @@ bool cdr_rooms::contains(const char* room) const {
 
 namespace {
 
-// The insert of a room's call: its values (escaped when asked) and statement.
-struct cache_insert {
-    std::string values[cache_insert_values];
-    std::string statement;
-
-    void run() const REQUIRES(sqliteint) {
-        const char* v[cache_insert_values];
-        for (int i = 0; i < cache_insert_values; ++i) v[i] = values[i].c_str();
-        cache_run_insert(statement, v);
-    }
-};
-
-cache_insert make_insert(const message& m, bool escape) {
-    static const char* const names[cache_insert_values] = {"CallerID",
-                                                           "Source",
-                                                           "Destination",
-                                                           "DestinationContext",
-                                                           "Channel",
-                                                           "DestinationChannel",
-                                                           "LastApplication",
-                                                           "LastData",
-                                                           "StartTime",
-                                                           "AnswerTime",
-                                                           "EndTime",
-                                                           "Duration",
-                                                           "BillableSeconds",
-                                                           "Disposition",
-                                                           "AMAFlags",
-                                                           "From",
-                                                           "To",
-                                                           "Cost",
-                                                           "AccountCode",
-                                                           "CallClass",
-                                                           "FaxData",
-                                                           "UniqueID"};
-    cache_insert insert;
-    const char* v[cache_insert_values];
-    for (int i = 0; i < cache_insert_values; ++i) {
-        const char* header = mgr_get_header(m, names[i]);
-        if (escape)
-            insert.values[i] = sqliteint.dbhandle->escape(header);
-        else
-            insert.values[i] = header;
-        v[i] = insert.values[i].c_str();
-    }
-    insert.statement = cache_insert_statement(v);
-    return insert;
+cached_call make_insert(const message& m, bool escape) {
+    static const char* const names[cached_call_values] = {"CallerID",
+                                                          "Source",
+                                                          "Destination",
+                                                          "DestinationContext",
+                                                          "Channel",
+                                                          "DestinationChannel",
+                                                          "LastApplication",
+                                                          "LastData",
+                                                          "StartTime",
+                                                          "AnswerTime",
+                                                          "EndTime",
+                                                          "Duration",
+                                                          "BillableSeconds",
+                                                          "Disposition",
+                                                          "AMAFlags",
+                                                          "From",
+                                                          "To",
+                                                          "Cost",
+                                                          "AccountCode",
+                                                          "CallClass",
+                                                          "FaxData",
+                                                          "UniqueID"};
+    const char* v[cached_call_values];
+    for (int i = 0; i < cached_call_values; ++i) v[i] = mgr_get_header(m, names[i]);
+    return cached_call(v, escape);
 }
 
 // The insert of `m` when its source is one of `rooms`, with the DEBUG lines
 // of the test (which are not made when they would not be written: the sorted
 // list then answers it).
-std::optional<cache_insert> room_call(const message& m, const cdr_rooms& rooms, bool escape) {
+std::optional<cached_call> room_call(const message& m, const cdr_rooms& rooms, bool escape) {
     const char* src = mgr_get_header(m, "Source");
     if (!log_wanted(L_DEBUG)) {
         if (rooms.list.empty()) {
@@ -97,8 +62,8 @@ std::optional<cache_insert> room_call(const message& m, const cdr_rooms& rooms, 
         if (!rooms.contains(src)) return std::nullopt;
         return make_insert(m, escape);
     }
-    cache_insert insert = make_insert(m, escape);
-    LOG(L_DEBUG, "The query is: %s\n", insert.statement.c_str());
+    cached_call insert = make_insert(m, escape);
+    insert.log_statement();
     // The room list is this thread's own: the states file is locked for the
     // insert alone.
     if (rooms.list.empty()) {
@@ -125,59 +90,49 @@ class insert_batch {
   public:
     static constexpr size_t kBatch = 256;
 
-    void add(cache_insert insert) {
-        pending_.push_back(std::move(insert));
+    explicit insert_batch(states_file& states) : states_(states) {}
+    ~insert_batch() { store(); }
+
+    void add(cached_call call) {
+        pending_.push_back(std::move(call));
         if (pending_.size() >= kBatch) store();
     }
 
     void store() {
-        if (pending_.empty()) return;
-        {
-            db_lock guard(sqliteint);
-            if (pending_.size() > 1) states_begin();
-            for (const cache_insert& insert : pending_) insert.run();
-            states_commit();
-        }
+        states_.cache_calls(pending_);
         pending_.clear();
     }
 
-    ~insert_batch() { store(); }
-
   private:
-    std::vector<cache_insert> pending_;
+    states_file& states_;
+    std::vector<cached_call> pending_;
 };
 
 }  // namespace
 
-void mgr_cache_cdr(const message& m, const cdr_rooms& rooms, bool escape) {
-    if (std::optional<cache_insert> insert = room_call(m, rooms, escape)) {
-        db_lock guard(sqliteint);
-        insert->run();
-    }
+void mgr_cache_cdr(const message& m, const cdr_rooms& rooms, states_file& states, bool escape) {
+    if (std::optional<cached_call> call = room_call(m, rooms, escape)) states.cache_calls({*call});
 }
 
-void mgr_cache_cdr(const message& m, const std::vector<std::string>& rooms, bool escape) {
-    mgr_cache_cdr(m, cdr_rooms(rooms), escape);
-}
-
-void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
+void cdrmanager_thread(config_ptr cfg, stop_flag& stop, states_file& states, notifier& notify) {
     const std::string host = cfg->mgr_host.value_or("");
     const std::string user = cfg->mgr_user.value_or("");
     const std::string passwd = cfg->mgr_passwd.value_or("");
     // Current Asterisk sends Cdr events only to the class "cdr".
     const std::string events =
         cfg->fixes.manager_events && !cfg->mgr_events_set ? "cdr" : cfg->mgr_events;
+    const bool escape = fill_options_of(*cfg).escape;
 
     // With [fixes] private_files the secret never reaches the log.
     const bool hide = cfg->fixes.private_files;
     LOG(L_DEBUG, "1 %s %d %s %s", host.c_str(), cfg->mgr_port, user.c_str(),
         hide ? "(hidden)" : passwd.c_str());
 
-    unsigned version = states_rooms_version();
+    unsigned version = states.rooms_version();
     std::vector<std::string> list;
-    if (states_room_list(list, &cfg->statesfile) == -1) {
-        LOG(L_ERROR, "Unable to open states file %s", cfg->statesfile.c_str());
-        notify_stopped(notify_part::capture,
+    if (states.room_list(list, true) == -1) {
+        LOG(L_ERROR, "Unable to open states file %s", states.path().c_str());
+        notify.stopped(notify_part::capture,
                        "call capture stopped: the states file cannot be read");
         return;
     }
@@ -188,13 +143,13 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
     auto session = std::make_unique<mansession>();
     if (mgr_init(*session, host.c_str(), cfg->mgr_port, user.c_str(), passwd.c_str()) < 0) {
         LOG(L_ERROR, "Error initiating manager. exiting manager thread");
-        notify_stopped(notify_part::capture,
+        notify.stopped(notify_part::capture,
                        "call capture stopped: Manager " + host + " cannot be resolved");
         return;
     }
     session->wake_fd = stop.fd();
     session->hide_secret = hide;
-    insert_batch batch;
+    insert_batch batch(states);
     session->before_wait = [&batch] { batch.store(); };
     char addr[INET_ADDRSTRLEN];
     mgr_inet_ntoa(addr, sizeof addr, session->sin.sin_addr);
@@ -203,11 +158,10 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
     auto msg = std::make_unique<message>();
     if (mgr_login(*session, events.c_str()) == 1) {
         if (!stop.requested())
-            notify_stopped(notify_part::capture, "call capture stopped: Manager login refused");
+            notify.stopped(notify_part::capture, "call capture stopped: Manager login refused");
         return;
     }
     LOG(L_DEBUG, "3");
-    ignore_sigpipe();
 
     while (!stop.requested()) {
         msg->clear();
@@ -220,12 +174,12 @@ void cdrmanager_thread(config_ptr cfg, stop_flag& stop) {
                 if (strcasecmp(mgr_get_header(*msg, "Event"), "Cdr") != 0) continue;
                 // With [fixes] reload a call is matched against the rooms of
                 // the table as it is now.
-                if (cfg->fixes.reload && version != states_rooms_version()) {
-                    version = states_rooms_version();
+                if (cfg->fixes.reload && version != states.rooms_version()) {
+                    version = states.rooms_version();
                     std::vector<std::string> now;
-                    if (states_room_list(now) == 0) rooms = cdr_rooms(std::move(now));
+                    if (states.room_list(now) == 0) rooms = cdr_rooms(std::move(now));
                 }
-                if (std::optional<cache_insert> insert = room_call(*msg, rooms, cfg->fixes.escape))
+                if (std::optional<cached_call> insert = room_call(*msg, rooms, escape))
                     batch.add(std::move(*insert));
             } else {
                 const char* text = mgr_get_header(*msg, "Message");

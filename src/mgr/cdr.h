@@ -2,11 +2,12 @@
 // `Cdr` events of hotel rooms into the states file's `cdrcache` table.
 //
 // Contract:
-//  - cdrmanager_thread() is the body of one thread, owned by the process and
+//  - cdrmanager_thread() is the body of one thread, owned by main and
 //    started when services:cdr_use_manager is set. It works with the
 //    configuration snapshot it is given (manager host, port, user, secret,
-//    event classes, states file) and keeps it: a reload changes nothing for
-//    it. It reads the room list once, from the `rooms` table.
+//    event classes) and keeps it: a reload changes nothing for it, except
+//    that with [fixes] reload it reads the room list of the `rooms` table
+//    again whenever that list has changed (otherwise once, at its start).
 //  - The thread owns its Manager session, its message buffer and its room
 //    list; all are released when it returns.
 //  - It returns when the states file cannot be opened, when the manager host
@@ -14,7 +15,7 @@
 //    failed read), or when `stop` is requested (which wakes it from any
 //    wait). A lost connection is not an end: it logs in again, retrying
 //    every second.
-//  - Every use of the states file is made under the `sqliteint` lock.
+//  - It reports to `notify` why it stopped, when the configuration stopped it.
 #pragma once
 
 #include <string>
@@ -22,9 +23,11 @@
 
 #include "config.h"
 #include "mgr/manager.h"
+#include "ops/notify.h"
+#include "states/states.h"
 #include "stop_flag.h"
 
-void cdrmanager_thread(config_ptr cfg, stop_flag& stop);
+void cdrmanager_thread(config_ptr cfg, stop_flag& stop, states_file& states, notifier& notify);
 
 // The rooms whose calls are cached: in the order of the `rooms` table (the
 // order in which a call's source is compared with them, one DEBUG line each),
@@ -39,5 +42,5 @@ struct cdr_rooms {
 // Inserts the `Cdr` event `m` into `cdrcache` when its Source is one of
 // `rooms` (exact comparison). A failed insert is logged by the driver and the
 // call is lost. With `escape` ([fixes] escape) the values are escaped.
-void mgr_cache_cdr(const message& m, const cdr_rooms& rooms, bool escape = false);
-void mgr_cache_cdr(const message& m, const std::vector<std::string>& rooms, bool escape = false);
+void mgr_cache_cdr(const message& m, const cdr_rooms& rooms, states_file& states,
+                   bool escape = false);

@@ -5,15 +5,16 @@
 // make progress.
 //
 // Contract:
-//  - Nothing happens unless NOTIFY_SOCKET is set when notify_start() runs:
-//    every other function is then a cheap no-op, and no thread is started.
-//  - notify_start(), notify_ready() and notify_finish() are called by the
-//    main thread; the rest by any thread. notify_finish() ends the
-//    notifier's thread; the link given to notify_start() outlives it.
+//  - main makes one notifier and hands it to the threads it watches.
+//  - Nothing happens unless NOTIFY_SOCKET is set when start() runs: every
+//    other call is then a cheap no-op, and no thread is started.
+//  - start(), ready() and finish() are called by the main thread; the rest
+//    by any thread. finish() (or the destructor) ends the notifier's thread;
+//    the link and states file given to start() outlive it.
 //  - A watched part (the main loop, the billing thread) is alive while it
 //    beats at least once per watchdog period (WATCHDOG_USEC), while it waits
-//    in a call that ends by itself (notify_waiting), or once it has been
-//    reported stopped by design (notify_stopped): a thread that the
+//    in a call that ends by itself (waiting), or once it has been
+//    reported stopped by design (stopped): a thread that the
 //    configured behaviour ends or blocks keeps the pings going and is named
 //    in STATUS instead. A watched part that does none of these stops the
 //    pings, and systemd restarts the daemon.
@@ -21,34 +22,80 @@
 //    STATUS whenever its text changes (looked at every second at least).
 #pragma once
 
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <ctime>
 #include <string>
 
+#include "owned_thread.h"
+#include "stop_flag.h"
+#include "thread_annotations.h"
+
 class pms_link;
+class states_file;
 
 enum class notify_part { main_loop, billing, capture };  // capture is not watched
 
-// Reads NOTIFY_SOCKET and WATCHDOG_USEC. `link` is the process's PMS link;
-// `manager` whether calls are cached from the Manager (STATUS then counts
-// the calls of `statesfile` waiting to be posted).
-void notify_start(const pms_link& link, const std::string& statesfile, bool manager);
-// Start-up is done: READY=1 with the first STATUS; the notifier's thread
-// starts.
-void notify_ready();
-// The daemon stops: STOPPING=1; the notifier's thread ends.
-void notify_finish();
+class notifier {
+  public:
+    notifier() = default;
+    ~notifier() { finish(); }
+    notifier(const notifier&) = delete;
+    notifier& operator=(const notifier&) = delete;
 
-// `part` made progress.
-void notify_beat(notify_part part);
-// `part` waits in a call that ends by itself (connecting): alive meanwhile.
-void notify_waiting(notify_part part, bool waiting);
-// `part` was ended or blocked by the configured behaviour; `why` goes into
-// STATUS ("billing stopped: ..."). notify_running() takes that back (a part
-// started again).
-void notify_stopped(notify_part part, const std::string& why);
-void notify_running(notify_part part);
+    // Reads NOTIFY_SOCKET and WATCHDOG_USEC. `link` is the process's PMS
+    // link; `manager` whether calls are cached from the Manager (STATUS then
+    // counts the calls of `states` waiting to be posted).
+    void start(const pms_link& link, states_file& states, bool manager);
+    // Start-up is done: READY=1 with the first STATUS; the thread starts.
+    void ready();
+    // The daemon stops: STOPPING=1; the thread ends.
+    void finish();
 
-// The main loop's news for STATUS: the result of connecting to the PMS, a
-// Manager setting that changed, and each record read.
-void notify_pms_connect(const std::string& host, int port, bool ok);
-void notify_manager(bool manager);
-void notify_record(const char* record);
+    // `part` made progress.
+    void beat(notify_part part);
+    // `part` waits in a call that ends by itself (connecting): alive meanwhile.
+    void waiting(notify_part part, bool waiting);
+    // `part` was ended or blocked by the configured behaviour; `why` goes into
+    // STATUS ("billing stopped: ..."). running() takes that back (a part
+    // started again).
+    void stopped(notify_part part, const std::string& why);
+    void running(notify_part part) { stopped(part, ""); }
+
+    // The main loop's news for STATUS: the result of connecting to the PMS, a
+    // Manager setting that changed, and each record read.
+    void pms_connect(const std::string& host, int port, bool ok);
+    void manager(bool manager);
+    void record(const char* record);
+
+  private:
+    static constexpr int part_count = 3;
+    bool alive(notify_part part, int64_t now) EXCLUDES(mutex_);
+    std::string compose_status() EXCLUDES(mutex_);
+    void send_status(const char* extra);
+    void run();
+
+    std::atomic<bool> enabled_{false};
+    const pms_link* link_ = nullptr;
+    states_file* states_ = nullptr;
+    std::chrono::microseconds watchdog_{0};  // 0: no pings
+    std::atomic<int64_t> beat_[part_count] = {};
+    std::atomic<bool> waiting_[part_count] = {};
+    std::atomic<bool> manager_{false};
+
+    annotated_mutex mutex_;
+    std::string stopped_[part_count] GUARDED_BY(mutex_);
+    std::string pms_address_ GUARDED_BY(mutex_);
+    time_t unreachable_since_ GUARDED_BY(mutex_) = 0;  // 0: the last connect worked
+    std::string last_record_ GUARDED_BY(mutex_);
+
+    // The notifier's thread only.
+    int link_state_ = 0;  // pms_link::state
+    time_t link_since_ = time(nullptr);
+    bool link_seen_ = false;  // a connect was tried or the link came up
+    std::string sent_status_;
+
+    stop_flag stop_;
+    owned_thread thread_;
+};

@@ -13,7 +13,6 @@
 #include <string>
 
 #include "logger.h"
-#include "states/states.h"
 
 namespace {
 
@@ -39,9 +38,9 @@ struct ldap_values_deleter {
 using ldap_values_ptr = std::unique_ptr<berval*, ldap_values_deleter>;
 
 // Writes one room; false when the states file cannot be opened (logged).
-bool store_room(const std::string& room, const std::string& statesfile, bool true_stamps) {
-    if (states_store_room(statesfile, room, false, true_stamps) == 0) return true;
-    LOG(L_ERROR, "Unable to open states file %s", statesfile.c_str());
+bool store_room(const std::string& room, states_file& states, bool true_stamps) {
+    if (states.store_room(room, false, true_stamps) == 0) return true;
+    LOG(L_ERROR, "Unable to open states file %s", states.path().c_str());
     return false;
 }
 
@@ -66,23 +65,23 @@ std::string ldap_uri(const char* host, int port) {
 
 }  // namespace
 
-void load_rooms_conf(const rooms_settings& r, const std::string& statesfile, bool true_stamps) {
+void load_rooms_conf(const rooms_settings& r, states_file& states, bool true_stamps) {
     if (!r.type || r.type->empty()) {
         for (const std::string& room : r.rooms)
-            if (!store_room(room, statesfile, true_stamps)) return;
+            if (!store_room(room, states, true_stamps)) return;
     } else if (strncasecmp(r.type->c_str(), "ldap", 4) == 0) {
         if (load_rooms_ldap(c_str_or_null(r.ldap_host), r.ldap_port, r.ldap_version, 0,
                             c_str_or_null(r.ldap_user), c_str_or_null(r.ldap_pass),
                             c_str_or_null(r.ldap_base), c_str_or_null(r.ldap_scope),
-                            c_str_or_null(r.ldap_filter), c_str_or_null(r.ldap_attribute),
-                            statesfile, true_stamps) != 0)
+                            c_str_or_null(r.ldap_filter), c_str_or_null(r.ldap_attribute), states,
+                            true_stamps) != 0)
             LOG(L_ERROR, "LDAP rooms load failure\n");
     }
 }
 
 int load_rooms_ldap(const char* host, int port, int version, int timelimit, const char* user,
                     const char* password, const char* base, const char* scope, const char* filter,
-                    const char* attribute, const std::string& statesfile, bool true_stamps) {
+                    const char* attribute, states_file& states, bool true_stamps) {
     const char* missing = !base        ? "rooms:ldap_base"
                           : !filter    ? "rooms:ldap_filter"
                           : !attribute ? "rooms:ldap_attribute"
@@ -140,7 +139,7 @@ int load_rooms_ldap(const char* host, int port, int version, int timelimit, cons
 
     for (berval** v = values.get(); *v; ++v) {
         const std::string room((*v)->bv_val, (*v)->bv_len);
-        if (!store_room(room, statesfile, true_stamps)) return 0;
+        if (!store_room(room, states, true_stamps)) return 0;
     }
     return 0;
 }

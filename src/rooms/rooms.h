@@ -3,8 +3,9 @@
 // (rooms:room1, rooms:room2, ...) or from an LDAP directory (rooms:type = ldap).
 //
 // Contract:
-//  - Called once by the main thread at start-up, after the states file has
-//    been opened and before any other thread exists.
+//  - Called by the main thread: at start-up, after the states file has been
+//    opened, and, with [fixes] reload, on every reload while the other
+//    threads run (the states file takes care of its own locking).
 //  - Rows are written with "replace into", so a room that is already there
 //    is rewritten with `calls` 0. Rows are never removed here.
 //  - Failures are reported through the log only; start-up goes on.
@@ -13,13 +14,13 @@
 #include <string>
 
 #include "config.h"
+#include "states/states.h"
 
 // Loads the rooms from the source chosen by rooms:type: absent or empty =
 // numbered keys, beginning with "ldap" (any case) = LDAP, anything else =
 // nothing.
 // With `true_stamps` the rows get the date in ci_date and the time in citime.
-void load_rooms_conf(const rooms_settings& rooms, const std::string& statesfile,
-                     bool true_stamps = false);
+void load_rooms_conf(const rooms_settings& rooms, states_file& states, bool true_stamps = false);
 
 // Loads every value of `attribute` in the first entry that a search under
 // `base` with `filter` and `scope` ("sub...", "base...", "one...", anything
@@ -31,4 +32,4 @@ void load_rooms_conf(const rooms_settings& rooms, const std::string& statesfile,
 // the attribute.
 int load_rooms_ldap(const char* host, int port, int version, int timelimit, const char* user,
                     const char* password, const char* base, const char* scope, const char* filter,
-                    const char* attribute, const std::string& statesfile, bool true_stamps = false);
+                    const char* attribute, states_file& states, bool true_stamps = false);

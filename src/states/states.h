@@ -1,114 +1,156 @@
 // The states file: the daemon's own SQLite database, with the `rooms` table
-// (the rooms it bills and captures) and the `cdrcache` table (calls cached
-// from the Manager). This module alone knows their statements.
+// (the rooms it bills and captures), the `cdrcache` table (calls cached from
+// the Manager) and the `occupancy` table (who stays in which room). This
+// module alone runs statements on it; everyone else asks for an operation.
 //
 // Contract:
-//  - `sqliteint` (named "sqlite-int") is the record of the states file; it
-//    lives for the whole process and is never torn down, so that threads
-//    still running while the process exits can use it.
-//  - The functions below take the record's lock themselves for their one
-//    statement; callers that walk rows (billing, capture) lock it with
-//    db_lock and run the statements of this module under it.
-//  - Texts are put between quotes as they are, without escaping.
+//  - main makes one states_file and opens it at start-up; it stays until the
+//    process ends (exit() leaves it in place, so that record workers still
+//    running while the process exits can use it).
+//  - It owns two connections to the file:
+//      the record "sqlite-int" for `rooms` and `cdrcache`. A check-in may
+//      close it for good (store_room with close_after): it is then never
+//      opened again and every later operation on those tables fails;
+//      the record "sqlite-occupancy" for `occupancy` and the count of
+//      waiting calls, which no operation closes.
+//  - Each operation takes the lock of its connection for its own statements
+//    and releases it before it returns; callers hold no lock of this module.
+//    post_unposted() holds it while its callback runs (the callback takes no
+//    other lock of this module).
+//  - Room names and dates reach the `rooms` and `cdrcache` statements as they
+//    are, between quotes; occupancy texts are always escaped.
+//  - Any thread may call.
 #pragma once
 
+#include <atomic>
+#include <functional>
+#include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "db/driver.h"
+#include "fias/packet.h"
+#include "states/call_row.h"
+#include "templates/templates.h"
 
-extern dbdriver_t& sqliteint;
+// Who stays in a room.
+struct occupant {
+    std::string room;
+    std::string name;
+    std::string lang;
+    std::string since;  // local time, "YYYY-MM-DD HH:MM:SS"
+};
 
-// The statements that create the tables and the cache's index.
-extern const char* const sql_create_rooms;
-extern const char* const sql_create_table;        // cdrcache
-extern const char* const sql_create_table_index;  // its index
+// The columns of a Manager `Cdr` event that the cache keeps, in the order of
+// cached_call's values: clid, src, dst, dcontext, channel, dstchannel,
+// lastapp, lastdata, start, answer, end, duration, billsec, disposition,
+// amaflags, c_from, c_to, cost, accountcode, callclass, faxdata, uniqueid
+// (userfield is stored empty).
+constexpr int cached_call_values = 22;
 
-// The cache's own indexes, made when missing each time the file is opened
-// (also on a file made by an older version): a room's calls not yet posted,
-// and the calls of one room and start second that a mark or an accepted
-// posting looks for. With them a billing cycle's cost follows the rooms and
-// the calls still to post, not the calls posted long ago.
-extern const char* const sql_create_unposted_index;
-extern const char* const sql_create_start_index;
+// One call to be cached, made from its values (escaped for SQLite with
+// `escape`).
+class cached_call {
+  public:
+    cached_call(const char* const (&values)[cached_call_values], bool escape);
+    // Writes the call's insert statement to the log at DEBUG.
+    void log_statement() const;
 
-// Opens the states file, chooses its journal (see the durability note in
-// states.cpp), creates `rooms` and `cdrcache` when missing and the cache's
-// indexes. 0, or -1 when the file cannot be opened.
-int open_states_file(const std::string& statesfile);
+  private:
+    friend class states_file;
+    std::string values_[cached_call_values];
+    std::string statement_;
+};
 
-// Writes `room` into `rooms` ("replace into", calls 0). Both stamps are
-// formatted from the same local time into one text, the time over the date:
-// the row gets the time of day in ci_date and an empty citime; with
-// `true_stamps` it gets the date in ci_date and the time in citime. With
-// `close_after` the states file is closed afterwards, and, being marked open,
-// never opened again. 0, or -1 when the states file cannot be opened.
-int states_store_room(const std::string& statesfile, const std::string& room, bool close_after,
-                      bool true_stamps = false);
+// What an accepted posting answer does to its cached call.
+enum class accepted_call {
+    remove_by_start,   // the long-standing delete, which SQLite refuses: the call stays
+    mark_with_number,  // services:noremovecalls: its userfield becomes the "P#"
+    remove_own_row,    // the call marked with this posting leaves the cache
+};
 
-// Deletes `room` from `rooms`. 0, or -1 when the states file cannot be opened.
-int states_remove_room(const std::string& statesfile, const std::string& room);
+// What posting one cached call gave: the record text and its "P#", which
+// mark the call as posted.
+struct posted_call {
+    std::string record;
+    std::string seq;
+};
 
-// Appends the rooms of the `rooms` table. With `statesfile` the file is
-// opened first: -1 when it cannot be; -2 when the table cannot be read;
-// otherwise 0.
-int states_room_list(std::vector<std::string>& rooms, const std::string* statesfile = nullptr);
+class states_file {
+  public:
+    states_file();
+    ~states_file();
+    states_file(const states_file&) = delete;
+    states_file& operator=(const states_file&) = delete;
 
-// A number that changes whenever this process writes or deletes a room, so
-// that readers of the room list know when to read it again (a statement
-// that fails changes nothing).
-unsigned states_rooms_version();
+    // Opens the file, chooses its journal, creates the tables when missing
+    // and the cache's indexes. 0, or -1 when the file cannot be opened.
+    int open(const std::string& path);
+    const std::string& path() const { return path_; }
 
-// The cache insert of one Cdr event; `values` in the order of the columns
-// clid, src, dst, dcontext, channel, dstchannel, lastapp, lastdata, start,
-// answer, end, duration, billsec, disposition, amaflags, c_from, c_to, cost,
-// accountcode, callclass, faxdata, uniqueid (userfield is inserted empty).
-constexpr int cache_insert_values = 22;
-std::string cache_insert_statement(const char* const (&values)[cache_insert_values]);
+    // --- rooms ---------------------------------------------------------------
+    // Writes `room` into `rooms` ("replace into", calls 0). Both stamps are
+    // formatted from the same local time into one text, the time over the
+    // date: the row gets the time of day in ci_date and an empty citime; with
+    // `true_stamps` the date in ci_date and the time in citime. With
+    // `close_after` the connection is closed for good afterwards. 0, or -1
+    // when the file cannot be opened.
+    int store_room(const std::string& room, bool close_after, bool true_stamps = false);
+    // Deletes `room` from `rooms`. 0, or -1 when the file cannot be opened.
+    int remove_room(const std::string& room);
+    // Appends the rooms of `rooms`. With `connect_first` the file is opened
+    // first: -1 when it cannot be; -2 when the table cannot be read; else 0.
+    int room_list(std::vector<std::string>& rooms, bool connect_first = false);
+    // Changes whenever a room is written or deleted (a failed statement
+    // changes nothing), so that holders of the list know when to read it again.
+    unsigned rooms_version() const { return rooms_version_; }
 
-// The select of a room's calls not yet posted: date, time, dst, billsec, -1.
-std::string cache_unposted_query(const std::string& room);
+    // --- call cache ------------------------------------------------------------
+    // Stores calls, in one transaction when there are several. A failed insert
+    // is logged by the driver and that call is lost.
+    void cache_calls(const std::vector<cached_call>& calls);
+    // Offers each cached call of `room` not yet posted to `post`, in the
+    // cache's order; a call that `post` posted is marked with its record
+    // (the mark's statement echoed under `fill`). The room's marks are
+    // committed together after its last call. An unreadable column ends the
+    // room's calls (logged).
+    void post_unposted(const std::string& room,
+                       const std::function<std::optional<posted_call>(const call_row&)>& post,
+                       const fill_options& fill);
+    // Writes what the write-ahead log holds into the file (after a posting
+    // pass).
+    void checkpoint();
+    // An accepted answer to posting `seq` of room `rn` made on `da`/`ti`.
+    void accept_posting(accepted_call rule, const fias_field_t* rn, const fias_field_t* da,
+                        const fias_field_t* ti, const fias_field_t* seq, const fill_options& fill);
+    // The number of cached calls not yet posted, or -1 when the file cannot
+    // be read; nothing is logged.
+    int calls_waiting();
 
-// Runs cache_unposted_query(room), under the lock the caller holds; the rows
-// are then read with the record's fetch operations. 0, or -1 when it failed
-// (logged by the driver).
-int cache_select_unposted(const std::string& room) REQUIRES(sqliteint);
+    // --- occupancy ---------------------------------------------------------------
+    // Written by check-in, check-out, guest change, room move and resync, and
+    // only when a feature that uses it is configured; kept across restarts.
+    // The functions return 0, or -1 when the file cannot be opened or a
+    // statement fails.
+    std::optional<occupant> find_guest(const std::string& room);
+    int guests(std::vector<occupant>& out);  // in room order
+    // Puts `o` into its room, replacing whoever was there; an empty `since`
+    // is the current time.
+    int put_guest(occupant o);
+    int remove_guest(const std::string& room);
 
-// Runs `statement`, the cache_mark_statement filled with `param`, `room`,
-// `date` and `time`, under the lock the caller holds. 0 or -1 as query().
-int cache_run_mark(const std::string& statement, std::string_view param, std::string_view room,
-                   std::string_view date, std::string_view time) REQUIRES(sqliteint);
+    // Closes the connections whose lock is free (the process ends).
+    void close_idle();
 
-// Runs `statement`, made by cache_insert_statement(values), under the lock
-// the caller holds. 0 or -1 as query().
-int cache_run_insert(const std::string& statement, const char* const (&values)[cache_insert_values])
-    REQUIRES(sqliteint);
+  private:
+    bool connect_main() REQUIRES(main_);
+    bool open_occupancy() REQUIRES(occupancy_);
+    int read_guests(const std::string& statement, std::vector<occupant>& out);
+    int run_occupancy(const std::string& statement);
 
-// These three run the same statement as its text would, but parsed once per
-// connection: a text that the plain values would not give (a value with a
-// quote, a statement cut at its buffer's end) runs as it stands.
-
-// Groups statements on the states file into one transaction (see the
-// durability note in states.cpp), under the lock the caller holds.
-void states_begin() REQUIRES(sqliteint);
-// Writes what the log holds into the states file (after a cycle's postings).
-void states_checkpoint() REQUIRES(sqliteint);
-void states_commit() REQUIRES(sqliteint);
-
-// Templates run on the states file (placeholders filled by the template
-// routines): the mark of a posted call, and what an accepted posting answer
-// runs (the remove statement has no "where", so SQLite refuses it and the
-// cached call stays; with services:noremovecalls the mark runs instead).
-extern const char* const cache_mark_statement;
-extern const char* const pa_remove_statement;
-extern const char* const pa_mark_statement;
-// The remove statement of [fixes] posting: the accepted call's own row, the
-// one marked with the record of that posting (the cache then holds only
-// calls not yet accepted, so the room and the "P#" find it).
-extern const char* const pa_remove_own_statement;
-
-// The number of cached calls not yet posted, read through a connection of
-// its own (read-only, opened and closed here, so that no lock of the states
-// file is taken and nothing is logged); -1 when the file cannot be read.
-int states_calls_waiting(const std::string& statesfile);
+    std::string path_;
+    dbdriver_t main_;
+    dbdriver_t occupancy_;
+    bool occupancy_checked_ GUARDED_BY(occupancy_) = false;
+    std::atomic<unsigned> rooms_version_{0};
+};

@@ -1,7 +1,7 @@
-#include "handlers/context.h"
+#include "steps/context.h"
 
-#include "billing/templates.h"
 #include "logger.h"
+#include "templates/templates.h"
 
 fias_field_t* room_field(const record_context& ctx) {
     fias_field_t* rn = fias_get_field(&ctx.record, "RN");

@@ -3,16 +3,17 @@
 // marks nothing; what was due goes out after "NE".
 //
 // Contract:
-//  - One window per process (night_audit()); any thread may call it. It is
-//    only ever opened by "NS", which is handled only when pms:night_audit is
-//    set: otherwise it stays closed and costs one lock per look.
+//  - main makes one window and hands it to the record dispatcher and the
+//    billing thread; any thread may call it. It is only ever opened by "NS",
+//    which is handled only when pms:night_audit is set: otherwise it stays
+//    closed and costs one lock per look.
 //  - A new link start-up closes it: a PMS whose audit goes on sends "NS"
 //    again.
 #pragma once
 
 #include <chrono>
 
-#include "handlers/context.h"
+#include "steps/context.h"
 #include "thread_annotations.h"
 
 class audit_window {
@@ -31,7 +32,6 @@ class audit_window {
     std::chrono::steady_clock::time_point since_ GUARDED_BY(mutex_);
 };
 
-audit_window& night_audit();
-
-void do_night_audit_start(const record_context& ctx);
-void do_night_audit_end(const record_context& ctx);
+// "NS" and "NE".
+void do_night_audit_start(const record_context& ctx, audit_window& window);
+void do_night_audit_end(const record_context& ctx, audit_window& window);

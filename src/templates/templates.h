@@ -13,6 +13,7 @@
 
 #include <string>
 
+#include "config.h"
 #include "db/driver.h"
 #include "fias/packet.h"
 
@@ -31,6 +32,12 @@ struct fill_options {
     bool dates = false;    // a received date keeps its own month
     bool percent = false;  // "%%" writes "%", an unknown "%" is copied; nothing stops
 };
+
+// How templates are filled under `cfg`: the one place that reads the
+// corrections about values ([fixes] quiet, escape, dates, percent).
+inline fill_options fill_options_of(const config& cfg) {
+    return fill_options{cfg.fixes.quiet, cfg.fixes.escape, cfg.fixes.dates, cfg.fixes.percent};
+}
 
 std::string prepare_query(const dbdriver_t* drv, const char* q, const fias_field_t* rn,
                           const fias_field_t* name, const fias_field_t* lang,

@@ -1,4 +1,4 @@
-#include "handlers/night_audit.h"
+#include "billing/night_audit.h"
 
 #include "logger.h"
 #include "process.h"
@@ -32,18 +32,13 @@ bool audit_window::holds_postings() {
     return true;
 }
 
-audit_window& night_audit() {
-    static audit_window window;
-    return window;
-}
-
-void do_night_audit_start(const record_context& ctx) {
+void do_night_audit_start(const record_context& ctx, audit_window& window) {
     log_date_time(ctx, fias_get_field(&ctx.record, "DA"), fias_get_field(&ctx.record, "TI"));
-    night_audit().open();
+    window.open();
     CTX_LOG(ctx, L_NOTICE, "Night audit: postings are held until its end");
 }
 
-void do_night_audit_end(const record_context& ctx) {
+void do_night_audit_end(const record_context& ctx, audit_window& window) {
     log_date_time(ctx, fias_get_field(&ctx.record, "DA"), fias_get_field(&ctx.record, "TI"));
-    night_audit().close("end of the audit");
+    window.close("end of the audit");
 }

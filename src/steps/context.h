@@ -1,35 +1,36 @@
-// What every handler of a received PMS record works with, and the helpers the
-// handlers share (guest events, posting answers).
+// What every handler of a received PMS record works with: the record
+// context, the service-step runner and the field helpers.
 //
 // Contract:
 //  - A record_context is made by the dispatcher for one record and lives for
 //    that record's handling, in one thread. It holds the one configuration
-//    snapshot taken for the record, the parsed record and the PMS link, and
-//    names the handler, so that the helpers' log lines name the handler that
-//    acted.
-//  - Database work is done under the driver's lock; the states file's lock is
-//    released before a PBX database's lock is taken.
+//    snapshot taken for the record, the parsed record, the PMS link and the
+//    states file, and names the handler, so that the helpers' log lines name
+//    the handler that acted.
+//  - Database work is done under the driver's lock; no lock of the states
+//    file is held while a PBX database's lock is taken.
 #pragma once
 
-#include "billing/templates.h"
 #include "config.h"
 #include "fias/link.h"
 #include "fias/packet.h"
+#include "logger.h"
+#include "states/states.h"
+#include "templates/templates.h"
 
 struct record_context {
     config_ptr cfg;  // never null
     fias_packet_t& record;
     pms_link& link;
+    states_file& states;
     const char* handler = "";  // the handler's name, for log lines
     // Values are escaped for their database whatever [fixes] escape says
     // (statements that no older configuration has).
     bool escape_values = false;
-};
 
-// How templates are filled under `cfg`.
-inline fill_options fill_options_of(const config& cfg) {
-    return fill_options{cfg.fixes.quiet, cfg.fixes.escape, cfg.fixes.dates, cfg.fixes.percent};
-}
+    // The same context for statements whose values are always escaped.
+    record_context escaping() const { return {cfg, record, link, states, handler, true}; }
+};
 
 // Log line in the name of the context's handler.
 #define CTX_LOG(ctx, level, ...) \

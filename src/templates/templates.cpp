@@ -1,4 +1,4 @@
-#include "billing/templates.h"
+#include "templates/templates.h"
 
 #include <unistd.h>
 
