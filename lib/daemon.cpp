@@ -14,6 +14,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "logger.h"
 #include "thread_annotations.h"
 
 namespace {
@@ -24,6 +25,7 @@ struct signal_entry {
     struct sigaction action;
     int flags;
     signal_handler_t handler;
+    std::function<void(int)> deferred;
     std::atomic<int> received;
 };
 static_assert(std::atomic<int>::is_always_lock_free, "the catcher needs a lock-free counter");
@@ -38,6 +40,9 @@ bool is_fault_signal(int signo) {
     return signo == SIGILL || signo == SIGABRT || signo == SIGBUS || signo == SIGFPE ||
            signo == SIGSEGV || signo == SIGSYS;
 }
+
+// Whether a fault signal ends the process by itself (signal_set_fault_exit).
+volatile sig_atomic_t fault_by_signal[kSignals] = {};
 
 annotated_mutex daemon_mutex;
 // A fixed buffer, so that a fault-signal handler can read it without a lock.
@@ -96,11 +101,26 @@ int write_pidfile(const char* name) {
     return 0;
 }
 
-}  // namespace
+// Only async-signal-safe calls.
+void fault_exit(int signo) {
+    char text[32] = "Caught signal ";
+    size_t n = strlen(text);
+    if (signo >= 10) text[n++] = static_cast<char>('0' + signo / 10 % 10);
+    text[n++] = static_cast<char>('0' + signo % 10);
+    memcpy(text + n, ". Exiting.", sizeof ". Exiting.");
+    write_log_async_safe(L_NOTICE, __FILE_NAME__, __LINE__, "sig_term", text);
+    daemon_close_async_safe();
+    if (signo > 0 && signo < kSignals && fault_by_signal[signo]) {
+        signal(signo, SIG_DFL);
+        raise(signo);
+    }
+    _exit(0);
+}
 
-int signal_set_handler(int signo, int flags, signal_handler_t handler) {
+int install(int signo, int flags, signal_handler_t handler, std::function<void(int)> deferred) {
     if (signo < 0 || signo >= kSignals) return -1;
     signal_entry& e = signal_table[signo];
+    e.deferred = std::move(deferred);
     memset(&e.action, 0, sizeof e.action);
     sigemptyset(&e.action.sa_mask);
     sigaddset(&e.action.sa_mask, signo);
@@ -109,12 +129,29 @@ int signal_set_handler(int signo, int flags, signal_handler_t handler) {
     e.handler = handler;
     e.received = 0;
 
-    if (handler == SIG_DFL || handler == SIG_IGN || is_fault_signal(signo)) {
+    if (!e.deferred && (handler == SIG_DFL || handler == SIG_IGN || is_fault_signal(signo))) {
         e.action.sa_handler = handler;
     } else {
         e.action.sa_handler = signal_catcher;
     }
     return sigaction(signo, &e.action, nullptr);
+}
+
+}  // namespace
+
+int signal_set_handler(int signo, int flags, signal_handler_t handler) {
+    return install(signo, flags, handler, nullptr);
+}
+
+int signal_set_deferred(int signo, std::function<void(int)> handler) {
+    if (is_fault_signal(signo) || !handler) return -1;
+    return install(signo, 0, nullptr, std::move(handler));
+}
+
+int signal_set_fault_exit(int signo, bool by_signal) {
+    if (signo < 0 || signo >= kSignals || !is_fault_signal(signo)) return -1;
+    fault_by_signal[signo] = by_signal;
+    return install(signo, 0, fault_exit, nullptr);
 }
 
 void signal_handle_all() {
@@ -125,7 +162,10 @@ void signal_handle_all() {
         if (e.received.exchange(0) == 0) continue;
         sigset_t old;
         pthread_sigmask(SIG_BLOCK, &e.action.sa_mask, &old);
-        if (e.handler != SIG_DFL && e.handler != SIG_IGN && e.handler) e.handler(signo);
+        if (e.deferred)
+            e.deferred(signo);
+        else if (e.handler != SIG_DFL && e.handler != SIG_IGN && e.handler)
+            e.handler(signo);
         pthread_sigmask(SIG_SETMASK, &old, nullptr);
     }
 }

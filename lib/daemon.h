@@ -16,11 +16,22 @@
 #pragma once
 
 #include <csignal>
+#include <functional>
 
 using signal_handler_t = void (*)(int);
 
 // handler may be SIG_DFL or SIG_IGN. Returns 0, or -1 when the system refuses.
 int signal_set_handler(int signo, int flags, signal_handler_t handler);
+
+// `handler` runs later, in signal_handle_all(), for each `signo` counted.
+// Returns 0, or -1 when the system refuses.
+int signal_set_deferred(int signo, std::function<void(int)> handler);
+
+// The fault signal `signo` ends the process at once, in whatever thread it
+// hits: "Caught signal N. Exiting." (NOTICE) goes to the log file, the pid
+// file is removed, and the process exits with status 0, or, with
+// `by_signal`, ends by the signal itself so that a supervisor sees the crash.
+int signal_set_fault_exit(int signo, bool by_signal);
 
 void signal_handle_all();
 

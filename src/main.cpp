@@ -112,185 +112,164 @@ options get_options(int argc, char** argv) {
     return opts;
 }
 
-// What the signal handlers act on. They run in the main thread, from
-// signal_handle_all() in the main loop, never in a signal context (fault
-// signals excepted, which have their own handler). Made by main() and never
-// destroyed: exit() leaves it to the threads that may still run.
-struct process_state {
+// The daemon's own state and what the signal handlers do. The handlers run
+// in the main thread, from signal_handle_all() in the main loop, never in a
+// signal context. Made by main() and never destroyed: exit() leaves it to
+// the threads that may still run.
+class daemon_process {
+  public:
     options opts;
     config_loader* configs = nullptr;
     pms_link* link = nullptr;
     states_file* states = nullptr;
     notifier* notify = nullptr;
+    record_dispatcher* records = nullptr;
     // The corrections in force for the whole run, from the first load.
     fixes_settings start_fixes;
     stop_flag stop;  // billing
     owned_thread billing;
+    bool pms_moved = false;  // the link was ended to connect elsewhere
+
+    void apply_logger(const config& cfg) {
+        logger_init(opts.console_log ? "" : cfg.logfile.c_str(), cfg.loglevel, cfg.logtype,
+                    cfg.disable_log);
+    }
+
+    void start_capture(const config_ptr& cfg) {
+        if (!cfg->use_manager) return;
+        // Writing to a connection that was closed must fail, not end the
+        // process (the Manager session's own writes never raise the signal).
+        signal(SIGPIPE, SIG_IGN);
+        capture_stops_.push_back(std::make_unique<stop_flag>());
+        stop_flag& flag = *capture_stops_.back();
+        notify->running(notify_part::capture);
+        capture_.start([cfg, &flag, this] { cdrmanager_thread(cfg, flag, *states, *notify); });
+    }
+
+    // Stops the capture thread, waiting until `deadline` at most.
+    bool stop_capture(std::chrono::steady_clock::time_point deadline) {
+        if (!capture_.running()) return true;
+        capture_stops_.back()->request();
+        return capture_.join_until(deadline);
+    }
+
+    // Opens the link to the PMS of the current configuration (a reload moves
+    // the next connection, not the present one).
+    bool connect_pms() {
+        config_ptr cfg = configs->current();
+        const char* interface = cfg->pmsinterface ? cfg->pmsinterface->c_str() : "";
+        link->set_options(link_options(*cfg));
+        notify->waiting(notify_part::main_loop, true);
+        const bool ok = link->connect(cfg->pmshost, cfg->pmsport) == 0;
+        notify->waiting(notify_part::main_loop, false);
+        notify->pms_connect(cfg->pmshost, cfg->pmsport, ok);
+        if (ok) return true;
+        LOG(L_ERROR, "Unable to connect to PMS at %s:%d/%s", cfg->pmshost.c_str(), cfg->pmsport,
+            interface);
+        return false;
+    }
+
+    void install_signal_handlers() {
+        signal_set_deferred(SIGHUP, [this](int signo) { sig_hup(signo); });
+        signal_set_deferred(SIGTERM, [this](int signo) { sig_term(signo); });
+        signal_set_handler(SIGCHLD, 0, SIG_IGN);
+        signal_set_handler(SIGUSR1, 0, SIG_IGN);
+        signal_set_handler(SIGUSR2, 0, SIG_IGN);
+        signal_set_deferred(SIGINT, [this](int signo) { sig_term(signo); });
+        signal_set_fault_exit(SIGABRT, start_fixes.signals);
+        signal_set_deferred(SIGQUIT, [this](int signo) { sig_term(signo); });
+        if (start_fixes.signals) signal_set_fault_exit(SIGSEGV, true);
+    }
+
+  private:
+    static pms_link::options link_options(const config& cfg) {
+        return pms_link::options{cfg.fixes.link_end, cfg.fixes.quiet,
+                                 fias_codec_options{cfg.fixes.numbers}};
+    }
+
+    // Stops the billing and capture threads (and the record worker), waiting
+    // a few seconds at most, drops the link, closes the databases whose lock
+    // is free, removes the pid file (unless `keep_pid_file`) and ends the
+    // process with `status`.
+    [[noreturn]] void shut_down(int status, bool keep_pid_file = false) {
+        stop.request();
+        notify->finish();
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+        bool joined = billing.join_until(deadline);
+        joined = stop_capture(deadline) && joined;
+        joined = records->stop(deadline) && joined;
+        link->drop();
+        // A record worker may still be using a database: one whose lock is
+        // taken is left as it is.
+        for (const dbdriver_ptr& drv : configs->current()->dbdrivers) {
+            if (!drv->try_lock()) continue;
+            drv->close();
+            drv->unlock();
+        }
+        states->close_idle();
+        if (!opts.foreground && !keep_pid_file) daemon_close();
+        fflush(nullptr);
+        // A thread that could not be joined may still touch the process's
+        // objects: leave without running their destructors.
+        if (!joined) _exit(status);
+        exit(status);
+    }
+
+    void sig_term(int signo) {
+        LOG(L_NOTICE, "Caught signal %d. Exiting.", signo);
+        shut_down(0);
+    }
+
+    // After a reload with [fixes] reload: the room list, the PMS address and
+    // the Manager session follow the new configuration.
+    void apply_reload(const config& before, const config_ptr& after) {
+        load_rooms_conf(after->rooms, *states, fill_options_of(*after).dates);
+        if (before.pmshost != after->pmshost || before.pmsport != after->pmsport ||
+            before.pmsinterface != after->pmsinterface) {
+            LOG(L_NOTICE, "PMS settings changed: connecting to %s:%d", after->pmshost.c_str(),
+                after->pmsport);
+            pms_moved = true;
+            link->end();
+        }
+        if (before.use_manager != after->use_manager || before.mgr_host != after->mgr_host ||
+            before.mgr_port != after->mgr_port || before.mgr_user != after->mgr_user ||
+            before.mgr_passwd != after->mgr_passwd || before.mgr_events != after->mgr_events) {
+            LOG(L_NOTICE, "Manager settings changed: starting a new session");
+            notify->manager(after->use_manager);
+            if (!stop_capture(std::chrono::steady_clock::now() + std::chrono::seconds(3)))
+                LOG(L_WARNING, "The old Manager session did not stop; it is left behind");
+            start_capture(after);
+        }
+    }
+
+    void sig_hup(int) {
+        logger_reopen();  // a rotated log file is left for a new one
+        LOG(L_NOTICE, "Hangup. Reloading configuration.");
+        const config_ptr before = configs->current();
+        if (configs->load() < 0) {
+            LOG(L_ERROR, "Unable to open configuration file %s. Exiting...",
+                configs->path().c_str());
+            // The pid file stays, unless the ending is to be noticed by its
+            // status.
+            const bool failed = before->fixes.exit_status;
+            shut_down(failed ? 1 : 0, !failed);
+        }
+        config_ptr cfg = configs->current();
+        check_configuration(*cfg);
+        apply_logger(*cfg);
+        if (cfg->fixes.reload) apply_reload(*before, cfg);
+    }
+
     // The capture thread and its stop flag; flags of threads that were given
     // up on are kept, since those threads may still look at them.
-    std::vector<std::unique_ptr<stop_flag>> capture_stops;
-    owned_thread capture;
-    record_dispatcher* records = nullptr;
-    bool pms_moved = false;  // the link was ended to connect elsewhere
+    std::vector<std::unique_ptr<stop_flag>> capture_stops_;
+    owned_thread capture_;
 };
-process_state* self = nullptr;
-
-void apply_logger(const config& cfg) {
-    logger_init(self->opts.console_log ? "" : cfg.logfile.c_str(), cfg.loglevel, cfg.logtype,
-                cfg.disable_log);
-}
-
-pms_link::options link_options(const config& cfg) {
-    return pms_link::options{cfg.fixes.link_end, cfg.fixes.quiet,
-                             fias_codec_options{cfg.fixes.numbers}};
-}
-
-void start_capture(const config_ptr& cfg) {
-    if (!cfg->use_manager) return;
-    // Writing to a connection that was closed must fail, not end the process
-    // (the Manager session's own writes never raise the signal anyway).
-    signal(SIGPIPE, SIG_IGN);
-    self->capture_stops.push_back(std::make_unique<stop_flag>());
-    stop_flag& stop = *self->capture_stops.back();
-    self->notify->running(notify_part::capture);
-    states_file& states = *self->states;
-    notifier& notify = *self->notify;
-    self->capture.start(
-        [cfg, &stop, &states, &notify] { cdrmanager_thread(cfg, stop, states, notify); });
-}
-
-// Stops the capture thread, waiting until `deadline` at most.
-bool stop_capture(std::chrono::steady_clock::time_point deadline) {
-    if (!self->capture.running()) return true;
-    self->capture_stops.back()->request();
-    return self->capture.join_until(deadline);
-}
-
-// Stops the billing and capture threads (and the record worker), waiting a
-// few seconds at most, drops the link, closes the databases whose lock is
-// free, removes the pid file (unless `keep_pid_file`) and ends the process
-// with `status`.
-[[noreturn]] void shut_down(int status, bool keep_pid_file = false) {
-    self->stop.request();
-    self->notify->finish();
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-    bool joined = self->billing.join_until(deadline);
-    joined = stop_capture(deadline) && joined;
-    joined = self->records->stop(deadline) && joined;
-    self->link->drop();
-    // A record worker may still be using a database: one whose lock is taken
-    // is left as it is.
-    for (const dbdriver_ptr& drv : self->configs->current()->dbdrivers) {
-        if (!drv->try_lock()) continue;
-        drv->close();
-        drv->unlock();
-    }
-    self->states->close_idle();
-    if (!self->opts.foreground && !keep_pid_file) daemon_close();
-    fflush(nullptr);
-    // A thread that could not be joined may still touch the process's
-    // objects: leave without running their destructors.
-    if (!joined) _exit(status);
-    exit(status);
-}
-
-void sig_term(int signo) {
-    LOG(L_NOTICE, "Caught signal %d. Exiting.", signo);
-    shut_down(0);
-}
-
-// Fault signals run at once, in whatever thread they hit: only
-// async-signal-safe calls. The log line is the one SIGTERM writes. With
-// [fixes] signals the process then ends by the signal itself, so that a
-// supervisor sees the crash; otherwise with status 0.
-volatile sig_atomic_t crash_ends_by_signal = 0;
-
-void sig_fault(int signo) {
-    char text[32] = "Caught signal ";
-    size_t n = strlen(text);
-    if (signo >= 10) text[n++] = static_cast<char>('0' + signo / 10 % 10);
-    text[n++] = static_cast<char>('0' + signo % 10);
-    memcpy(text + n, ". Exiting.", sizeof ". Exiting.");
-    write_log_async_safe(L_NOTICE, __FILE_NAME__, __LINE__, "sig_term", text);
-    daemon_close_async_safe();
-    if (crash_ends_by_signal) {
-        signal(signo, SIG_DFL);
-        raise(signo);
-    }
-    _exit(0);
-}
-
-// After a reload with [fixes] reload: the room list, the PMS address and the
-// Manager session follow the new configuration.
-void apply_reload(const config& before, const config_ptr& after) {
-    load_rooms_conf(after->rooms, *self->states, fill_options_of(*after).dates);
-    if (before.pmshost != after->pmshost || before.pmsport != after->pmsport ||
-        before.pmsinterface != after->pmsinterface) {
-        LOG(L_NOTICE, "PMS settings changed: connecting to %s:%d", after->pmshost.c_str(),
-            after->pmsport);
-        self->pms_moved = true;
-        self->link->end();
-    }
-    if (before.use_manager != after->use_manager || before.mgr_host != after->mgr_host ||
-        before.mgr_port != after->mgr_port || before.mgr_user != after->mgr_user ||
-        before.mgr_passwd != after->mgr_passwd || before.mgr_events != after->mgr_events) {
-        LOG(L_NOTICE, "Manager settings changed: starting a new session");
-        self->notify->manager(after->use_manager);
-        if (!stop_capture(std::chrono::steady_clock::now() + std::chrono::seconds(3)))
-            LOG(L_WARNING, "The old Manager session did not stop; it is left behind");
-        start_capture(after);
-    }
-}
-
-void sig_hup(int) {
-    logger_reopen();  // a rotated log file is left for a new one
-    LOG(L_NOTICE, "Hangup. Reloading configuration.");
-    const config_ptr before = self->configs->current();
-    if (self->configs->load() < 0) {
-        LOG(L_ERROR, "Unable to open configuration file %s. Exiting...",
-            self->configs->path().c_str());
-        // The pid file stays, unless the ending is to be noticed by its status.
-        const bool status = before->fixes.exit_status;
-        shut_down(status ? 1 : 0, !status);
-    }
-    config_ptr cfg = self->configs->current();
-    check_configuration(*cfg);
-    apply_logger(*cfg);
-    if (cfg->fixes.reload) apply_reload(*before, cfg);
-}
-
-// Opens the link to the PMS of the current configuration (a reload moves the
-// next connection, not the present one).
-bool connect_pms() {
-    config_ptr cfg = self->configs->current();
-    const char* interface = cfg->pmsinterface ? cfg->pmsinterface->c_str() : "";
-    self->link->set_options(link_options(*cfg));
-    self->notify->waiting(notify_part::main_loop, true);
-    const bool ok = self->link->connect(cfg->pmshost, cfg->pmsport) == 0;
-    self->notify->waiting(notify_part::main_loop, false);
-    self->notify->pms_connect(cfg->pmshost, cfg->pmsport, ok);
-    if (ok) return true;
-    LOG(L_ERROR, "Unable to connect to PMS at %s:%d/%s", cfg->pmshost.c_str(), cfg->pmsport,
-        interface);
-    return false;
-}
-
-void install_signal_handlers() {
-    signal_set_handler(SIGHUP, 0, sig_hup);
-    signal_set_handler(SIGTERM, 0, sig_term);
-    signal_set_handler(SIGCHLD, 0, SIG_IGN);
-    signal_set_handler(SIGUSR1, 0, SIG_IGN);
-    signal_set_handler(SIGUSR2, 0, SIG_IGN);
-    signal_set_handler(SIGINT, 0, sig_term);
-    signal_set_handler(SIGABRT, 0, sig_fault);
-    signal_set_handler(SIGQUIT, 0, sig_term);
-}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    process_state state;
-    self = &state;
+    daemon_process state;
     if (argc > 1) state.opts = get_options(argc, argv);
     if (state.opts.test_config > 0)
         return test_configuration(state.opts.config_file, state.opts.test_config);
@@ -312,11 +291,7 @@ int main(int argc, char** argv) {
         fflush(nullptr);
         _exit(0);
     }
-    if (!state.opts.foreground || state.start_fixes.signals) {
-        crash_ends_by_signal = state.start_fixes.signals;
-        install_signal_handlers();
-        if (state.start_fixes.signals) signal_set_handler(SIGSEGV, 0, sig_fault);
-    }
+    if (!state.opts.foreground || state.start_fixes.signals) state.install_signal_handlers();
     if (!state.opts.foreground) {
         const char* name = strrchr(argv[0], '/');
         daemon_init(name ? name + 1 : argv[0]);
@@ -324,7 +299,7 @@ int main(int argc, char** argv) {
 
     config_ptr cfg = configs.current();
     if (state.start_fixes.private_files) logger_set_file_mode(0640);
-    apply_logger(*cfg);
+    state.apply_logger(*cfg);
     // The first warnings came before the logger had its settings.
     check_configuration(*cfg);
 
@@ -352,11 +327,11 @@ int main(int argc, char** argv) {
                               state.start_fixes.ordered_records);
     state.records = &records;
     notify.start(link, states, cfg->use_manager);
-    connect_pms();
+    state.connect_pms();
 
     const billing_parts billing{link, states, audit, waiting, notify};
     state.billing.start([&] { service_background(configs, billing, state.stop); });
-    start_capture(cfg);
+    state.start_capture(cfg);
     cfg.reset();
     notify.ready();
 
@@ -364,7 +339,7 @@ int main(int argc, char** argv) {
     for (;;) {
         notify.beat(notify_part::main_loop);
         sync.watch(link);
-        if (!link.is_open() && !connect_pms()) {
+        if (!link.is_open() && !state.connect_pms()) {
             signal_handle_all();
             std::this_thread::sleep_for(std::chrono::seconds(1));
         }
