@@ -122,15 +122,14 @@ class mysql_handler_t final : public db_handle {
         return row_ ? 0 : -2;
     }
 
-    // The checks the three readers share, in their documented order; on
-    // success *text is the field's text ("" for NULL).
+    // The checks the three readers share; on success *text is the field's
+    // text ("" for NULL).
     int field_text(int num, const char** text) const {
         if (!row_) return -1;
         if (num < 0 || static_cast<unsigned int>(num) >= mysql_num_fields(res_.get())) return -2;
         const MYSQL_FIELD* field = mysql_fetch_field_direct(res_.get(), num);
         if (!field) return -2;
         if (!full_ && !is_numeric_type(field->type)) return -3;
-        if (!row_) return -4;  // kept from the documented order; the first check covers it
         *text = row_[num] ? row_[num] : "";
         return 0;
     }

@@ -3,17 +3,22 @@
 //
 // Contract:
 //  - A record owns its connection and its result; both are released when the
-//    record goes. connect() always makes a fresh connection (the previous one
-//    is closed first) and returns 0, -1 (client object cannot be made) or -2
-//    (server refused or unreachable).
+//    record goes. connect() always makes a fresh client object (the previous
+//    connection and any result on it are released first), reads the option
+//    group "orlanbeck" of the client library's option files, gives up
+//    connecting after 10 s, and returns 0, -1 (no client object) or -2
+//    (server refused or unreachable, logged).
 //  - Results are streamed: fetch_row() starts reading the result of the last
 //    statement and returns 0 (row current), -1 (no result) or -2 (no more
 //    rows); numrets() counts the rows read so far, 0 before the first
 //    fetch_row(). query() drops a result that was not freed.
-//  - The field readers accept numeric columns only: text, date and time
-//    columns answer -3, also for the text reader. SQL NULL reads as empty
-//    text / 0. The text reader copies at most len - 1 characters and writes
-//    no terminator: callers pass a zeroed buffer.
+//  - The field readers answer -1 without a current row and -2 for a column
+//    the result does not have. Without `full` they accept numeric columns
+//    only: text, date and time columns answer -3, also for the text reader.
+//    SQL NULL reads as empty text / 0. The text reader copies at most
+//    len - 1 characters and writes no terminator: callers pass a zeroed
+//    buffer.
+//  - escape() uses the connection's character set when connected.
 //  - is_connected() pings the server: 1 when it must be reconnected.
 //  - The operations take no lock; callers hold the record's lock (driver.h).
 //  - "dbdriver = mysql" makes it only under [fixes] mysql (see registry.h).

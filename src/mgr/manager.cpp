@@ -62,20 +62,14 @@ void mansession::reset() {
     fd = -1;
     std::memset(inbuf, 0, sizeof inbuf);
     inlen = 0;
-    authenticated = 0;
     connected = 0;
     dead = 0;
     wake_fd = -1;
     hide_secret = false;
     before_wait = nullptr;
     quick_reads = 0;
-    busy = 0;
-    std::memset(actionid, 0, sizeof actionid);
-    std::memset(challenge, 0, sizeof challenge);
-    depth = 0;
     user.clear();
     pass.clear();
-    server.clear();
 }
 
 int mgr_init(mansession& s, const char* host, int port, const char* user, const char* passwd) {

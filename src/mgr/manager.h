@@ -29,7 +29,6 @@ struct mansession {
     int fd = -1;         // the TCP socket, -1 when there is none
     char inbuf[1024]{};  // received bytes not yet returned as lines, always terminated
     int inlen = 0;
-    int authenticated = 0;     // not used
     int connected = 0;         // 0 login answer awaited, 1 "Authentication accepted", -1 refused
     std::atomic<int> dead{0};  // when set, an interrupted wait for input fails the read
     int wake_fd = -1;          // not owned: readable once the session must stop (-1: none)
@@ -37,14 +36,9 @@ struct mansession {
     // Called when a read is about to wait for the manager (not owned; may be
     // empty): what was read so far can be dealt with before the wait.
     std::function<void()> before_wait;
-    int quick_reads = 0;    // receives in a row that did not wait
-    int busy = 0;           // not used
-    char actionid[1024]{};  // not used
-    char challenge[10]{};   // not used
-    int depth = 0;          // not used
+    int quick_reads = 0;  // receives in a row that did not wait
     std::string user;
     std::string pass;
-    std::string server;  // not used
 
     mansession() = default;
     ~mansession();
@@ -60,7 +54,6 @@ struct message {
     static constexpr int line_size = 1024;
 
     int hdrcount = 0;
-    char uniqueid[80]{};  // not used
     char headers[max_headers + 1][line_size]{};
     int in_command = 0;  // 1 between "Response: Follows" and "--END COMMAND--"
     int touched = 0;     // slots written since the last clear(): only they can hold text
@@ -70,7 +63,6 @@ struct message {
         const int used = std::min(std::max(touched, hdrcount + 1), max_headers + 1);
         for (int i = 0; i < used; ++i) headers[i][0] = '\0';
         hdrcount = 0;
-        uniqueid[0] = '\0';
         in_command = 0;
         touched = 0;
     }

@@ -2,13 +2,17 @@
 // substitution.
 //
 // Contract: re-entrant; may be called from any thread at the same time.
-//  - prepare_query*() fill "%...%" placeholders and echo the finished statement
-//    on standard output ("query: " / "1query: "). Values are put in as they
-//    are; the result grows to hold them.
+//  - prepare_query*() fill "%...%" placeholders and echo the finished
+//    statement ("query: " / "1query: ") on standard output, or, with
+//    fill_options::quiet, to the log at DEBUG. Values are put in as they are,
+//    or, with fill_options::escape, escaped for the driver's database (the
+//    caller then holds the driver's lock: escaping may use the connection);
+//    the result grows to hold them.
 //  - A "%" that starts no placeholder known to the routine never returns: the
 //    calling thread logs one ERROR naming the template and then blocks for
 //    good without using the CPU. The configuration check warns about such
-//    templates beforehand (config_check.h).
+//    templates beforehand (config_check.h). With fill_options::percent "%%"
+//    writes "%" and any other unknown "%" is copied: nothing blocks.
 #pragma once
 
 #include <string>
