@@ -31,7 +31,6 @@
 #include "netutil.h"
 #include "sim_mgr.h"
 #include "states/states.h"
-#include "stop_flag.h"
 
 namespace {
 
@@ -146,18 +145,12 @@ void BM_CaptureBurst(benchmark::State& state) {
         return;
     }
     auto cfg = std::make_shared<config>();
-    cfg->mgr_host = "127.0.0.1";
-    cfg->mgr_port = sim.port();
-    cfg->mgr_user = "admin";
-    cfg->mgr_passwd = "secret";
-    cfg->fixes.manager_events = true;
-    stop_flag stop;
     notifier notify;
-    std::thread capture([&] { cdrmanager_thread(cfg, stop, states, notify); });
+    mgr_session capture({"127.0.0.1", sim.port(), "admin", "secret", "cdr"}, notify);
+    attach_cdr_capture(capture, cfg, states);
+    capture.start();
     if (!sim.wait_logins(1)) {
         state.SkipWithError("no login");
-        stop.request();
-        capture.join();
         return;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the answer is read
@@ -178,8 +171,7 @@ void BM_CaptureBurst(benchmark::State& state) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     }
-    stop.request();
-    capture.join();
+    capture.stop(std::chrono::steady_clock::now() + std::chrono::seconds(10));
     if (lost || cached_calls(room.c_str()) != expected) state.SkipWithError("calls lost");
     state.counters["events/s"] = benchmark::Counter(
         static_cast<double>(state.iterations()) * kBurst, benchmark::Counter::kIsRate);

@@ -26,6 +26,11 @@ class owned_thread {
         thread_ = std::thread(std::move(task));
     }
     bool running() const { return thread_.joinable(); }
+    // True when the thread's body has returned (it may still be joined), or
+    // the thread was never started; waits until `deadline` at most.
+    bool done_by(std::chrono::steady_clock::time_point deadline) const {
+        return !done_.valid() || done_.wait_until(deadline) == std::future_status::ready;
+    }
     // True when the thread ended (and was joined) before `deadline`, or was
     // never started.
     bool join_until(std::chrono::steady_clock::time_point deadline) {

@@ -155,6 +155,17 @@ std::vector<dbdriver_ptr> merge_drivers(std::vector<dbdriver_ptr> fresh,
 
 }  // namespace
 
+bool config::uses_actions() const {
+    auto is_action = [](const std::string& service) { return service.rfind("ami:", 0) == 0; };
+    for (const opt_text* service : {&checkin, &checkout, &guest_change, &room_move, &bareon,
+                                    &bareoff, &dndon, &dndoff, &wakeup_set, &wakeup_clear, &billok})
+        if (*service && is_action(**service)) return true;
+    for (const auto& [key, steps] : more_steps)
+        for (const std::string& step : steps)
+            if (is_action(step)) return true;
+    return false;
+}
+
 bool parse_config_file(const std::string& path, config& cfg) {
     iniparser_set_error_callback(iniparser_complaint);
     dictionary_ptr dict(iniparser_load(path.c_str()));
@@ -201,6 +212,13 @@ bool parse_config_file(const std::string& path, config& cfg) {
     read_text(d, "services:billcalls", cfg.billcalls);
     read_text(d, "services:wrmark", cfg.wrmark);
     read_text(d, "services:remark", cfg.remark);
+    cfg.ami_timeout = iniparser_getint(d, "services:ami_timeout", 5);
+    if (cfg.ami_timeout < 1) cfg.ami_timeout = 1;
+    for (const char* key : step_keys)
+        for (int n = 2; n <= 9; ++n)
+            if (opt_text step =
+                    get_text(d, "services:" + std::string(key) + "." + std::to_string(n)))
+                cfg.more_steps[key].push_back(std::move(*step));
 
     cfg.rooms = read_rooms(d);
     cfg.fixes = read_fixes(d);

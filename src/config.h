@@ -18,6 +18,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -113,8 +114,15 @@ struct config {
     opt_text billcalls;
     opt_text wrmark;
     opt_text remark;
+    // Further steps of the event services: "<key>.2" ... "<key>.9" of each of
+    // step_keys, in order, by key.
+    std::map<std::string, std::vector<std::string>> more_steps;
+    int ami_timeout = 5;  // services:ami_timeout, seconds an action waits for its answer
     // [rooms]
     rooms_settings rooms;
+
+    // Whether a service step sends a Manager action ("ami:...").
+    bool uses_actions() const;
 };
 
 // Who stays in which room is kept (states/occupancy.h) only when a feature
@@ -122,6 +130,11 @@ struct config {
 inline bool keeps_occupancy(const config& cfg) {
     return cfg.guest_change || cfg.room_move || cfg.resync;
 }
+
+// The event services that may have further steps ("checkin.2" ...).
+inline constexpr const char* step_keys[] = {
+    "checkin", "checkout", "guest_change", "room_move",    "bareon", "bareoff",
+    "dndon",   "dndoff",   "wakeup_set",   "wakeup_clear", "billok"};
 
 using config_ptr = std::shared_ptr<const config>;
 

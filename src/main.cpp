@@ -4,7 +4,7 @@
 // The main thread makes and owns everything the process shares: the
 // configuration loader, the PMS link, the states file, the notifier, the
 // resync and night-audit state, the postings that wait for answers, the
-// record dispatcher and the billing and capture threads. It reads the link,
+// record dispatcher, the billing thread and the Manager session. It reads the link,
 // hands each record to the dispatcher, and acts on the signals counted by
 // their handlers between two reads.
 #include <getopt.h>
@@ -135,22 +135,39 @@ class daemon_process {
                     cfg.disable_log);
     }
 
-    void start_capture(const config_ptr& cfg) {
-        if (!cfg->use_manager) return;
+    // The Manager session, when calls are cached from the Manager or a
+    // service step sends actions.
+    void start_manager(const config_ptr& cfg) {
+        const bool actions = cfg->uses_actions();
+        if (!cfg->use_manager && !actions) return;
         // Writing to a connection that was closed must fail, not end the
         // process (the Manager session's own writes never raise the signal).
         signal(SIGPIPE, SIG_IGN);
-        capture_stops_.push_back(std::make_unique<stop_flag>());
-        stop_flag& flag = *capture_stops_.back();
+        mgr_session::settings s;
+        s.host = cfg->mgr_host.value_or("");
+        s.port = cfg->mgr_port;
+        s.user = cfg->mgr_user.value_or("");
+        s.secret = cfg->mgr_passwd.value_or("");
+        s.events = login_events(*cfg);
+        // With [fixes] private_files the secret never reaches the log.
+        s.hide_secret = cfg->fixes.private_files;
+        s.retry_refused = actions;
+        if (!cfg->use_manager) s.stop_prefix = "Manager session stopped";
+        auto session = std::make_shared<mgr_session>(s, *notify);
+        if (cfg->use_manager) attach_cdr_capture(*session, cfg, *states);
         notify->running(notify_part::capture);
-        capture_.start([cfg, &flag, this] { cdrmanager_thread(cfg, flag, *states, *notify); });
+        session->start();
+        manager.set(std::move(session));
     }
 
-    // Stops the capture thread, waiting until `deadline` at most.
-    bool stop_capture(std::chrono::steady_clock::time_point deadline) {
-        if (!capture_.running()) return true;
-        capture_stops_.back()->request();
-        return capture_.join_until(deadline);
+    // Stops the Manager session, waiting until `deadline` at most.
+    bool stop_manager(std::chrono::steady_clock::time_point deadline) {
+        std::shared_ptr<mgr_session> session = manager.get();
+        if (!session) return true;
+        manager.set(nullptr);
+        if (session->stop(deadline)) return true;
+        stuck_sessions_.push_back(std::move(session));  // its thread may still use it
+        return false;
     }
 
     // Opens the link to the PMS of the current configuration (a reload moves
@@ -181,13 +198,25 @@ class daemon_process {
         if (start_fixes.signals) signal_set_fault_exit(SIGSEGV, true);
     }
 
+    mgr_session_slot manager;
+
   private:
+    // The event classes the login asks for: as configured; without the key
+    // and without actions as always ("cdr" with [fixes] manager_events, since
+    // current Asterisk sends Cdr events only to that class); with actions
+    // what the features need.
+    static std::string login_events(const config& cfg) {
+        if (cfg.mgr_events_set) return cfg.mgr_events;
+        if (!cfg.uses_actions()) return cfg.fixes.manager_events ? "cdr" : cfg.mgr_events;
+        return cfg.use_manager ? "cdr" : "off";
+    }
+
     static pms_link::options link_options(const config& cfg) {
         return pms_link::options{cfg.fixes.link_end, cfg.fixes.quiet,
                                  fias_codec_options{cfg.fixes.numbers}};
     }
 
-    // Stops the billing and capture threads (and the record worker), waiting
+    // Stops the billing thread and the Manager session (and the record worker), waiting
     // a few seconds at most, drops the link, closes the databases whose lock
     // is free, removes the pid file (unless `keep_pid_file`) and ends the
     // process with `status`.
@@ -196,7 +225,7 @@ class daemon_process {
         notify->finish();
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
         bool joined = billing.join_until(deadline);
-        joined = stop_capture(deadline) && joined;
+        joined = stop_manager(deadline) && joined;
         joined = records->stop(deadline) && joined;
         link->drop();
         // A record worker may still be using a database: one whose lock is
@@ -233,12 +262,13 @@ class daemon_process {
         }
         if (before.use_manager != after->use_manager || before.mgr_host != after->mgr_host ||
             before.mgr_port != after->mgr_port || before.mgr_user != after->mgr_user ||
-            before.mgr_passwd != after->mgr_passwd || before.mgr_events != after->mgr_events) {
+            before.mgr_passwd != after->mgr_passwd || before.mgr_events != after->mgr_events ||
+            before.uses_actions() != after->uses_actions()) {
             LOG(L_NOTICE, "Manager settings changed: starting a new session");
             notify->manager(after->use_manager);
-            if (!stop_capture(std::chrono::steady_clock::now() + std::chrono::seconds(3)))
+            if (!stop_manager(std::chrono::steady_clock::now() + std::chrono::seconds(3)))
                 LOG(L_WARNING, "The old Manager session did not stop; it is left behind");
-            start_capture(after);
+            start_manager(after);
         }
     }
 
@@ -260,10 +290,9 @@ class daemon_process {
         if (cfg->fixes.reload) apply_reload(*before, cfg);
     }
 
-    // The capture thread and its stop flag; flags of threads that were given
-    // up on are kept, since those threads may still look at them.
-    std::vector<std::unique_ptr<stop_flag>> capture_stops_;
-    owned_thread capture_;
+    // Sessions that did not stop when asked: kept, since their threads may
+    // still use them.
+    std::vector<std::shared_ptr<mgr_session>> stuck_sessions_;
 };
 
 }  // namespace
@@ -323,7 +352,7 @@ int main(int argc, char** argv) {
     resync sync;
     audit_window audit;
     unanswered_postings waiting;
-    record_dispatcher records({configs, link, states, sync, audit, waiting},
+    record_dispatcher records({configs, link, states, sync, audit, waiting, state.manager},
                               state.start_fixes.ordered_records);
     state.records = &records;
     notify.start(link, states, cfg->use_manager);
@@ -331,7 +360,7 @@ int main(int argc, char** argv) {
 
     const billing_parts billing{link, states, audit, waiting, notify};
     state.billing.start([&] { service_background(configs, billing, state.stop); });
-    state.start_capture(cfg);
+    state.start_manager(cfg);
     cfg.reset();
     notify.ready();
 

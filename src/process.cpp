@@ -50,3 +50,9 @@ std::chrono::milliseconds billing_wedge_after() {
         from_environment("ORLANBECK_TEST_WEDGE_BILLING_MS", std::chrono::hours(24 * 365 * 100));
     return after;
 }
+
+std::chrono::milliseconds manager_retry_period() {
+    static const auto period =
+        from_environment("ORLANBECK_TEST_MANAGER_RETRY_MS", std::chrono::seconds(60));
+    return period;
+}

@@ -25,3 +25,8 @@ std::chrono::milliseconds night_audit_warning();
 // without reporting anything (ORLANBECK_TEST_WEDGE_BILLING_MS; never
 // otherwise).
 std::chrono::milliseconds billing_wedge_after();
+
+// How long a Manager session whose login was refused waits before it tries
+// again, when service steps send actions (60 s; ORLANBECK_TEST_MANAGER_RETRY_MS
+// for tests).
+std::chrono::milliseconds manager_retry_period();

@@ -1,11 +1,10 @@
-// CDR capture: mgr_cache_cdr on the states file, and the capture thread
+// CDR capture: mgr_cache_cdr on the states file, and the capture on a Manager session
 // against the Manager simulator over loopback.
 //
 // One states file serves all the tests of this program; `rooms` and
 // `cdrcache` are emptied before each.
 #include <gtest/gtest.h>
 
-#include <future>
 #include <memory>
 
 #include "logger.h"
@@ -47,9 +46,9 @@ class Capture : public ::testing::Test {
                                 "insert into rooms (room) values ('101')"));
     }
     void TearDown() override {
-        if (thread.valid()) {  // waiting on a quiet Manager, it ends as soon as it is told to
-            stop.request();
-            EXPECT_EQ(std::future_status::ready, thread.wait_for(5s)) << "capture did not stop";
+        if (session) {  // waiting on a quiet Manager, it ends as soon as it is told to
+            EXPECT_TRUE(session->stop(std::chrono::steady_clock::now() + 5s))
+                << "capture did not stop";
         }
         logger_init(nullptr, 1, 0, 1);
     }
@@ -62,13 +61,10 @@ class Capture : public ::testing::Test {
         sim = std::make_unique<mgr_sim>(o);
         ASSERT_TRUE(sim->start());
         auto cfg = std::make_shared<config>();
-        cfg->mgr_host = "127.0.0.1";
-        cfg->mgr_port = sim->port();
-        cfg->mgr_user = "orlanbeck";
-        cfg->mgr_passwd = "secret";
-        cfg->mgr_events = "cdr";
-        thread = std::async(std::launch::async,
-                            [this, cfg] { cdrmanager_thread(cfg, stop, states, notify); });
+        session = std::make_unique<mgr_session>(
+            mgr_session::settings{"127.0.0.1", sim->port(), "orlanbeck", "secret", "cdr"}, notify);
+        attach_cdr_capture(*session, cfg, states);
+        session->start();
     }
     void WaitLoggedIn(size_t n) {
         ASSERT_TRUE(sim->wait_logins(static_cast<int>(n)));
@@ -80,10 +76,9 @@ class Capture : public ::testing::Test {
     }
 
     temp_dir dir;
-    stop_flag stop;
     notifier notify;
     std::unique_ptr<mgr_sim> sim;
-    std::future<void> thread;
+    std::unique_ptr<mgr_session> session;
 };
 
 TEST_F(Capture, OnlyRoomCallsAreCachedWithEveryColumn) {
@@ -136,7 +131,7 @@ TEST_F(Capture, LostConnectionLogsInAgainAndABurstLosesNothing) {
 
 TEST_F(Capture, RefusedLoginEndsTheThread) {
     StartCapture(/*refuse=*/true);
-    ASSERT_EQ(std::future_status::ready, thread.wait_for(15s));
+    ASSERT_TRUE(session->ended_by(std::chrono::steady_clock::now() + 15s));
     EXPECT_EQ(1, sim->logins());
     EXPECT_EQ(1u, InLog("127.0.0.1: Not connected"));
     EXPECT_EQ(0u, InLog("connected successfully"));

@@ -40,5 +40,5 @@ void do_pa(const record_context& ctx, unanswered_postings& waiting) {
         return;
     }
 
-    run_service_template(ctx, ctx.cfg->billok, rn, nullptr, nullptr, nullptr, da, ti, seq);
+    run_service(ctx, "billok", ctx.cfg->billok, {.rn = rn, .date = da, .time = ti, .seq = seq});
 }

@@ -4,14 +4,15 @@
 
 namespace {
 
-void do_wakeup(const record_context& ctx, const char* title, const opt_text& service) {
+void do_wakeup(const record_context& ctx, const char* title, const char* key,
+               const opt_text& service) {
     CTX_LOG(ctx, L_NOTICE, "%s", title);
     fias_field_t* rn = room_field(ctx);
     if (!rn) return;
     fias_field_t* da = fias_get_field(&ctx.record, "DA");
     fias_field_t* ti = fias_get_field(&ctx.record, "TI");
     log_date_time(ctx, da, ti);
-    run_service_template(ctx, service, rn, nullptr, nullptr, nullptr, da, ti);
+    run_service(ctx, key, service, {.rn = rn, .date = da, .time = ti});
 }
 
 }  // namespace
@@ -28,10 +29,10 @@ void do_room_equip(const record_context& ctx) {
     if (cs) {
         if (cs->value->ival != 0) {
             LOG(L_NOTICE, "Phone bar off");
-            run_service_template(ctx, cfg.bareoff, rn, nullptr, nullptr, nullptr, nullptr, nullptr);
+            run_service(ctx, "bareoff", cfg.bareoff, {.rn = rn});
         } else {
             LOG(L_NOTICE, "Phone bar on");
-            run_service_template(ctx, cfg.bareon, rn, nullptr, nullptr, nullptr, nullptr, nullptr);
+            run_service(ctx, "bareon", cfg.bareon, {.rn = rn});
         }
     }
 
@@ -44,19 +45,19 @@ void do_room_equip(const record_context& ctx) {
         if (dn->value->bval != 0) {
             LOG(L_NOTICE, "Phone DND on");
             if (!(own ? cfg.dndon : cfg.bareoff)) return;
-            run_service_template(ctx, cfg.dndon, rn, nullptr, nullptr, nullptr, nullptr, nullptr);
+            run_service(ctx, "dndon", cfg.dndon, {.rn = rn});
         } else {
             LOG(L_NOTICE, "Phone DND off");
             if (!(own ? cfg.dndoff : cfg.dndon)) return;
-            run_service_template(ctx, cfg.dndoff, rn, nullptr, nullptr, nullptr, nullptr, nullptr);
+            run_service(ctx, "dndoff", cfg.dndoff, {.rn = rn});
         }
     }
 }
 
 void do_wakeup_set(const record_context& ctx) {
-    do_wakeup(ctx, "Wakeup set", ctx.cfg->wakeup_set);
+    do_wakeup(ctx, "Wakeup set", "wakeup_set", ctx.cfg->wakeup_set);
 }
 
 void do_wakeup_clear(const record_context& ctx) {
-    do_wakeup(ctx, "Wakeup clear", ctx.cfg->wakeup_clear);
+    do_wakeup(ctx, "Wakeup clear", "wakeup_clear", ctx.cfg->wakeup_clear);
 }

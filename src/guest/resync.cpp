@@ -13,8 +13,8 @@ void check_out(const record_context& ctx, const occupant& o) {
     const fias_field_t name = text_field("GN", o.name);
     const fias_field_t lang = text_field("GL", o.lang);
     ctx.states.remove_guest(o.room);
-    run_service_template(ctx.escaping(), ctx.cfg->checkout, &rn, &name, &lang, nullptr, nullptr,
-                         nullptr);
+    run_service(ctx.escaping(), "checkout", ctx.cfg->checkout,
+                {.rn = &rn, .name = &name, .lang = &lang});
 }
 
 }  // namespace

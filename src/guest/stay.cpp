@@ -23,18 +23,19 @@ guest_fields log_guest(const record_context& ctx) {
     return g;
 }
 
-// The room move's statement with "%oldexten%" filled in (quotes doubled);
-// nothing when the old room cannot go into a template.
-opt_text with_old_room(const record_context& ctx, const opt_text& service, const char* old_room) {
-    if (!service) return service;
+// A room move's step with "%oldexten%" filled in (quotes doubled in a
+// statement); nothing when the old room cannot go into a template.
+opt_text with_old_room(const record_context& ctx, const std::string& service,
+                       const char* old_room) {
     if (strchr(old_room, '%')) {
         CTX_LOG(ctx, L_ERROR, "Old room \"%s\" has a \"%%\": services:room_move not run", old_room);
         return std::nullopt;
     }
-    std::string out = *service;
+    std::string out = service;
     const std::string token = "%oldexten%";
+    const bool statement = service.rfind("ami:", 0) != 0;
     std::string value;
-    for (const char* c = old_room; *c; c++) value.append(*c == '\'' ? 2 : 1, *c);
+    for (const char* c = old_room; *c; c++) value.append(statement && *c == '\'' ? 2 : 1, *c);
     for (size_t at = out.find(token); at != std::string::npos; at = out.find(token, at)) {
         out.replace(at, token.size(), value);
         at += value.size();
@@ -61,7 +62,8 @@ void do_checkin(const record_context& ctx) {
     }
     if (keeps_occupancy(*ctx.cfg))
         states.put_guest({field_text(rn), field_text(g.name), field_text(g.lang), ""});
-    run_service_template(ctx, ctx.cfg->checkin, rn, g.name, g.lang, g.shared, nullptr, nullptr);
+    run_service(ctx, "checkin", ctx.cfg->checkin,
+                {.rn = rn, .name = g.name, .lang = g.lang, .shared = g.shared});
 }
 
 void do_checkout(const record_context& ctx) {
@@ -75,7 +77,8 @@ void do_checkout(const record_context& ctx) {
         return;
     }
     if (keeps_occupancy(*ctx.cfg)) ctx.states.remove_guest(field_text(rn));
-    run_service_template(ctx, ctx.cfg->checkout, rn, g.name, g.lang, g.shared, nullptr, nullptr);
+    run_service(ctx, "checkout", ctx.cfg->checkout,
+                {.rn = rn, .name = g.name, .lang = g.lang, .shared = g.shared});
 }
 
 void do_guest_change(const record_context& ctx) {
@@ -106,7 +109,12 @@ void do_guest_change(const record_context& ctx) {
     }
     const fias_field_t name = text_field("GN", now.name);
     const fias_field_t lang = text_field("GL", now.lang);
-    const opt_text service =
-        move ? with_old_room(ctx, ctx.cfg->room_move, field_text(ro)) : ctx.cfg->guest_change;
-    run_service_template(ctx.escaping(), service, rn, &name, &lang, g.shared, nullptr, nullptr);
+    const step_fields f{.rn = rn, .name = &name, .lang = &lang, .shared = g.shared};
+    if (!move) {
+        run_service(ctx.escaping(), "guest_change", ctx.cfg->guest_change, f);
+        return;
+    }
+    const char* old_room = field_text(ro);
+    run_service(ctx.escaping(), "room_move", ctx.cfg->room_move, f,
+                [&](const std::string& step) { return with_old_room(ctx, step, old_room); });
 }

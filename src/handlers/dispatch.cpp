@@ -141,7 +141,7 @@ void record_dispatcher::process_fias_packet(const std::string& data) const {
             if (f.value && f.value->str) f.value->str = to_utf8(*f.value->str, *cfg->pmsencoding);
     for (const handler_entry& e : handlers) {
         if (e.code != p->packet_code) continue;
-        const record_context ctx{cfg, *p, parts_.link, parts_.states, e.name};
+        const record_context ctx{cfg, *p, parts_.link, parts_.states, e.name, parts_.manager.get()};
         e.handler(ctx, parts_);
         break;
     }

@@ -25,6 +25,7 @@
 #include "config.h"
 #include "fias/link.h"
 #include "guest/resync.h"
+#include "mgr/session.h"
 #include "owned_thread.h"
 #include "states/states.h"
 #include "thread_annotations.h"
@@ -37,6 +38,7 @@ struct record_parts {
     resync& sync;
     audit_window& audit;
     unanswered_postings& waiting;
+    const mgr_session_slot& manager;
 };
 
 class record_dispatcher {

@@ -114,87 +114,46 @@ void mgr_cache_cdr(const message& m, const cdr_rooms& rooms, states_file& states
     if (std::optional<cached_call> call = room_call(m, rooms, escape)) states.cache_calls({*call});
 }
 
-void cdrmanager_thread(config_ptr cfg, stop_flag& stop, states_file& states, notifier& notify) {
-    const std::string host = cfg->mgr_host.value_or("");
-    const std::string user = cfg->mgr_user.value_or("");
-    const std::string passwd = cfg->mgr_passwd.value_or("");
-    // Current Asterisk sends Cdr events only to the class "cdr".
-    const std::string events =
-        cfg->fixes.manager_events && !cfg->mgr_events_set ? "cdr" : cfg->mgr_events;
-    const bool escape = fill_options_of(*cfg).escape;
+namespace {
 
-    // With [fixes] private_files the secret never reaches the log.
-    const bool hide = cfg->fixes.private_files;
-    LOG(L_DEBUG, "1 %s %d %s %s", host.c_str(), cfg->mgr_port, user.c_str(),
-        hide ? "(hidden)" : passwd.c_str());
+// What the capture keeps while its session runs.
+struct capture_state {
+    capture_state(config_ptr c, states_file& s) : cfg(std::move(c)), states(s), batch(s) {}
+    config_ptr cfg;
+    states_file& states;
+    unsigned version = 0;
+    cdr_rooms rooms{{}};
+    insert_batch batch;
+};
 
-    unsigned version = states.rooms_version();
-    std::vector<std::string> list;
-    if (states.room_list(list, true) == -1) {
-        LOG(L_ERROR, "Unable to open states file %s", states.path().c_str());
-        notify.stopped(notify_part::capture,
-                       "call capture stopped: the states file cannot be read");
-        return;
-    }
-    for (const std::string& room : list)
-        LOG(L_DEBUG, "Adding cdrmanager rooms room %s\n", room.c_str());
-    cdr_rooms rooms(std::move(list));
+}  // namespace
 
-    auto session = std::make_unique<mansession>();
-    if (mgr_init(*session, host.c_str(), cfg->mgr_port, user.c_str(), passwd.c_str()) < 0) {
-        LOG(L_ERROR, "Error initiating manager. exiting manager thread");
-        notify.stopped(notify_part::capture,
-                       "call capture stopped: Manager " + host + " cannot be resolved");
-        return;
-    }
-    session->wake_fd = stop.fd();
-    session->hide_secret = hide;
-    insert_batch batch(states);
-    session->before_wait = [&batch] { batch.store(); };
-    char addr[INET_ADDRSTRLEN];
-    mgr_inet_ntoa(addr, sizeof addr, session->sin.sin_addr);
-
-    LOG(L_DEBUG, "2");
-    auto msg = std::make_unique<message>();
-    if (mgr_login(*session, events.c_str()) == 1) {
-        if (!stop.requested())
-            notify.stopped(notify_part::capture, "call capture stopped: Manager login refused");
-        return;
-    }
-    LOG(L_DEBUG, "3");
-
-    while (!stop.requested()) {
-        msg->clear();
-        int res = mgr_read(*session, *msg);
-        if (res >= 1) {
-            if (log_wanted(L_DEBUG))
-                for (int i = 0; i < msg->hdrcount; ++i)
-                    LOG(L_DEBUG, "%s got: %s", addr, msg->headers[i]);
-            if (session->connected != 0) {
-                if (strcasecmp(mgr_get_header(*msg, "Event"), "Cdr") != 0) continue;
-                // With [fixes] reload a call is matched against the rooms of
-                // the table as it is now.
-                if (cfg->fixes.reload && version != states.rooms_version()) {
-                    version = states.rooms_version();
-                    std::vector<std::string> now;
-                    if (states.room_list(now) == 0) rooms = cdr_rooms(std::move(now));
-                }
-                if (std::optional<cached_call> insert = room_call(*msg, rooms, escape))
-                    batch.add(std::move(*insert));
-            } else {
-                const char* text = mgr_get_header(*msg, "Message");
-                if (strcmp(text, "Authentication accepted") == 0) {
-                    session->connected = 1;
-                    LOG(L_DEBUG, "%s: connected successfully!", addr);
-                } else if (strcmp(text, "Authentication failed") == 0) {
-                    session->connected = -1;
-                }
-            }
-        } else if (res < 0) {
-            batch.store();
-            if (stop.requested()) break;
-            LOG(L_ERROR, "%s: Not connected", addr);
-            if (mgr_login(*session, events.c_str()) == 1) break;
+void attach_cdr_capture(mgr_session& session, config_ptr cfg, states_file& states) {
+    auto c = std::make_shared<capture_state>(std::move(cfg), states);
+    session.before_start([c](std::string& why) {
+        c->version = c->states.rooms_version();
+        std::vector<std::string> list;
+        if (c->states.room_list(list, true) == -1) {
+            LOG(L_ERROR, "Unable to open states file %s", c->states.path().c_str());
+            why = "call capture stopped: the states file cannot be read";
+            return false;
         }
-    }
+        for (const std::string& room : list)
+            LOG(L_DEBUG, "Adding cdrmanager rooms room %s\n", room.c_str());
+        c->rooms = cdr_rooms(std::move(list));
+        return true;
+    });
+    session.before_wait([c] { c->batch.store(); });
+    session.subscribe("Cdr", [c](const message& m) {
+        // With [fixes] reload a call is matched against the rooms of the
+        // table as it is now.
+        if (c->cfg->fixes.reload && c->version != c->states.rooms_version()) {
+            c->version = c->states.rooms_version();
+            std::vector<std::string> now;
+            if (c->states.room_list(now) == 0) c->rooms = cdr_rooms(std::move(now));
+        }
+        if (std::optional<cached_call> call =
+                room_call(m, c->rooms, fill_options_of(*c->cfg).escape))
+            c->batch.add(std::move(*call));
+    });
 }

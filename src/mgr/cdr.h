@@ -1,21 +1,18 @@
-// CDR capture: the thread that logs into the Asterisk Manager and copies the
-// `Cdr` events of hotel rooms into the states file's `cdrcache` table.
+// CDR capture: copies the `Cdr` events of hotel rooms that the Manager
+// session reads into the states file's `cdrcache` table.
 //
 // Contract:
-//  - cdrmanager_thread() is the body of one thread, owned by main and
-//    started when services:cdr_use_manager is set. It works with the
-//    configuration snapshot it is given (manager host, port, user, secret,
-//    event classes) and keeps it: a reload changes nothing for it, except
-//    that with [fixes] reload it reads the room list of the `rooms` table
-//    again whenever that list has changed (otherwise once, at its start).
-//  - The thread owns its Manager session, its message buffer and its room
-//    list; all are released when it returns.
-//  - It returns when the states file cannot be opened, when the manager host
-//    cannot be resolved, after the manager refused a login (at the next
-//    failed read), or when `stop` is requested (which wakes it from any
-//    wait). A lost connection is not an end: it logs in again, retrying
-//    every second.
-//  - It reports to `notify` why it stopped, when the configuration stopped it.
+//  - attach_cdr_capture() hooks the capture on a session before it starts,
+//    with the configuration snapshot the session was made from (a reload
+//    changes nothing for it, except that with [fixes] reload it reads the
+//    room list of the `rooms` table again whenever that list has changed;
+//    otherwise once, when the session starts). Everything it keeps lives as
+//    long as the session.
+//  - A session that cannot read the room list at its start ends.
+//  - Room calls read one after the other are stored together, in one
+//    transaction, whenever the session is about to wait for the Manager
+//    (at the latest every 256): a call is in the states file before the
+//    session waits for anything.
 #pragma once
 
 #include <string>
@@ -23,11 +20,10 @@
 
 #include "config.h"
 #include "mgr/manager.h"
-#include "ops/notify.h"
+#include "mgr/session.h"
 #include "states/states.h"
-#include "stop_flag.h"
 
-void cdrmanager_thread(config_ptr cfg, stop_flag& stop, states_file& states, notifier& notify);
+void attach_cdr_capture(mgr_session& session, config_ptr cfg, states_file& states);
 
 // The rooms whose calls are cached: in the order of the `rooms` table (the
 // order in which a call's source is compared with them, one DEBUG line each),

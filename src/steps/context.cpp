@@ -41,6 +41,8 @@ int run_service_template(const record_context& ctx, const opt_text& service, con
                          const fias_field_t* shared, const fias_field_t* date,
                          const fias_field_t* tim, const fias_field_t* seq) {
     if (!service) return 1;
+    if (service->rfind("ami:", 0) == 0)
+        return run_action_step(ctx, service->substr(4), {rn, name, lang, shared, date, tim, seq});
     service_string s = split_service(*service);
     if (!s.has_statement) {
         CTX_LOG(ctx, L_ERROR, "Unable to find DB driver and statement in \"%s\" (no \":\")",
@@ -73,4 +75,19 @@ int run_service_template(const record_context& ctx, const opt_text& service, con
     if (under_lock) query = prepare();
     drv->query(query.c_str());
     return 0;
+}
+
+int run_service(const record_context& ctx, const char* key, const opt_text& service,
+                const step_fields& f, const std::function<opt_text(const std::string&)>& adapt) {
+    auto run = [&](const opt_text& step) {
+        const opt_text text = step && adapt ? adapt(*step) : step;
+        if (step && !text) return -1;
+        return run_service_template(ctx, text, f.rn, f.name, f.lang, f.shared, f.date, f.time,
+                                    f.seq);
+    };
+    const int result = run(service);
+    auto more = ctx.cfg->more_steps.find(key);
+    if (more != ctx.cfg->more_steps.end())
+        for (const std::string& step : more->second) run(step);
+    return result;
 }

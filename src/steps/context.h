@@ -11,10 +11,14 @@
 //    file is held while a PBX database's lock is taken.
 #pragma once
 
+#include <functional>
+#include <memory>
+
 #include "config.h"
 #include "fias/link.h"
 #include "fias/packet.h"
 #include "logger.h"
+#include "mgr/session.h"
 #include "states/states.h"
 #include "templates/templates.h"
 
@@ -24,26 +28,53 @@ struct record_context {
     pms_link& link;
     states_file& states;
     const char* handler = "";  // the handler's name, for log lines
+    // The Manager session of the moment, taken once for the record (null
+    // when none runs).
+    std::shared_ptr<mgr_session> manager;
     // Values are escaped for their database whatever [fixes] escape says
     // (statements that no older configuration has).
     bool escape_values = false;
 
     // The same context for statements whose values are always escaped.
-    record_context escaping() const { return {cfg, record, link, states, handler, true}; }
+    record_context escaping() const { return {cfg, record, link, states, handler, manager, true}; }
 };
 
 // Log line in the name of the context's handler.
 #define CTX_LOG(ctx, level, ...) \
     write_log(level, __FILE_NAME__, __LINE__, (ctx).handler, __VA_ARGS__)
 
-// Runs one service string ("driver:template") with the given fields (each may
-// be null; `seq` fills %seqno%). Returns 0 when the statement was run
-// (whatever its result), 1 when there is nothing to run (no service string),
-// -1 when the driver is not found or the string has no statement.
+// The values a service step is filled with (each may be null; `seq` fills
+// %seqno%).
+struct step_fields {
+    const fias_field_t* rn = nullptr;
+    const fias_field_t* name = nullptr;
+    const fias_field_t* lang = nullptr;
+    const fias_field_t* shared = nullptr;
+    const fias_field_t* date = nullptr;
+    const fias_field_t* time = nullptr;
+    const fias_field_t* seq = nullptr;
+};
+
+// Runs one service string: "driver:template" on a configured database, or
+// "ami:Action|Header=value|..." as a Manager action. Returns 0 when the step
+// was run (whatever its result), 1 when there is nothing to run (no service
+// string), -1 when the driver is not found or the string has no statement.
 int run_service_template(const record_context& ctx, const opt_text& service, const fias_field_t* rn,
                          const fias_field_t* name, const fias_field_t* lang,
                          const fias_field_t* shared, const fias_field_t* date,
                          const fias_field_t* tim, const fias_field_t* seq = nullptr);
+
+// Runs the service `key` (one of step_keys): `service`, then the further
+// steps "<key>.2" ... "<key>.9" that are configured, in order; a failed step
+// is logged and the next one runs. `adapt`, when given, rewrites each step's
+// text first (nothing: the step is not run). The result is that of `service`.
+int run_service(const record_context& ctx, const char* key, const opt_text& service,
+                const step_fields& f,
+                const std::function<opt_text(const std::string&)>& adapt = nullptr);
+
+// A Manager action step: `spec` is "Action|Header=value|..." (after "ami:").
+// Returns 0 when it was sent (whatever its answer), -1 when no session runs.
+int run_action_step(const record_context& ctx, const std::string& spec, const step_fields& f);
 
 // The "RN" field, logged as "\tRoom number: %s", or null with the ERROR
 // "No room number".

@@ -108,9 +108,9 @@ std::string substitute(const char* q, template_kind kind, const char* echo,
         }
         out += cursor;
     }
-    if (opts.quiet)
+    if (opts.echo && opts.quiet)
         LOG(L_DEBUG, "%s%s", echo, out.c_str());
-    else
+    else if (opts.echo)
         printf("%s%s\n", echo, out.c_str());
     return out;
 }

@@ -35,6 +35,7 @@ struct fill_options {
     bool escape = false;   // values escaped for the record's database (its lock held)
     bool dates = false;    // a received date keeps its own month
     bool percent = false;  // "%%" writes "%", an unknown "%" is copied; nothing stops
+    bool echo = true;      // the finished statement is echoed (see quiet)
 };
 
 // How templates are filled under `cfg`: the one place that reads the

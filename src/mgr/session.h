@@ -1,0 +1,135 @@
+// The Manager session: one connection to Asterisk's Manager interface,
+// logged in with the services:cdr_mgr_* settings, and one reader thread that
+// routes every message read: a response to the action that waits for it (by
+// its ActionID), an event to the handler that asked for events of its name.
+//
+// Contract:
+//  - main makes a session when calls are cached from the Manager or a
+//    service step names "ami:", registers the handlers, then start()s it;
+//    stop() ends the reader thread. A session whose thread could not be
+//    joined must be kept alive (its thread may still use it).
+//  - The reader thread runs the login (retrying the connection every second
+//    for as long as it takes) and logs in again after a lost connection. A
+//    refused login ends the session for good, or, with `retry_refused`, is
+//    tried again every manager_retry_period() (process.h), logged each time.
+//  - action() may be called from any thread: it sends the action with an
+//    ActionID of its own and waits for the answer at most `timeout`. An
+//    action that cannot be sent while the session is down waits for the next
+//    login; one unanswered when the connection drops is sent once more after
+//    the next login, with a WARNING.
+//  - Handlers run in the reader thread, one message at a time.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "mgr/manager.h"
+#include "ops/notify.h"
+#include "owned_thread.h"
+#include "stop_flag.h"
+#include "thread_annotations.h"
+
+class mgr_session {
+  public:
+    struct settings {
+        std::string host;
+        int port = 5038;
+        std::string user;
+        std::string secret;
+        std::string events;  // the login's "Events:" value
+        bool hide_secret = false;
+        bool retry_refused = false;
+        // What STATUS says when the session stops by design ("call capture
+        // stopped: ..." or "Manager session stopped: ...").
+        std::string stop_prefix = "call capture stopped";
+    };
+
+    // The answer to one action.
+    struct answer {
+        enum { success, error, timeout } result = timeout;
+        std::string message;  // Asterisk's "Message", when it gave one
+    };
+    using headers = std::vector<std::pair<std::string, std::string>>;
+
+    mgr_session(settings s, notifier& notify);
+    ~mgr_session();
+    mgr_session(const mgr_session&) = delete;
+    mgr_session& operator=(const mgr_session&) = delete;
+
+    // Before start(): `handler` gets every event named `event` (any case).
+    void subscribe(const std::string& event, std::function<void(const message&)> handler);
+    // Before start(): runs first in the reader thread; false ends the session
+    // (with `why` in STATUS).
+    void before_start(std::function<bool(std::string& why)> hook);
+    // Before start(): runs whenever the reader is about to wait for the
+    // Manager, and when the connection was lost.
+    void before_wait(std::function<void()> hook);
+
+    void start();
+    // Ends the reader thread; true when it ended before `deadline`.
+    bool stop(std::chrono::steady_clock::time_point deadline);
+    // Whether the session ended by itself (waiting until `deadline` at most).
+    bool ended_by(std::chrono::steady_clock::time_point deadline) const {
+        return thread_.done_by(deadline);
+    }
+
+    // Sends `action` with `fields` and waits for its answer.
+    answer action(const std::string& action, const headers& fields,
+                  std::chrono::milliseconds timeout);
+
+  private:
+    struct pending {
+        std::string text;  // the action on the wire, ActionID included
+        std::string name;
+        bool sent = false;
+        bool answered = false;
+        answer reply;
+    };
+
+    void run();
+    bool log_in(mansession& s, const char* addr);
+    void logged_in(mansession& s, const char* addr) EXCLUDES(mutex_);
+    void connection_lost() EXCLUDES(mutex_);
+    bool deliver(const message& m) EXCLUDES(mutex_);
+    bool send_locked(const std::string& text) REQUIRES(mutex_);
+
+    const settings settings_;
+    notifier& notify_;
+    std::map<std::string, std::function<void(const message&)>> handlers_;  // by lower-case name
+    std::function<bool(std::string&)> before_start_;
+    std::function<void()> before_wait_;
+    stop_flag stop_;
+    owned_thread thread_;
+
+    annotated_mutex mutex_;
+    std::condition_variable_any answered_;
+    // The socket while logged in; -1 otherwise. Only the reader thread
+    // changes the connection, and only while this is -1.
+    int fd_ GUARDED_BY(mutex_) = -1;
+    unsigned long next_id_ GUARDED_BY(mutex_) = 0;
+    std::map<std::string, std::shared_ptr<pending>> waiting_ GUARDED_BY(mutex_);  // by ActionID
+};
+
+// The session in use, replaced when a reload restarts it. Record workers
+// take it once per record; a replaced session lives while one holds it.
+class mgr_session_slot {
+  public:
+    std::shared_ptr<mgr_session> get() const {
+        mutex_lock guard(mutex_);
+        return session_;
+    }
+    void set(std::shared_ptr<mgr_session> s) {
+        mutex_lock guard(mutex_);
+        session_ = std::move(s);
+    }
+
+  private:
+    mutable annotated_mutex mutex_;
+    std::shared_ptr<mgr_session> session_ GUARDED_BY(mutex_);
+};

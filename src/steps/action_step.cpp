@@ -1,0 +1,98 @@
+// Manager action steps: "ami:Action|Header=value|..." filled with the
+// record's values and sent through the Manager session.
+#include <strings.h>
+
+#include <optional>
+
+#include "fias/charset.h"
+#include "steps/context.h"
+
+namespace {
+
+// The formats %date% and %time% are written in.
+const dbdriver_t& action_formats() {
+    static const dbdriver_t formats;
+    return formats;
+}
+
+// A value can neither end its header nor start another: line ends become
+// blanks.
+std::string one_line(std::string text) {
+    for (char& c : text)
+        if (c == '\r' || c == '\n') c = ' ';
+    return text;
+}
+
+std::vector<std::string> split_at_bars(const std::string& spec) {
+    std::vector<std::string> parts;
+    size_t from = 0;
+    for (size_t bar; (bar = spec.find('|', from)) != std::string::npos; from = bar + 1)
+        parts.push_back(spec.substr(from, bar - from));
+    parts.push_back(spec.substr(from));
+    return parts;
+}
+
+// A text field converted from the PMS's character set, when it has one and
+// the values were not converted already.
+std::optional<fias_field_t> converted(const record_context& ctx, const fias_field_t* f) {
+    if (!f || !f->value || !f->value->str || !ctx.cfg->pmsencoding) return std::nullopt;
+    if (fill_options_of(*ctx.cfg).escape) return std::nullopt;  // converted on arrival
+    return text_field(f->name, to_utf8(*f->value->str, *ctx.cfg->pmsencoding));
+}
+
+// Asterisk's answer to deleting what is not there: a check-out clears keys
+// that a guest may never have set.
+bool nothing_to_delete(const std::string& action, const std::string& message) {
+    return (strcasecmp(action.c_str(), "DBDel") == 0 ||
+            strcasecmp(action.c_str(), "DBDelTree") == 0) &&
+           (message == "Database entry could not be deleted" ||
+            message == "Database entry not found");
+}
+
+}  // namespace
+
+int run_action_step(const record_context& ctx, const std::string& spec, const step_fields& f) {
+    std::optional<fias_field_t> rn = converted(ctx, f.rn), name = converted(ctx, f.name),
+                                lang = converted(ctx, f.lang);
+    fill_options fill{};
+    fill.quiet = true;
+    fill.dates = true;    // the date's own month
+    fill.percent = true;  // a "%" that starts no placeholder stays as it is
+    fill.echo = false;
+    auto filled = [&](const std::string& text) {
+        return one_line(prepare_query(&action_formats(), text.c_str(), rn ? &*rn : f.rn,
+                                      name ? &*name : f.name, lang ? &*lang : f.lang, f.shared,
+                                      f.date, f.time, f.seq, fill));
+    };
+    std::vector<std::string> parts = split_at_bars(spec);
+    const std::string action = filled(parts.front());
+    mgr_session::headers headers;
+    for (size_t i = 1; i < parts.size(); ++i) {
+        const size_t eq = parts[i].find('=');
+        if (eq == std::string::npos) {
+            CTX_LOG(ctx, L_ERROR, "Manager action %s: \"%s\" is no Header=value: left out",
+                    action.c_str(), parts[i].c_str());
+            continue;
+        }
+        headers.emplace_back(filled(parts[i].substr(0, eq)), filled(parts[i].substr(eq + 1)));
+    }
+    const char* room = field_text(f.rn);
+    if (!ctx.manager) {
+        CTX_LOG(ctx, L_ERROR, "Manager action %s for room %s not sent: no Manager session",
+                action.c_str(), room);
+        return -1;
+    }
+    CTX_LOG(ctx, L_DEBUG, "Manager action %s for room %s", action.c_str(), room);
+    const mgr_session::answer a =
+        ctx.manager->action(action, headers, std::chrono::seconds(ctx.cfg->ami_timeout));
+    if (a.result == mgr_session::answer::timeout)
+        CTX_LOG(ctx, L_ERROR, "Manager action %s for room %s: no answer within %d s",
+                action.c_str(), room, ctx.cfg->ami_timeout);
+    else if (a.result == mgr_session::answer::error && nothing_to_delete(action, a.message))
+        CTX_LOG(ctx, L_NOTICE, "Manager action %s for room %s: %s (nothing to delete)",
+                action.c_str(), room, a.message.c_str());
+    else if (a.result == mgr_session::answer::error)
+        CTX_LOG(ctx, L_ERROR, "Manager action %s for room %s failed: %s", action.c_str(), room,
+                a.message.c_str());
+    return 0;
+}
