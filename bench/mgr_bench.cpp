@@ -146,7 +146,7 @@ void BM_CaptureBurst(benchmark::State& state) {
     }
     auto cfg = std::make_shared<config>();
     notifier notify;
-    mgr_session capture({"127.0.0.1", sim.port(), "admin", "secret", "cdr"}, notify);
+    mgr_session capture({"127.0.0.1", sim.port(), "admin", "secret", "cdr"}, states, notify);
     attach_cdr_capture(capture, cfg, states);
     capture.start();
     if (!sim.wait_logins(1)) {

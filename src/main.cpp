@@ -151,9 +151,9 @@ class daemon_process {
         s.events = login_events(*cfg);
         // With [fixes] private_files the secret never reaches the log.
         s.hide_secret = cfg->fixes.private_files;
-        s.retry_refused = actions;
+        s.actions = actions;
         if (!cfg->use_manager) s.stop_prefix = "Manager session stopped";
-        auto session = std::make_shared<mgr_session>(s, *notify);
+        auto session = std::make_shared<mgr_session>(s, *states, *notify);
         if (cfg->use_manager) attach_cdr_capture(*session, cfg, *states);
         notify->running(notify_part::capture);
         session->start();

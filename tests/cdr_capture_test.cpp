@@ -62,7 +62,8 @@ class Capture : public ::testing::Test {
         ASSERT_TRUE(sim->start());
         auto cfg = std::make_shared<config>();
         session = std::make_unique<mgr_session>(
-            mgr_session::settings{"127.0.0.1", sim->port(), "orlanbeck", "secret", "cdr"}, notify);
+            mgr_session::settings{"127.0.0.1", sim->port(), "orlanbeck", "secret", "cdr"}, states,
+            notify);
         attach_cdr_capture(*session, cfg, states);
         session->start();
     }

@@ -85,14 +85,6 @@ void plain(const record_context& ctx, const record_parts&) {
     handler(ctx);
 }
 
-using record_handler = void (*)(const record_context&, const record_parts&);
-
-struct handler_entry {
-    int code;
-    record_handler handler;
-    const char* name;  // in the handlers' log lines
-};
-
 #define PLAIN(code, fn) \
     { code, plain<fn>, #fn }
 // Record types not listed ("LD", "LR", "DR", "WA", "PS", "LE") are logged as
@@ -141,10 +133,23 @@ void record_dispatcher::process_fias_packet(const std::string& data) const {
             if (f.value && f.value->str) f.value->str = to_utf8(*f.value->str, *cfg->pmsencoding);
     for (const handler_entry& e : handlers) {
         if (e.code != p->packet_code) continue;
-        const record_context ctx{cfg, *p, parts_.link, parts_.states, e.name, parts_.manager.get()};
-        e.handler(ctx, parts_);
+        const fias_field_t* rn = fias_get_field(p.get(), "RN");
+        if (!cfg->uses_actions() || !rn || is_link_record(data.c_str())) {
+            run_handler(e, cfg, *p);
+            break;
+        }
+        // A room's records wait for its Manager actions; other rooms do not.
+        std::shared_ptr<fias_packet_t> record(std::move(p));
+        room_jobs_.submit(field_text(rn),
+                          [this, &e, cfg, record] { run_handler(e, cfg, *record); });
         break;
     }
+}
+
+void record_dispatcher::run_handler(const handler_entry& e, const config_ptr& cfg,
+                                    fias_packet_t& record) const {
+    const record_context ctx{cfg, record, parts_.link, parts_.states, e.name, parts_.manager.get()};
+    e.handler(ctx, parts_);
 }
 
 void record_dispatcher::handle(const char* record) {
@@ -162,12 +167,13 @@ void record_dispatcher::handle(const char* record) {
 }
 
 bool record_dispatcher::stop(std::chrono::steady_clock::time_point deadline) {
+    const bool rooms_done = room_jobs_.stop(deadline);
     {
         mutex_lock guard(mutex_);
         stopping_ = true;
     }
     changed_.notify_one();
-    return worker_.join_until(deadline);
+    return worker_.join_until(deadline) && rooms_done;
 }
 
 void record_dispatcher::run_ordered() {

@@ -10,8 +10,13 @@
 //    ordered_records (fixed at start) link records are handled at once, in
 //    the main thread, and every other record by one worker in arrival order.
 //  - A worker takes the configuration snapshot once, for the whole record.
+//  - With Manager action steps configured, a record that names a room is
+//    handled on the room queue: one record of a room at a time, in arrival
+//    order, so that a room's later steps wait for its actions while other
+//    rooms go on.
 //  - stop() is called once, by main, as the process ends: it waits for the
-//    ordered worker to handle what was queued, at most until `deadline`.
+//    ordered worker and the room queue to handle what was queued, at most
+//    until `deadline`.
 #pragma once
 
 #include <chrono>
@@ -25,6 +30,7 @@
 #include "config.h"
 #include "fias/link.h"
 #include "guest/resync.h"
+#include "keyed_queue.h"
 #include "mgr/session.h"
 #include "owned_thread.h"
 #include "states/states.h"
@@ -39,6 +45,15 @@ struct record_parts {
     audit_window& audit;
     unanswered_postings& waiting;
     const mgr_session_slot& manager;
+};
+
+struct record_context;
+using record_handler = void (*)(const record_context&, const record_parts&);
+
+struct handler_entry {
+    int code;
+    record_handler handler;
+    const char* name;  // in the handlers' log lines
 };
 
 class record_dispatcher {
@@ -57,6 +72,7 @@ class record_dispatcher {
 
   private:
     void run_ordered();
+    void run_handler(const handler_entry& e, const config_ptr& cfg, fias_packet_t& record) const;
 
     record_parts parts_;
     bool ordered_;
@@ -65,6 +81,8 @@ class record_dispatcher {
     std::deque<std::string> queue_ GUARDED_BY(mutex_);
     bool stopping_ GUARDED_BY(mutex_) = false;
     owned_thread worker_;
+    // With Manager action steps, each room's records in turn.
+    mutable keyed_queue room_jobs_{8};
 };
 
 // Whether a record text is a link record ("LS", "LA", "LE").

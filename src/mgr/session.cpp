@@ -23,7 +23,8 @@ constexpr int write_wait_ms = 100;
 
 }  // namespace
 
-mgr_session::mgr_session(settings s, notifier& notify) : settings_(std::move(s)), notify_(notify) {}
+mgr_session::mgr_session(settings s, states_file& states, notifier& notify)
+    : settings_(std::move(s)), states_(states), notify_(notify) {}
 
 mgr_session::~mgr_session() {
     stop(std::chrono::steady_clock::now() + std::chrono::seconds(3));
@@ -50,59 +51,88 @@ bool mgr_session::stop(std::chrono::steady_clock::time_point deadline) {
     return thread_.join_until(deadline);
 }
 
-bool mgr_session::send_locked(const std::string& text) {
-    return fd_ >= 0 && __mgr_write(fd_, text.data(), text.size(), write_wait_ms) == 0;
+bool mgr_session::send_locked(long id, const std::string& name, const std::string& body) {
+    if (fd_ < 0) return false;
+    const std::string text = "Action: " + name + "\r\nActionID: " + action_id_prefix +
+                             std::to_string(id) + "\r\n" + body;
+    states_.action_sent(id);
+    return __mgr_write(fd_, text.data(), text.size(), write_wait_ms) == 0;
 }
 
-mgr_session::answer mgr_session::action(const std::string& name, const headers& fields,
-                                        std::chrono::milliseconds timeout) {
-    auto p = std::make_shared<pending>();
-    p->name = name;
+mgr_session::answer mgr_session::action(const std::string& room, const std::string& name,
+                                        const headers& fields, std::chrono::milliseconds timeout) {
+    std::string body;
+    for (const auto& [header, value] : fields) body += header + ": " + value + "\r\n";
+    body += "\r\n";
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     mutex_lock guard(mutex_);
-    const unsigned long id = ++next_id_;
-    const std::string action_id = action_id_prefix + std::to_string(id);
-    p->text = "Action: " + name + "\r\nActionID: " + action_id + "\r\n";
-    for (const auto& [header, value] : fields) p->text += header + ": " + value + "\r\n";
-    p->text += "\r\n";
-    waiting_[action_id] = p;
-    p->sent = send_locked(p->text);
-    while (!p->answered)
+    // Queued and sent under one lock, so that a login that sends the queue
+    // meanwhile sends it exactly once and in order.
+    const long id = states_.queue_action(room, name, body);
+    answer a;
+    if (id < 0) {
+        a.result = answer::error;
+        a.message = "the states file cannot be written";
+        return a;
+    }
+    if (!send_locked(id, name, body)) {
+        a.result = answer::queued;
+        return a;
+    }
+    auto w = std::make_shared<waiter>();
+    waiting_[id] = w;
+    while (!w->answered)
         if (answered_.wait_until(mutex_, deadline) == std::cv_status::timeout) break;
-    waiting_.erase(action_id);
-    return p->reply;
+    // Unanswered, it stays queued: sent once more after the next login.
+    waiting_.erase(id);
+    if (!w->answered) unattended_[id] = {room, name};
+    return w->answered ? w->reply : a;
 }
 
 bool mgr_session::deliver(const message& m) {
     const char* response = mgr_get_header(m, "Response");
-    if (!*response) return false;
+    const char* action_id = mgr_get_header(m, "ActionID");
+    if (!*response || strncmp(action_id, action_id_prefix, strlen(action_id_prefix)) != 0)
+        return false;
+    const long id = strtol(action_id + strlen(action_id_prefix), nullptr, 10);
+    answer a;
+    a.result = strcasecmp(response, "Success") == 0 ? answer::success : answer::error;
+    a.message = mgr_get_header(m, "Message");
     mutex_lock guard(mutex_);
-    auto it = waiting_.find(mgr_get_header(m, "ActionID"));
-    if (it == waiting_.end()) return false;
-    pending& p = *it->second;
-    p.answered = true;
-    p.reply.result = strcasecmp(response, "Success") == 0 ? answer::success : answer::error;
-    p.reply.message = mgr_get_header(m, "Message");
-    waiting_.erase(it);
-    answered_.notify_all();
+    states_.action_done(id);
+    if (auto w = waiting_.find(id); w != waiting_.end()) {
+        w->second->answered = true;
+        w->second->reply = a;
+        waiting_.erase(w);
+        answered_.notify_all();
+    } else if (auto u = unattended_.find(id); u != unattended_.end()) {
+        log_action_answer(u->second.first, u->second.second, a, 0);
+        unattended_.erase(u);
+    }
     return true;
 }
 
 void mgr_session::logged_in(mansession& s, const char* addr) {
     mutex_lock guard(mutex_);
     fd_ = s.fd;
-    // In the order they were made: the numbers of their ActionIDs.
-    std::vector<std::pair<unsigned long, pending*>> due;
-    for (auto& [id, p] : waiting_)
-        due.emplace_back(strtoul(id.c_str() + strlen(action_id_prefix), nullptr, 10), p.get());
-    std::sort(due.begin(), due.end());
-    for (auto& [id, p] : due) {
-        if (p->sent)
+    if (!settings_.actions) return;
+    std::vector<states_file::queued_action> queue;
+    states_.queued_actions(queue);
+    for (const states_file::queued_action& q : queue) {
+        if (q.sent >= 2) {
+            LOG(L_ERROR, "%s: Manager action %s for room %s was never answered: given up", addr,
+                q.name.c_str(), q.room.c_str());
+            states_.action_done(q.id);
+            unattended_.erase(q.id);
+            continue;
+        }
+        if (q.sent == 1)
             LOG(L_WARNING,
-                "%s: Manager action %s sent again: its answer was lost with the "
+                "%s: Manager action %s for room %s sent again: its answer was lost with the "
                 "connection",
-                addr, p->name.c_str());
-        p->sent = send_locked(p->text);
+                addr, q.name.c_str(), q.room.c_str());
+        if (!waiting_.count(q.id)) unattended_[q.id] = {q.room, q.name};
+        send_locked(q.id, q.name, q.body);
     }
 }
 
@@ -115,7 +145,7 @@ bool mgr_session::log_in(mansession& s, const char* addr) {
     for (;;) {
         if (mgr_login(s, settings_.events.c_str()) == 0) return true;
         if (stop_.requested()) return false;
-        if (!settings_.retry_refused) {
+        if (!settings_.actions) {
             notify_.stopped(notify_part::capture,
                             settings_.stop_prefix + ": Manager login refused");
             return false;
@@ -186,4 +216,34 @@ void mgr_session::run() {
     }
     connection_lost();
     if (before_wait_) before_wait_();
+}
+
+void log_action_answer(const std::string& room, const std::string& action,
+                       const mgr_session::answer& a, int timeout_s) {
+    // Asterisk's answer to deleting what is not there: a check-out clears
+    // keys that a guest may never have set.
+    const bool nothing_to_delete = (strcasecmp(action.c_str(), "DBDel") == 0 ||
+                                    strcasecmp(action.c_str(), "DBDelTree") == 0) &&
+                                   (a.message == "Database entry could not be deleted" ||
+                                    a.message == "Database entry not found");
+    switch (a.result) {
+        case mgr_session::answer::success:
+            break;
+        case mgr_session::answer::queued:
+            LOG(L_NOTICE, "Manager action %s for room %s queued: the Manager session is down",
+                action.c_str(), room.c_str());
+            break;
+        case mgr_session::answer::timeout:
+            LOG(L_ERROR, "Manager action %s for room %s: no answer within %d s", action.c_str(),
+                room.c_str(), timeout_s);
+            break;
+        case mgr_session::answer::error:
+            if (nothing_to_delete)
+                LOG(L_NOTICE, "Manager action %s for room %s: %s (nothing to delete)",
+                    action.c_str(), room.c_str(), a.message.c_str());
+            else
+                LOG(L_ERROR, "Manager action %s for room %s failed: %s", action.c_str(),
+                    room.c_str(), a.message.c_str());
+            break;
+    }
 }

@@ -10,13 +10,17 @@
 //    joined must be kept alive (its thread may still use it).
 //  - The reader thread runs the login (retrying the connection every second
 //    for as long as it takes) and logs in again after a lost connection. A
-//    refused login ends the session for good, or, with `retry_refused`, is
+//    refused login ends the session for good, or, with `actions`, is
 //    tried again every manager_retry_period() (process.h), logged each time.
-//  - action() may be called from any thread: it sends the action with an
-//    ActionID of its own and waits for the answer at most `timeout`. An
-//    action that cannot be sent while the session is down waits for the next
-//    login; one unanswered when the connection drops is sent once more after
-//    the next login, with a WARNING.
+//  - action() may be called from any thread. The action goes into the
+//    states file's queue first, then, while the session is logged in, onto
+//    the wire with an ActionID made of its queue number, and action() waits
+//    for its answer at most `timeout`. While the session is down it stays
+//    queued and action() returns at once: after the next login (also after a
+//    restart of the daemon) the queue is sent in order. An action that went
+//    out and was not answered is sent once more after the next login, with a
+//    WARNING, and then given up. Answers to actions nobody waits for any
+//    more are logged here.
 //  - Handlers run in the reader thread, one message at a time.
 #pragma once
 
@@ -32,6 +36,7 @@
 #include "mgr/manager.h"
 #include "ops/notify.h"
 #include "owned_thread.h"
+#include "states/states.h"
 #include "stop_flag.h"
 #include "thread_annotations.h"
 
@@ -44,7 +49,9 @@ class mgr_session {
         std::string secret;
         std::string events;  // the login's "Events:" value
         bool hide_secret = false;
-        bool retry_refused = false;
+        // Service steps send actions: a refused login is tried again, and
+        // the queue is sent after each login.
+        bool actions = false;
         // What STATUS says when the session stops by design ("call capture
         // stopped: ..." or "Manager session stopped: ...").
         std::string stop_prefix = "call capture stopped";
@@ -52,12 +59,12 @@ class mgr_session {
 
     // The answer to one action.
     struct answer {
-        enum { success, error, timeout } result = timeout;
+        enum { success, error, timeout, queued } result = timeout;
         std::string message;  // Asterisk's "Message", when it gave one
     };
     using headers = std::vector<std::pair<std::string, std::string>>;
 
-    mgr_session(settings s, notifier& notify);
+    mgr_session(settings s, states_file& states, notifier& notify);
     ~mgr_session();
     mgr_session(const mgr_session&) = delete;
     mgr_session& operator=(const mgr_session&) = delete;
@@ -79,15 +86,12 @@ class mgr_session {
         return thread_.done_by(deadline);
     }
 
-    // Sends `action` with `fields` and waits for its answer.
-    answer action(const std::string& action, const headers& fields,
+    // Sends `action` with `fields` for `room` and waits for its answer.
+    answer action(const std::string& room, const std::string& action, const headers& fields,
                   std::chrono::milliseconds timeout);
 
   private:
-    struct pending {
-        std::string text;  // the action on the wire, ActionID included
-        std::string name;
-        bool sent = false;
+    struct waiter {
         bool answered = false;
         answer reply;
     };
@@ -97,9 +101,10 @@ class mgr_session {
     void logged_in(mansession& s, const char* addr) EXCLUDES(mutex_);
     void connection_lost() EXCLUDES(mutex_);
     bool deliver(const message& m) EXCLUDES(mutex_);
-    bool send_locked(const std::string& text) REQUIRES(mutex_);
+    bool send_locked(long id, const std::string& name, const std::string& body) REQUIRES(mutex_);
 
     const settings settings_;
+    states_file& states_;
     notifier& notify_;
     std::map<std::string, std::function<void(const message&)>> handlers_;  // by lower-case name
     std::function<bool(std::string&)> before_start_;
@@ -112,9 +117,16 @@ class mgr_session {
     // The socket while logged in; -1 otherwise. Only the reader thread
     // changes the connection, and only while this is -1.
     int fd_ GUARDED_BY(mutex_) = -1;
-    unsigned long next_id_ GUARDED_BY(mutex_) = 0;
-    std::map<std::string, std::shared_ptr<pending>> waiting_ GUARDED_BY(mutex_);  // by ActionID
+    std::map<long, std::shared_ptr<waiter>> waiting_ GUARDED_BY(mutex_);  // by queue number
+    // Actions sent from the queue that nobody waits for: room and action.
+    std::map<long, std::pair<std::string, std::string>> unattended_ GUARDED_BY(mutex_);
 };
+
+// Logs what an answer says: an error at ERROR with the action, the room and
+// Asterisk's message (at NOTICE when a DBDel or DBDelTree found nothing to
+// delete), no answer within `timeout_s` at ERROR, a queued action at NOTICE.
+void log_action_answer(const std::string& room, const std::string& action,
+                       const mgr_session::answer& a, int timeout_s);
 
 // The session in use, replaced when a reload restarts it. Record workers
 // take it once per record; a replaced session lives while one holds it.

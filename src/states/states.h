@@ -11,8 +11,9 @@
 //      the record "sqlite-int" for `rooms` and `cdrcache`. A check-in may
 //      close it for good (store_room with close_after): it is then never
 //      opened again and every later operation on those tables fails;
-//      the record "sqlite-occupancy" for `occupancy` and the count of
-//      waiting calls, which no operation closes.
+//      the record "sqlite-occupancy" for `occupancy`, the queued Manager
+//      actions (`actions`) and the count of waiting calls, which no
+//      operation closes.
 //  - Each operation takes the lock of its connection for its own statements
 //    and releases it before it returns; callers hold no lock of this module.
 //    post_unposted() holds it while its callback runs (the callback takes no
@@ -139,6 +140,24 @@ class states_file {
     int put_guest(occupant o);
     int remove_guest(const std::string& room);
 
+    // --- Manager actions waiting to be sent or answered ------------------------
+    // Kept in order; any thread may call. At most max_queued_actions are kept:
+    // queuing one more drops the oldest, with an ERROR.
+    static constexpr int max_queued_actions = 10000;
+    struct queued_action {
+        long id = 0;  // increasing, also across restarts
+        std::string room;
+        std::string name;  // the action
+        std::string body;  // its header lines after the ActionID, with their line ends
+        int sent = 0;      // how often it went out
+    };
+    // Queues an action; its id, or -1 when the file cannot be written.
+    long queue_action(const std::string& room, const std::string& name, const std::string& body);
+    int action_sent(long id);
+    int action_done(long id);
+    // Every queued action, in order.
+    int queued_actions(std::vector<queued_action>& out);
+
     // Closes the connections whose lock is free (the process ends).
     void close_idle();
 
@@ -152,5 +171,7 @@ class states_file {
     dbdriver_t main_;
     dbdriver_t occupancy_;
     bool occupancy_checked_ GUARDED_BY(occupancy_) = false;
+    bool actions_checked_ GUARDED_BY(occupancy_) = false;
+    bool open_actions() REQUIRES(occupancy_);
     std::atomic<unsigned> rooms_version_{0};
 };

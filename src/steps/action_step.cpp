@@ -1,7 +1,5 @@
 // Manager action steps: "ami:Action|Header=value|..." filled with the
 // record's values and sent through the Manager session.
-#include <strings.h>
-
 #include <optional>
 
 #include "fias/charset.h"
@@ -40,15 +38,6 @@ std::optional<fias_field_t> converted(const record_context& ctx, const fias_fiel
     return text_field(f->name, to_utf8(*f->value->str, *ctx.cfg->pmsencoding));
 }
 
-// Asterisk's answer to deleting what is not there: a check-out clears keys
-// that a guest may never have set.
-bool nothing_to_delete(const std::string& action, const std::string& message) {
-    return (strcasecmp(action.c_str(), "DBDel") == 0 ||
-            strcasecmp(action.c_str(), "DBDelTree") == 0) &&
-           (message == "Database entry could not be deleted" ||
-            message == "Database entry not found");
-}
-
 }  // namespace
 
 int run_action_step(const record_context& ctx, const std::string& spec, const step_fields& f) {
@@ -83,16 +72,9 @@ int run_action_step(const record_context& ctx, const std::string& spec, const st
         return -1;
     }
     CTX_LOG(ctx, L_DEBUG, "Manager action %s for room %s", action.c_str(), room);
-    const mgr_session::answer a =
-        ctx.manager->action(action, headers, std::chrono::seconds(ctx.cfg->ami_timeout));
-    if (a.result == mgr_session::answer::timeout)
-        CTX_LOG(ctx, L_ERROR, "Manager action %s for room %s: no answer within %d s",
-                action.c_str(), room, ctx.cfg->ami_timeout);
-    else if (a.result == mgr_session::answer::error && nothing_to_delete(action, a.message))
-        CTX_LOG(ctx, L_NOTICE, "Manager action %s for room %s: %s (nothing to delete)",
-                action.c_str(), room, a.message.c_str());
-    else if (a.result == mgr_session::answer::error)
-        CTX_LOG(ctx, L_ERROR, "Manager action %s for room %s failed: %s", action.c_str(), room,
-                a.message.c_str());
+    log_action_answer(
+        room, action,
+        ctx.manager->action(room, action, headers, std::chrono::seconds(ctx.cfg->ami_timeout)),
+        ctx.cfg->ami_timeout);
     return 0;
 }
