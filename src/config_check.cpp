@@ -10,6 +10,50 @@
 #include "logger.h"
 #include "templates/templates.h"
 
+namespace {
+
+// One step of a service: a Manager action, or a statement on a database.
+void warn_step(const config& cfg, const char* key, const std::string& value, template_kind kind,
+               bool own_driver) {
+    if (value.rfind("ami:", 0) == 0) {
+        size_t from = value.find('|');
+        while (from != std::string::npos) {
+            const size_t next = value.find('|', from + 1);
+            const std::string part = value.substr(from + 1, next - from - 1);
+            if (part.find('=') == std::string::npos)
+                LOG(L_WARNING, "services:%s has \"%s\", which is no Header=value", key,
+                    part.c_str());
+            else if (strncasecmp(part.c_str(), "ActionID=", 9) == 0)
+                LOG(L_WARNING,
+                    "services:%s sets an ActionID: the daemon gives every action its own", key);
+            from = next;
+        }
+        return;
+    }
+    service_string s = split_service(value);
+    if (!s.has_statement) {
+        LOG(L_WARNING, "services:%s = \"%s\" has no \":\" and so no statement: it is never run",
+            key, value.c_str());
+        return;
+    }
+    int at = template_unknown_placeholder(kind, s.statement.c_str());
+    if (at >= 0 && cfg.fixes.percent)
+        LOG(L_WARNING,
+            "services:%s has a \"%%\" that starts no placeholder at \"%.20s\": it is "
+            "copied as it is (\"%%%%\" writes one \"%%\")",
+            key, s.statement.c_str() + at);
+    else if (at >= 0)
+        LOG(L_WARNING,
+            "services:%s has an unknown placeholder at \"%.20s\": the thread that fills it "
+            "will stop there",
+            key, s.statement.c_str() + at);
+    if (own_driver && !find_dbdriver_in(cfg.dbdrivers, s.driver.c_str()))
+        LOG(L_WARNING, "services:%s names the database \"%s\", which no section defines", key,
+            s.driver.c_str());
+}
+
+}  // namespace
+
 void warn_service_strings(const config& cfg) {
     struct entry {
         const char* key;
@@ -60,28 +104,21 @@ void warn_service_strings(const config& cfg) {
                 p.report, p.mark);
 
     for (const entry& e : entries) {
-        if (!e.value) continue;
-        service_string s = split_service(*e.value);
-        if (!s.has_statement) {
-            LOG(L_WARNING, "services:%s = \"%s\" has no \":\" and so no statement: it is never run",
-                e.key, e.value->c_str());
-            continue;
-        }
-        int at = template_unknown_placeholder(e.kind, s.statement.c_str());
-        if (at >= 0 && cfg.fixes.percent)
-            LOG(L_WARNING,
-                "services:%s has a \"%%\" that starts no placeholder at \"%.20s\": it is "
-                "copied as it is (\"%%%%\" writes one \"%%\")",
-                e.key, s.statement.c_str() + at);
-        else if (at >= 0)
-            LOG(L_WARNING,
-                "services:%s has an unknown placeholder at \"%.20s\": the thread that fills it "
-                "will stop there",
-                e.key, s.statement.c_str() + at);
-        if (e.own_driver && !find_dbdriver_in(cfg.dbdrivers, s.driver.c_str()))
-            LOG(L_WARNING, "services:%s names the database \"%s\", which no section defines", e.key,
-                s.driver.c_str());
+        if (e.value) warn_step(cfg, e.key, *e.value, e.kind, e.own_driver);
+        auto more = cfg.more_steps.find(e.key);
+        if (more == cfg.more_steps.end()) continue;
+        for (size_t i = 0; i < more->second.size(); ++i)
+            warn_step(cfg, (std::string(e.key) + "." + std::to_string(i + 2)).c_str(),
+                      more->second[i], e.kind, e.own_driver);
     }
+    if (cfg.uses_actions() && !cfg.mgr_host)
+        LOG(L_WARNING, "Service steps send Manager actions, but services:cdr_mgr_host is not set");
+    for (const db_settings& d : cfg.databases)
+        if (strcasecmp(d.section.c_str(), "ami") == 0)
+            LOG(L_WARNING,
+                "[%s] is a database section, but \"ami:\" service steps send Manager actions: "
+                "name the database otherwise",
+                d.section.c_str());
 }
 
 void check_configuration(const config& cfg) {
