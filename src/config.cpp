@@ -157,8 +157,9 @@ std::vector<dbdriver_ptr> merge_drivers(std::vector<dbdriver_ptr> fresh,
 
 bool config::uses_actions() const {
     auto is_action = [](const std::string& service) { return service.rfind("ami:", 0) == 0; };
-    for (const opt_text* service : {&checkin, &checkout, &guest_change, &room_move, &bareon,
-                                    &bareoff, &dndon, &dndoff, &wakeup_set, &wakeup_clear, &billok})
+    for (const opt_text* service :
+         {&checkin, &checkout, &guest_change, &room_move, &bareon, &bareoff, &dndon, &dndoff,
+          &wakeup_set, &wakeup_clear, &billok, &mwi_on, &mwi_off})
         if (*service && is_action(**service)) return true;
     for (const auto& [key, steps] : more_steps)
         for (const std::string& step : steps)
@@ -212,6 +213,8 @@ bool parse_config_file(const std::string& path, config& cfg) {
     read_text(d, "services:billcalls", cfg.billcalls);
     read_text(d, "services:wrmark", cfg.wrmark);
     read_text(d, "services:remark", cfg.remark);
+    read_text(d, "services:mwi_on", cfg.mwi_on);
+    read_text(d, "services:mwi_off", cfg.mwi_off);
     cfg.ami_timeout = iniparser_getint(d, "services:ami_timeout", 5);
     if (cfg.ami_timeout < 1) cfg.ami_timeout = 1;
     for (const char* key : step_keys)

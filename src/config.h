@@ -114,6 +114,8 @@ struct config {
     opt_text billcalls;
     opt_text wrmark;
     opt_text remark;
+    opt_text mwi_on;   // "RE" with "ML" = "Y": the message lamp lights
+    opt_text mwi_off;  // "RE" with another "ML"
     // Further steps of the event services: "<key>.2" ... "<key>.9" of each of
     // step_keys, in order, by key.
     std::map<std::string, std::vector<std::string>> more_steps;

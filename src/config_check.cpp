@@ -79,6 +79,8 @@ void warn_service_strings(const config& cfg) {
         {"room_move", room_move, TEMPLATE_FIELDS, true},
         {"billmark", cfg.billmark, TEMPLATE_STRINGS, false},
         {"billok", cfg.billok, TEMPLATE_FIELDS, true},
+        {"mwi_on", cfg.mwi_on, TEMPLATE_FIELDS, true},
+        {"mwi_off", cfg.mwi_off, TEMPLATE_FIELDS, true},
         {"room_status", cfg.room_state, TEMPLATE_STRINGS, true},
         {"wakeup_result", cfg.wakeup_result, TEMPLATE_STRINGS, true},
         {"billcalls", cfg.billcalls, TEMPLATE_STRINGS, true},

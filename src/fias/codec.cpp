@@ -93,6 +93,9 @@ fias_packet_ptr fias_parse_packet(const char* line, int /*packetlen*/,
     if (row->num_fields == 0) return nullptr;
 
     fias_packet_ptr p = fias_packet_from_row(*row);
+    if (!opts.optional_fields)
+        for (int i = 0; i < FIAS_MAX_FIELDS; ++i)
+            if (row->fields[i].optional) p->fields[i].name[0] = p->fields[i].name[1] = '\0';
     // Where each "|" is: a field is found at the first "|" followed by its
     // name (a value never holds a "|"), so the line is walked once.
     constexpr int kMarks = 64;

@@ -141,6 +141,9 @@ struct fias_catalogue_row {
     struct {
         const char* name;
         uint8_t type;
+        // Announced in the link description only with the feature that uses
+        // it (the message lamp, "ML"); always read.
+        bool optional = false;
     } fields[FIAS_MAX_FIELDS];
 };
 

@@ -1,4 +1,6 @@
 // Room equipment (phone barring, do-not-disturb) and wake-up calls.
+#include <cstring>
+
 #include "guest/handlers.h"
 #include "logger.h"
 
@@ -41,16 +43,23 @@ void do_room_equip(const record_context& ctx) {
     // when a DND-on template exists. With [fixes] dnd_keys each is guarded by
     // its own template.
     const bool own = cfg.fixes.dnd_keys;
-    if (dn) {
-        if (dn->value->bval != 0) {
-            LOG(L_NOTICE, "Phone DND on");
-            if (!(own ? cfg.dndon : cfg.bareoff)) return;
-            run_service(ctx, "dndon", cfg.dndon, {.rn = rn});
-        } else {
-            LOG(L_NOTICE, "Phone DND off");
-            if (!(own ? cfg.dndoff : cfg.dndon)) return;
-            run_service(ctx, "dndoff", cfg.dndoff, {.rn = rn});
-        }
+    if (dn && dn->value->bval != 0) {
+        LOG(L_NOTICE, "Phone DND on");
+        if (own ? cfg.dndon : cfg.bareoff) run_service(ctx, "dndon", cfg.dndon, {.rn = rn});
+    } else if (dn) {
+        LOG(L_NOTICE, "Phone DND off");
+        if (own ? cfg.dndoff : cfg.dndon) run_service(ctx, "dndoff", cfg.dndoff, {.rn = rn});
+    }
+
+    // The message lamp, only when the record says how it is to be.
+    fias_field_t* ml = fias_get_field(&ctx.record, "ML");
+    if (!ml || !(cfg.mwi_on || cfg.mwi_off)) return;
+    if (strcmp(field_text(ml), "Y") == 0) {
+        LOG(L_NOTICE, "Message lamp on");
+        run_service(ctx, "mwi_on", cfg.mwi_on, {.rn = rn});
+    } else {
+        LOG(L_NOTICE, "Message lamp off");
+        run_service(ctx, "mwi_off", cfg.mwi_off, {.rn = rn});
     }
 }
 

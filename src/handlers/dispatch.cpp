@@ -44,7 +44,9 @@ void do_link_start(const record_context& ctx, const record_parts& parts) {
     parts.audit.close("new link start-up");
     parts.sync.link_started();
     const opt_text& interface = ctx.cfg->pmsinterface;
-    ctx.link.init_connection(interface ? interface->c_str() : "", announced_records(*ctx.cfg));
+    // The message lamp field with a lamp step.
+    ctx.link.init_connection(interface ? interface->c_str() : "", announced_records(*ctx.cfg),
+                             ctx.cfg->mwi_on || ctx.cfg->mwi_off);
 }
 
 // The PMS's "LA": postings may go out; with pms:resync the PMS is asked for
@@ -120,7 +122,7 @@ record_dispatcher::~record_dispatcher() {
 void record_dispatcher::process_fias_packet(const std::string& data) const {
     const config_ptr cfg = parts_.configs.current();
     fias_packet_ptr p = fias_parse_packet(data.c_str(), static_cast<int>(data.size()),
-                                          fias_codec_options{cfg->fixes.numbers});
+                                          {cfg->fixes.numbers, cfg->mwi_on || cfg->mwi_off});
     if (!p || !record_known(*cfg, p->packet_code)) {
         LOG(L_WARNING, "Can not parse FIAS packet %s", data.c_str());
         return;
