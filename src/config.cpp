@@ -144,6 +144,32 @@ fixes_settings read_fixes(const dictionary* d) {
     return f;
 }
 
+// [extensions]: "101 = 2101, 2102", one line per room.
+std::map<std::string, std::vector<std::string>> read_extensions(const dictionary* d) {
+    std::map<std::string, std::vector<std::string>> out;
+    const int n = iniparser_getsecnkeys(d, "extensions");
+    if (n <= 0) return out;
+    std::vector<const char*> names(static_cast<size_t>(n));
+    if (!iniparser_getseckeys(d, "extensions", names.data())) return out;
+    for (const char* full : names) {
+        const char* value = iniparser_getstring(d, full, "");
+        std::vector<std::string>& list = out[full + strlen("extensions:")];
+        std::string item;
+        for (const char* c = value;; ++c) {
+            if (*c == ',' || *c == '\0') {
+                const size_t b = item.find_first_not_of(" \t");
+                if (b != std::string::npos)
+                    list.push_back(item.substr(b, item.find_last_not_of(" \t") - b + 1));
+                item.clear();
+                if (*c == '\0') break;
+            } else {
+                item += *c;
+            }
+        }
+    }
+    return out;
+}
+
 // A fresh driver list: the records of this load, newest first, then the
 // records of earlier loads that no new record shadows.
 std::vector<dbdriver_ptr> merge_drivers(std::vector<dbdriver_ptr> fresh,
@@ -165,6 +191,19 @@ bool config::uses_actions() const {
         for (const std::string& step : steps)
             if (is_action(step)) return true;
     return false;
+}
+
+std::vector<std::string> config::extensions_of(const std::string& room) const {
+    auto it = extensions.find(room);
+    if (it == extensions.end() || it->second.empty()) return {room};
+    return it->second;
+}
+
+std::string config::room_of(const std::string& extension) const {
+    for (const auto& [room, list] : extensions)
+        for (const std::string& e : list)
+            if (e == extension) return room;
+    return extension;
 }
 
 bool parse_config_file(const std::string& path, config& cfg) {
@@ -224,6 +263,7 @@ bool parse_config_file(const std::string& path, config& cfg) {
                 cfg.more_steps[key].push_back(std::move(*step));
 
     cfg.rooms = read_rooms(d);
+    cfg.extensions = read_extensions(d);
     cfg.fixes = read_fixes(d);
     return true;
 }

@@ -122,9 +122,15 @@ struct config {
     int ami_timeout = 5;  // services:ami_timeout, seconds an action waits for its answer
     // [rooms]
     rooms_settings rooms;
+    // [extensions]: the extensions that ring in a room, by room.
+    std::map<std::string, std::vector<std::string>> extensions;
 
     // Whether a service step sends a Manager action ("ami:...").
     bool uses_actions() const;
+    // The extensions of `room` (the room's own number when [extensions] has
+    // no line for it), and the room of an extension (itself when none has it).
+    std::vector<std::string> extensions_of(const std::string& room) const;
+    std::string room_of(const std::string& extension) const;
 };
 
 // Who stays in which room is kept (states/occupancy.h) only when a feature

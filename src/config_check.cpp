@@ -2,8 +2,10 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <map>
 
 #include "db/registry.h"
 #include "fias/charset.h"
@@ -123,6 +125,30 @@ void warn_service_strings(const config& cfg) {
                 d.section.c_str());
 }
 
+namespace {
+
+// Extensions in two rooms, and rooms the configured room list does not have.
+void warn_extensions(const config& cfg) {
+    std::map<std::string, std::string> seen;  // extension -> room
+    for (const auto& [room, list] : cfg.extensions) {
+        const bool listed = !cfg.rooms.type || cfg.rooms.type->empty()
+                                ? std::find(cfg.rooms.rooms.begin(), cfg.rooms.rooms.end(),
+                                            room) != cfg.rooms.rooms.end()
+                                : true;  // a directory's rooms are not known here
+        if (!listed)
+            LOG(L_WARNING, "[extensions] has a line for room %s, which the room list does not have",
+                room.c_str());
+        for (const std::string& extension : list) {
+            auto [it, added] = seen.emplace(extension, room);
+            if (!added && it->second != room)
+                LOG(L_WARNING, "[extensions]: extension %s is in rooms %s and %s",
+                    extension.c_str(), it->second.c_str(), room.c_str());
+        }
+    }
+}
+
+}  // namespace
+
 void check_configuration(const config& cfg) {
     for (const std::string& key : cfg.fixes.unknown)
         LOG(L_WARNING, "Unknown key \"%s\" in [fixes]: ignored", key.c_str());
@@ -131,6 +157,7 @@ void check_configuration(const config& cfg) {
             "pms:encoding = \"%s\" is no known character set: texts are taken as received",
             cfg.pmsencoding->c_str());
     warn_service_strings(cfg);
+    warn_extensions(cfg);
 }
 
 namespace {

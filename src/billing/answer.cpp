@@ -40,5 +40,13 @@ void do_pa(const record_context& ctx, unanswered_postings& waiting) {
         return;
     }
 
-    run_service(ctx, "billok", ctx.cfg->billok, {.rn = rn, .date = da, .time = ti, .seq = seq});
+    // With [extensions], %exten% is the extension that made the call.
+    const std::string extension = waiting.extension_of(field_text(seq));
+    const fias_field_t made_by = text_field("RN", extension);
+    run_service(ctx, "billok", ctx.cfg->billok,
+                {.rn = extension.empty() ? rn : &made_by,
+                 .date = da,
+                 .time = ti,
+                 .seq = seq,
+                 .room = extension.empty() ? nullptr : field_text(rn)});
 }

@@ -232,28 +232,32 @@ bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>
     if (!src.drv) return true;
     std::string billmark = mark_statement(env, *src.drv, cfg.billmark, "billmark");
     dbdriver_t& drv = *src.drv;
-    for (const std::string& room : rooms) {
-        db_lock guard(drv);
-        open_room_query(drv, room_statement(env, drv, src.statement, room));
-        std::vector<std::string> marks;
-        while (drv.fetch_row() == 0) {
-            call_row row;
-            if (read_call_row(drv, row) != row_read::ok) break;
-            std::string sequence;
-            fias_packet_ptr rec =
-                post_call(env, room, row, drv.dateformat, drv.timeformat, &sequence);
-            if (!rec) continue;
-            if (!billmark.empty()) {
-                marks.push_back(prepare_query2(&drv, billmark.c_str(), room.c_str(), row.date,
-                                               row.time, sequence.c_str(), env.fill));
-                if (env.fill.quiet)
-                    LOG(L_DEBUG, "Sending mark query: %s\n", marks.back().c_str());
-                else
-                    printf("Sending mark query: %s\n", marks.back().c_str());
+    // With [extensions] the statement runs for every extension of a room;
+    // the calls go out as the room's.
+    for (const std::string& room : rooms)
+        for (const std::string& extension : cfg.extensions_of(room)) {
+            db_lock guard(drv);
+            open_room_query(drv, room_statement(env, drv, src.statement, extension));
+            std::vector<std::string> marks;
+            while (drv.fetch_row() == 0) {
+                call_row row;
+                if (read_call_row(drv, row) != row_read::ok) break;
+                std::string sequence;
+                fias_packet_ptr rec =
+                    post_call(env, room, row, drv.dateformat, drv.timeformat, &sequence);
+                if (!rec) continue;
+                if (extension != room) env.parts.waiting.made_by(sequence, extension);
+                if (!billmark.empty()) {
+                    marks.push_back(prepare_query2(&drv, billmark.c_str(), extension.c_str(),
+                                                   row.date, row.time, sequence.c_str(), env.fill));
+                    if (env.fill.quiet)
+                        LOG(L_DEBUG, "Sending mark query: %s\n", marks.back().c_str());
+                    else
+                        printf("Sending mark query: %s\n", marks.back().c_str());
+                }
             }
+            run_marks(drv, marks);
         }
-        run_marks(drv, marks);
-    }
     return true;
 }
 

@@ -50,3 +50,14 @@ std::vector<unanswered_postings::posting> unanswered_postings::to_resend(unsigne
     for (in_flight& f : lost) out.push_back(std::move(f.p));
     return out;
 }
+
+void unanswered_postings::made_by(const std::string& seq, const std::string& extension) {
+    mutex_lock guard(mutex_);
+    extensions_[seq] = extension;
+}
+
+std::string unanswered_postings::extension_of(const std::string& seq) {
+    mutex_lock guard(mutex_);
+    auto it = extensions_.find(seq);
+    return it == extensions_.end() ? std::string() : it->second;
+}

@@ -77,6 +77,13 @@ class unanswered_postings {
     // in the order they were first sent.
     std::vector<posting> to_resend(unsigned link);
 
+    // With [extensions]: the posting `seq` is of a call made from
+    // `extension`, which its answer's services:billok names as %exten%. One
+    // extension is kept per "P#" (the sequence comes round after 10,000).
+    void made_by(const std::string& seq, const std::string& extension);
+    // The extension that made the call of posting `seq` ("" when unknown).
+    std::string extension_of(const std::string& seq);
+
   private:
     struct in_flight {
         posting p;
@@ -87,4 +94,5 @@ class unanswered_postings {
     std::unordered_map<std::string, in_flight> waiting_ GUARDED_BY(mutex_);  // by "P#"
     uint64_t sent_ GUARDED_BY(mutex_) = 0;
     unsigned warned_ GUARDED_BY(mutex_) = 0;  // the link last warned about
+    std::unordered_map<std::string, std::string> extensions_ GUARDED_BY(mutex_);  // by "P#"
 };

@@ -1,5 +1,6 @@
 // Check-in, check-out and guest change: the states file's `rooms` table and
 // the occupancy, then the PBX template.
+#include <algorithm>
 #include <cstring>
 
 #include "guest/handlers.h"
@@ -114,7 +115,12 @@ void do_guest_change(const record_context& ctx) {
         run_service(ctx.escaping(), "guest_change", ctx.cfg->guest_change, f);
         return;
     }
-    const char* old_room = field_text(ro);
+    // The i-th extension of the new room pairs with the i-th of the old one
+    // (its last, when it has fewer).
+    const std::vector<std::string> old_extensions = ctx.cfg->extensions_of(field_text(ro));
     run_service(ctx.escaping(), "room_move", ctx.cfg->room_move, f,
-                [&](const std::string& step) { return with_old_room(ctx, step, old_room); });
+                [&](const std::string& step, size_t i) {
+                    const size_t pick = std::min(i, old_extensions.size() - 1);
+                    return with_old_room(ctx, step, old_extensions[pick].c_str());
+                });
 }

@@ -11,8 +11,15 @@
 #include "logger.h"
 #include "templates/templates.h"
 
-cdr_rooms::cdr_rooms(std::vector<std::string> rooms) : list(std::move(rooms)), sorted(list) {
+cdr_rooms::cdr_rooms(std::vector<std::string> rooms,
+                     std::map<std::string, std::string, std::less<>> extensions)
+    : list(std::move(rooms)), sorted(list), by_extension(std::move(extensions)) {
     std::sort(sorted.begin(), sorted.end());
+}
+
+const std::string* cdr_rooms::extension_room(const char* source) const {
+    auto it = by_extension.find(std::string_view(source));
+    return it != by_extension.end() && contains(it->second.c_str()) ? &it->second : nullptr;
 }
 
 bool cdr_rooms::contains(const char* room) const {
@@ -21,7 +28,8 @@ bool cdr_rooms::contains(const char* room) const {
 
 namespace {
 
-cached_call make_insert(const message& m, bool escape) {
+// The insert of `m`; `room`, when given, in the place of its Source.
+cached_call make_insert(const message& m, bool escape, const std::string* room = nullptr) {
     static const char* const names[cached_call_values] = {"CallerID",
                                                           "Source",
                                                           "Destination",
@@ -46,6 +54,7 @@ cached_call make_insert(const message& m, bool escape) {
                                                           "UniqueID"};
     const char* v[cached_call_values];
     for (int i = 0; i < cached_call_values; ++i) v[i] = mgr_get_header(m, names[i]);
+    if (room) v[1] = room->c_str();
     return cached_call(v, escape);
 }
 
@@ -54,6 +63,10 @@ cached_call make_insert(const message& m, bool escape) {
 // list then answers it).
 std::optional<cached_call> room_call(const message& m, const cdr_rooms& rooms, bool escape) {
     const char* src = mgr_get_header(m, "Source");
+    if (const std::string* room = rooms.extension_room(src)) {
+        LOG(L_DEBUG, "'%s' is an extension of room '%s'\n", src, room->c_str());
+        return make_insert(m, escape, room);
+    }
     if (!log_wanted(L_DEBUG)) {
         if (rooms.list.empty()) {
             LOG(L_ERROR, "No rooms or empty list iterator\n");
@@ -116,6 +129,13 @@ void mgr_cache_cdr(const message& m, const cdr_rooms& rooms, states_file& states
 
 namespace {
 
+std::map<std::string, std::string, std::less<>> extension_rooms(const config& cfg) {
+    std::map<std::string, std::string, std::less<>> out;
+    for (const auto& [room, list] : cfg.extensions)
+        for (const std::string& extension : list) out.emplace(extension, room);
+    return out;
+}
+
 // What the capture keeps while its session runs.
 struct capture_state {
     capture_state(config_ptr c, states_file& s) : cfg(std::move(c)), states(s), batch(s) {}
@@ -140,7 +160,7 @@ void attach_cdr_capture(mgr_session& session, config_ptr cfg, states_file& state
         }
         for (const std::string& room : list)
             LOG(L_DEBUG, "Adding cdrmanager rooms room %s\n", room.c_str());
-        c->rooms = cdr_rooms(std::move(list));
+        c->rooms = cdr_rooms(std::move(list), extension_rooms(*c->cfg));
         return true;
     });
     session.before_wait([c] { c->batch.store(); });
@@ -150,7 +170,8 @@ void attach_cdr_capture(mgr_session& session, config_ptr cfg, states_file& state
         if (c->cfg->fixes.reload && c->version != c->states.rooms_version()) {
             c->version = c->states.rooms_version();
             std::vector<std::string> now;
-            if (c->states.room_list(now) == 0) c->rooms = cdr_rooms(std::move(now));
+            if (c->states.room_list(now) == 0)
+                c->rooms = cdr_rooms(std::move(now), extension_rooms(*c->cfg));
         }
         if (std::optional<cached_call> call =
                 room_call(m, c->rooms, fill_options_of(*c->cfg).escape))

@@ -15,6 +15,7 @@
 //    session waits for anything.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -28,11 +29,17 @@ void attach_cdr_capture(mgr_session& session, config_ptr cfg, states_file& state
 // The rooms whose calls are cached: in the order of the `rooms` table (the
 // order in which a call's source is compared with them, one DEBUG line each),
 // and sorted, for the same test when DEBUG lines are not written.
+// With [extensions], a call from an extension of a room is that room's call
+// (`by_extension`: extension -> room).
 struct cdr_rooms {
     std::vector<std::string> list;
     std::vector<std::string> sorted;
-    explicit cdr_rooms(std::vector<std::string> rooms);
+    std::map<std::string, std::string, std::less<>> by_extension;
+    explicit cdr_rooms(std::vector<std::string> rooms,
+                       std::map<std::string, std::string, std::less<>> extensions = {});
     bool contains(const char* room) const;
+    // The room whose extension `source` is, when that room is in the list.
+    const std::string* extension_room(const char* source) const;
 };
 
 // Inserts the `Cdr` event `m` into `cdrcache` when its Source is one of

@@ -77,13 +77,49 @@ int run_service_template(const record_context& ctx, const opt_text& service, con
     return 0;
 }
 
+namespace {
+
+// "%room%" is the room in an action step and, with [extensions], in every
+// step (in a statement with its quotes doubled).
+std::string with_room(const config& cfg, const std::string& step, const std::string& room) {
+    const bool action = step.rfind("ami:", 0) == 0;
+    if (!action && cfg.extensions.empty()) return step;
+    std::string value;
+    for (char c : room) value.append(!action && c == '\'' ? 2 : 1, c);
+    std::string out = step;
+    const std::string token = "%room%";
+    for (size_t at = out.find(token); at != std::string::npos; at = out.find(token, at)) {
+        out.replace(at, token.size(), value);
+        at += value.size();
+    }
+    return out;
+}
+
+}  // namespace
+
 int run_service(const record_context& ctx, const char* key, const opt_text& service,
-                const step_fields& f, const std::function<opt_text(const std::string&)>& adapt) {
+                const step_fields& f, const step_adapter& adapt) {
+    const std::string room = f.room ? f.room : field_text(f.rn);
+    const std::vector<std::string> extensions =
+        f.room ? std::vector<std::string>{field_text(f.rn)} : ctx.cfg->extensions_of(room);
+    const bool own_number = extensions.size() == 1 && extensions.front() == field_text(f.rn);
+    // A step that names %exten% runs for each extension of the room, in
+    // order; any other step once.
     auto run = [&](const opt_text& step) {
-        const opt_text text = step && adapt ? adapt(*step) : step;
-        if (step && !text) return -1;
-        return run_service_template(ctx, text, f.rn, f.name, f.lang, f.shared, f.date, f.time,
-                                    f.seq);
+        if (!step)
+            return run_service_template(ctx, step, f.rn, f.name, f.lang, f.shared, f.date, f.time,
+                                        f.seq);
+        const bool each = !own_number && step->find("%exten%") != std::string::npos;
+        int result = -1;
+        for (size_t i = 0; i < (each ? extensions.size() : 1); ++i) {
+            const opt_text text = adapt ? adapt(*step, i) : step;
+            if (!text) continue;
+            const fias_field_t extension = text_field("RN", each ? extensions[i] : room);
+            result = run_service_template(ctx, with_room(*ctx.cfg, *text, room),
+                                          each ? &extension : f.rn, f.name, f.lang, f.shared,
+                                          f.date, f.time, f.seq);
+        }
+        return result;
     };
     const int result = run(service);
     auto more = ctx.cfg->more_steps.find(key);

@@ -53,6 +53,8 @@ struct step_fields {
     const fias_field_t* date = nullptr;
     const fias_field_t* time = nullptr;
     const fias_field_t* seq = nullptr;
+    // The room, when `rn` is one extension of it (nothing: `rn` is the room).
+    const char* room = nullptr;
 };
 
 // Runs one service string: "driver:template" on a configured database, or
@@ -64,13 +66,17 @@ int run_service_template(const record_context& ctx, const opt_text& service, con
                          const fias_field_t* shared, const fias_field_t* date,
                          const fias_field_t* tim, const fias_field_t* seq = nullptr);
 
+// Rewrites a step's text before it runs for the extension numbered `index`
+// of its room (nothing: it is not run).
+using step_adapter = std::function<opt_text(const std::string& step, size_t index)>;
+
 // Runs the service `key` (one of step_keys): `service`, then the further
 // steps "<key>.2" ... "<key>.9" that are configured, in order; a failed step
-// is logged and the next one runs. `adapt`, when given, rewrites each step's
-// text first (nothing: the step is not run). The result is that of `service`.
+// is logged and the next one runs. A step whose text has "%exten%" runs for
+// every extension of the room ([extensions]), in order, with %exten% the
+// extension; "%room%" is the room. The result is that of `service`.
 int run_service(const record_context& ctx, const char* key, const opt_text& service,
-                const step_fields& f,
-                const std::function<opt_text(const std::string&)>& adapt = nullptr);
+                const step_fields& f, const step_adapter& adapt = nullptr);
 
 // A Manager action step: `spec` is "Action|Header=value|..." (after "ami:").
 // Returns 0 when it was sent (whatever its answer), -1 when no session runs.
