@@ -65,7 +65,7 @@ int run_action_step(const record_context& ctx, const std::string& spec, const st
         }
         headers.emplace_back(filled(parts[i].substr(0, eq)), filled(parts[i].substr(eq + 1)));
     }
-    const char* room = field_text(f.rn);
+    const char* room = f.room ? f.room : field_text(f.rn);
     if (!ctx.manager) {
         CTX_LOG(ctx, L_ERROR, "Manager action %s for room %s not sent: no Manager session",
                 action.c_str(), room);

@@ -115,9 +115,14 @@ int run_service(const record_context& ctx, const char* key, const opt_text& serv
             const opt_text text = adapt ? adapt(*step, i) : step;
             if (!text) continue;
             const fias_field_t extension = text_field("RN", each ? extensions[i] : room);
-            result = run_service_template(ctx, with_room(*ctx.cfg, *text, room),
-                                          each ? &extension : f.rn, f.name, f.lang, f.shared,
-                                          f.date, f.time, f.seq);
+            const std::string filled = with_room(*ctx.cfg, *text, room);
+            step_fields g = f;
+            g.rn = each ? &extension : f.rn;
+            g.room = room.c_str();
+            result = filled.rfind("ami:", 0) == 0
+                         ? run_action_step(ctx, filled.substr(4), g)
+                         : run_service_template(ctx, filled, g.rn, g.name, g.lang, g.shared, g.date,
+                                                g.time, g.seq);
         }
         return result;
     };

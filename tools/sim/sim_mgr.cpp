@@ -416,8 +416,116 @@ void mgr_sim::on_action(const session_ptr& s, const std::string& block) {
         send_to(s,
                 "Response: Error\r\n" + action_id + "Message: Missing action in request\r\n\r\n");
     } else {
-        send_to(s, "Response: Error\r\n" + action_id + "Message: Invalid/unknown command\r\n\r\n");
+        {
+            mutex_lock g(mutex_);
+            actions_.push_back({s->id, hdrs});
+        }
+        changed_.notify_all();
+        const std::string answer = answer_action(act, action_id, hdrs);
+        if (!answer.empty()) send_to(s, answer);
     }
+}
+
+std::string mgr_sim::answer_action(const std::string& act, const std::string& action_id,
+                                   const std::vector<std::pair<std::string, std::string>>& hdrs) {
+    auto get = [&](const char* name) {
+        for (const auto& h : hdrs)
+            if (h.first == name) return h.second;
+        return std::string();
+    };
+    auto answer = [&](const char* response, const std::string& message) {
+        return std::string("Response: ") + response + "\r\n" + action_id +
+               (message.empty() ? "" : "Message: " + message + "\r\n") + "\r\n";
+    };
+    mutex_lock g(mutex_);
+    if (silent_actions_.count(act)) return "";
+    if (auto e = action_errors_.find(act); e != action_errors_.end())
+        return answer("Error", e->second);
+    const std::pair<std::string, std::string> key{get("family"), get("key")};
+    if (act == "dbput") {
+        db_[key] = get("val");
+        return answer("Success", "Updated database successfully");
+    }
+    if (act == "dbget") {
+        auto it = db_.find(key);
+        if (it == db_.end()) return answer("Error", "Database entry not found");
+        return "Response: Success\r\n" + action_id +
+               "EventList: start\r\nMessage: Result will follow\r\n\r\n"
+               "Event: DBGetResponse\r\nFamily: " +
+               key.first + "\r\nKey: " + key.second + "\r\nVal: " + it->second + "\r\n" +
+               action_id + "\r\nEvent: DBGetComplete\r\n" + action_id +
+               "EventList: Complete\r\nListItems: 1\r\n\r\n";
+    }
+    if (act == "dbdel") {
+        if (db_.erase(key) == 0) return answer("Error", "Database entry could not be deleted");
+        return answer("Success", "Key deleted successfully");
+    }
+    if (act == "dbdeltree") {
+        // The family's keys, or those under Key when it is given.
+        size_t removed = 0;
+        for (auto it = db_.begin(); it != db_.end();) {
+            const bool under = it->first.first == key.first &&
+                               (key.second.empty() || it->first.second == key.second ||
+                                it->first.second.rfind(key.second + "/", 0) == 0);
+            if (under) {
+                it = db_.erase(it);
+                ++removed;
+            } else {
+                ++it;
+            }
+        }
+        if (removed == 0) return answer("Error", "Database entry not found");
+        return answer("Success", "Key tree deleted successfully");
+    }
+    if (act == "mwiupdate") return answer("Success", "");
+    return answer("Error", "Invalid/unknown command");
+}
+
+std::string mgr_action::get(const std::string& name) const {
+    const std::string wanted = lower(name);
+    for (const auto& h : headers)
+        if (h.first == wanted) return h.second;
+    return "";
+}
+
+std::vector<mgr_action> mgr_sim::actions() const {
+    mutex_lock g(mutex_);
+    return actions_;
+}
+
+bool mgr_sim::wait_actions(size_t n, std::chrono::milliseconds timeout) const {
+    mutex_lock g(mutex_);
+    return cv_wait_for(changed_, mutex_, timeout,
+                       [&]() REQUIRES(mutex_) { return actions_.size() >= n; });
+}
+
+void mgr_sim::set_action_error(const std::string& action, const std::string& message) {
+    mutex_lock g(mutex_);
+    if (message.empty())
+        action_errors_.erase(lower(action));
+    else
+        action_errors_[lower(action)] = message;
+}
+
+void mgr_sim::set_action_silent(const std::string& action, bool silent) {
+    mutex_lock g(mutex_);
+    if (silent)
+        silent_actions_.insert(lower(action));
+    else
+        silent_actions_.erase(lower(action));
+}
+
+void mgr_sim::db_put(const std::string& family, const std::string& key, const std::string& value) {
+    mutex_lock g(mutex_);
+    db_[{family, key}] = value;
+}
+
+std::optional<std::string> mgr_sim::db_get(const std::string& family,
+                                           const std::string& key) const {
+    mutex_lock g(mutex_);
+    auto it = db_.find({family, key});
+    if (it == db_.end()) return std::nullopt;
+    return it->second;
 }
 
 bool mgr_sim::send_to(const session_ptr& s, const std::string& text, const char* what) {
@@ -626,6 +734,24 @@ int mgr_sim::run_line(const std::string& line, std::string* error) {
             set_refuse(on);
         else
             set_filter(on);
+        return 0;
+    }
+    if (cmd == "error") {
+        if (w.size() < 3) return fail("error needs ACTION and MESSAGE (or off)");
+        std::string message;
+        for (size_t i = 2; i < w.size(); ++i) message += (i > 2 ? " " : "") + w[i];
+        set_action_error(w[1], w.size() == 3 && lower(w[2]) == "off" ? "" : message);
+        return 0;
+    }
+    if (cmd == "silent") {
+        bool on;
+        if (w.size() != 3 || !parse_on_off(w[2], &on)) return fail("silent needs ACTION on|off");
+        set_action_silent(w[1], on);
+        return 0;
+    }
+    if (cmd == "dbput") {
+        if (w.size() != 4) return fail("dbput needs FAMILY KEY VALUE");
+        db_put(w[1], w[2], w[3]);
         return 0;
     }
     if (cmd == "wait-login") {

@@ -15,8 +15,16 @@
 //        "Response: Error\r\nMessage: Authentication failed\r\n\r\n"
 //    after which the connection is closed (refuse mode, or user/secret not
 //    the ones set with set_credentials). An "ActionID" of the action is
-//    echoed after "Response". Logoff, Ping and other actions get plausible
-//    answers.
+//    echoed after "Response". Logoff and Ping get their usual answers.
+//  - Asterisk's own database is kept in memory: DBPut, DBGet, DBDel and
+//    DBDelTree, and MWIUpdate, answer with the texts and events of a stock
+//    Asterisk (DBGet of a key: Success "Result will follow", then the events
+//    DBGetResponse and DBGetComplete; deleting what is not there: Error
+//    "Database entry could not be deleted" / "Database entry not found").
+//    Other actions: Error "Invalid/unknown command". A test can make an
+//    action (by name, any case) answer Error with a message of its choice,
+//    or not answer at all. Every action of a logged-in session but Login is
+//    recorded with its headers.
 //  - Cdr events go only to logged-in sessions, and (while the filter is on, the
 //    default) only to those whose login asked for "Events: on" (or yes, true,
 //    all), a list holding "cdr", or no Events header at all, as the exchange
@@ -44,6 +52,10 @@
 //    filter on|off    the event-class filter for Cdr events.
 //    before-answer TEXT   raw text (escapes as for raw) sent after a login
 //                         is read and before it is answered; empty: none.
+//    error ACTION MESSAGE...   ACTION is answered with Error and MESSAGE;
+//    error ACTION off          answered as usual again.
+//    silent ACTION on|off      ACTION gets no answer (or gets one again).
+//    dbput FAMILY KEY VALUE    a key in the simulated database.
 //    wait-login [N] [SECONDS]  waits until N logins (default 1) have been
 //                         accepted in total (default 10 s).
 //    sleep SECONDS    pauses (fractions allowed).
@@ -54,7 +66,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <map>
 #include <memory>
+#include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -82,6 +97,15 @@ struct mgr_cdr_event {
     std::string get(const std::string& name) const;
     // The wire text: "Name: value\r\n" per header and an empty line.
     std::string text() const;
+};
+
+// An action as the simulator received it: its headers in order (names in
+// lower case).
+struct mgr_action {
+    int session = 0;
+    std::vector<std::pair<std::string, std::string>> headers;
+    // The value of the first header named `name` (any case), or "".
+    std::string get(const std::string& name) const;
 };
 
 struct mgr_sim_options {
@@ -131,6 +155,16 @@ class mgr_sim {
     // Waits until `n` logins have been accepted in total; false on time-out.
     bool wait_logins(int n, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
 
+    // Actions: what was received (Login excepted), how some are answered,
+    // and the simulated database.
+    std::vector<mgr_action> actions() const;
+    bool wait_actions(size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+    // `message` empty: answered as usual again.
+    void set_action_error(const std::string& action, const std::string& message);
+    void set_action_silent(const std::string& action, bool silent);
+    void db_put(const std::string& family, const std::string& key, const std::string& value);
+    std::optional<std::string> db_get(const std::string& family, const std::string& key) const;
+
     // Runs one script line (see above); 0, or -1 for a line it does not
     // understand (with a reason in *error when given). "quit" gives 1.
     int run_line(const std::string& line, std::string* error = nullptr);
@@ -153,6 +187,9 @@ class mgr_sim {
     void accept_one();
     void on_readable(const session_ptr& s);
     void on_action(const session_ptr& s, const std::string& block);
+    // The answer to an action of a logged-in session ("" for none).
+    std::string answer_action(const std::string& act, const std::string& action_id,
+                              const std::vector<std::pair<std::string, std::string>>& hdrs);
     // `what`, when given, is noted in the transcript instead of `text` ("": nothing).
     bool send_to(const session_ptr& s, const std::string& text, const char* what = nullptr);
     bool send_locked(const session_ptr& s, const std::string& text, const char* what)
@@ -178,6 +215,10 @@ class mgr_sim {
     int accepted_ GUARDED_BY(mutex_) = 0;
     std::vector<std::string> login_texts_ GUARDED_BY(mutex_);
     std::string before_answer_ GUARDED_BY(mutex_);
+    std::vector<mgr_action> actions_ GUARDED_BY(mutex_);
+    std::map<std::string, std::string> action_errors_ GUARDED_BY(mutex_);  // by lower-case name
+    std::set<std::string> silent_actions_ GUARDED_BY(mutex_);
+    std::map<std::pair<std::string, std::string>, std::string> db_ GUARDED_BY(mutex_);
     annotated_mutex transcript_mutex_;  // one opts_.transcript call at a time
     std::atomic<long> unique_counter_{0};
 };

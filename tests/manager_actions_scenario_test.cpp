@@ -1,0 +1,118 @@
+// Guest services that drive Asterisk through Manager actions, end to end:
+// the daemon against the PMS and Manager simulators.
+#include <gtest/gtest.h>
+
+#include "support_daemon.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// The names and one header of the actions the simulator received.
+std::vector<std::string> received(const mgr_sim& mgr, const char* header) {
+    std::vector<std::string> out;
+    for (const mgr_action& a : mgr.actions()) out.push_back(a.get("action") + " " + a.get(header));
+    return out;
+}
+
+TEST(ManagerActions, StepsRunInOrderForEveryExtensionAndNoValueAddsAnAction) {
+    daemon_run run;
+    run.use_manager();
+    run.use_log_templates();
+    run.set("fixes", "all", "yes")
+        .set("rooms", "room1", "101")
+        .set("extensions", "101", "2101, 2102")
+        .set("services", "checkin.2", "ami:DBPut|Family=AMPUSER/%exten%|Key=cidname|Val=%name%")
+        .set("services", "checkout", "ami:DBDel|Family=AMPUSER/%exten%|Key=cidname")
+        .set("services", "checkout.2", "ami:DBDel|Family=DND|Key=%exten%");
+    ASSERT_TRUE(run.start()) << run.log();
+    ASSERT_TRUE(run.play({"GI|RN101|GNO'Brien|"}, "Checkin")) << run.log();
+    ASSERT_TRUE(run.mgr.wait_actions(2));
+    EXPECT_EQ((std::vector<std::string>{"DBPut AMPUSER/2101", "DBPut AMPUSER/2102"}),
+              received(run.mgr, "family"));
+    EXPECT_EQ("O'Brien", run.mgr.db_get("AMPUSER/2102", "cidname").value_or("none"));
+    // The statement ran first (for each extension: it names %exten% too).
+    const std::string log = run.log();
+    EXPECT_LT(log.find("query: insert into log values ('checkin','2102','O''Brien'"),
+              log.find("Manager action DBPut for room 101"));
+    EXPECT_EQ(2u, run.pbx("select * from log").size());
+
+    // A check-out clears what was set; the keys never set are only noticed.
+    ASSERT_TRUE(run.play({"GO|RN101|"}, "Checkout")) << run.log();
+    ASSERT_TRUE(run.mgr.wait_actions(6));
+    EXPECT_FALSE(run.mgr.db_get("AMPUSER/2101", "cidname"));
+    EXPECT_TRUE(
+        run.wait_log("Manager action DBDel for room 101: Database entry could not be "
+                     "deleted (nothing to delete)"));
+    EXPECT_EQ(0u, run.count_log("failed:"));
+
+    // A line end in a value cannot start another header or action.
+    ASSERT_TRUE(run.pms.send_record("GI|RN101|GNEvil\r\nAction: Originate\r\nChannel: x|"));
+    ASSERT_TRUE(run.mgr.wait_actions(8));
+    for (const mgr_action& a : run.mgr.actions()) {
+        EXPECT_EQ("", a.get("channel"));
+        EXPECT_NE("Originate", a.get("action"));
+    }
+    EXPECT_EQ("Evil  Action: Originate  Channel: x", run.mgr.actions().back().get("val"));
+
+    // A call from an extension is the room's.
+    ASSERT_EQ(1,
+              run.mgr.send_cdr(mgr_cdr_event::make("2102", "5551234", "2024-05-01 10:00:00", 65)));
+    EXPECT_TRUE(run.pms.wait_for_count("PS|P#0001|RN101|", 1, 15s)) << run.log();
+}
+
+TEST(ManagerActions, ErrorsAndSilenceAreLoggedAndHoldBackOnlyTheirRoom) {
+    daemon_run run;
+    run.use_manager();
+    run.use_log_templates();
+    run.mgr.set_action_error("DBPut", "Permission denied");
+    run.mgr.set_action_silent("UserEvent", true);
+    run.set("services", "ami_timeout", "4")
+        .set("services", "checkin", "ami:DBPut|Family=CW|Key=%exten%|Val=1")
+        .set("services", "checkin.2", "ami:UserEvent|UserEvent=Welcome|Room=%room%")
+        .set("services", "checkin.3", "pbx:insert into log values ('checkin','%exten%','','','')");
+    ASSERT_TRUE(run.start()) << run.log();
+    ASSERT_TRUE(run.pms.send_record("GI|RN101|GNSmith|"));
+    ASSERT_TRUE(run.wait_log("Manager action DBPut for room 101 failed: Permission denied"));
+    // While room 101 waits for its answer, room 102 is checked out.
+    ASSERT_TRUE(run.pms.send_record("GO|RN102|"));
+    ASSERT_TRUE(wait_until([&] {
+        return run.pbx("select * from log where exten='102'").size() == 1;
+    })) << run.log();
+    EXPECT_EQ(0u, run.count_log("no answer within"));
+    ASSERT_TRUE(run.wait_log("Manager action UserEvent for room 101: no answer within 4 s"));
+    ASSERT_TRUE(
+        wait_until([&] { return run.pbx("select * from log where exten='101'").size() == 1; }));
+}
+
+TEST(ManagerActions, ActionsQueuedWhileTheManagerIsDownAreSentOnceInOrderAfterARestart) {
+    daemon_run run;
+    const int port = pick_free_port();
+    run.set("services", "cdr_mgr_host", "127.0.0.1")
+        .set("services", "cdr_mgr_port", std::to_string(port))
+        .set("services", "cdr_mgr_user", "orlanbeck")
+        .set("services", "cdr_mgr_password", "secret")
+        .set("services", "checkin", "ami:DBPut|Family=CIDNAME|Key=%exten%|Val=%name%")
+        .set("services", "checkout", "ami:DBDel|Family=CIDNAME|Key=%exten%");
+    ASSERT_TRUE(run.start()) << run.log();
+    ASSERT_TRUE(run.play({"GI|RN101|GNAda|", "GO|RN101|", "GI|RN102|GNBob|", "GO|RN102|",
+                          "GI|RN103|GNCy|", "GO|RN103|"},
+                         "Checkout"));
+    ASSERT_TRUE(wait_until([&] {
+        return run.count_log("queued: the Manager session is down") == 6;
+    })) << run.log();
+    run.process().terminate(3s);
+    ASSERT_TRUE(run.start()) << run.log();
+    mgr_sim_options o;
+    o.port = port;
+    mgr_sim mgr(o);
+    ASSERT_TRUE(mgr.start());
+    ASSERT_TRUE(mgr.wait_actions(6, 20s)) << run.log();
+    std::this_thread::sleep_for(500ms);  // nothing more comes
+    EXPECT_EQ((std::vector<std::string>{"DBPut 101", "DBDel 101", "DBPut 102", "DBDel 102",
+                                        "DBPut 103", "DBDel 103"}),
+              received(mgr, "key"));
+    EXPECT_NE(std::string::npos, mgr.login_texts().at(0).find("Events: off"));
+}
+
+}  // namespace
