@@ -1,5 +1,7 @@
 // Manager message reader: arbitrary bytes from the manager, read into
-// messages until the stream ends. Must never crash, overrun or hang.
+// messages until the stream ends, and each message told apart (an answer to
+// one of the daemon's actions, an event, anything else). Must never crash,
+// overrun or hang.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -9,6 +11,7 @@
 
 #include "logger.h"
 #include "mgr/manager.h"
+#include "mgr/session.h"
 
 namespace {
 
@@ -46,6 +49,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const char* v = mgr_get_header(*m, name);
             if (!v) __builtin_trap();
         }
+        const mgr_message_kind k = classify_message(*m);
+        if (k.kind == mgr_message_kind::answer && k.action <= 0) __builtin_trap();
+        if (k.kind == mgr_message_kind::event && k.name.empty()) __builtin_trap();
     }
     if (s.inlen < 0 || s.inlen > 1023) __builtin_trap();
     close(sv[1]);

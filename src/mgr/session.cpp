@@ -89,12 +89,27 @@ mgr_session::answer mgr_session::action(const std::string& room, const std::stri
     return w->answered ? w->reply : a;
 }
 
-bool mgr_session::deliver(const message& m) {
+mgr_message_kind classify_message(const message& m) {
+    mgr_message_kind k;
     const char* response = mgr_get_header(m, "Response");
     const char* action_id = mgr_get_header(m, "ActionID");
-    if (!*response || strncmp(action_id, action_id_prefix, strlen(action_id_prefix)) != 0)
-        return false;
-    const long id = strtol(action_id + strlen(action_id_prefix), nullptr, 10);
+    if (*response && strncmp(action_id, action_id_prefix, strlen(action_id_prefix)) == 0) {
+        char* end = nullptr;
+        k.action = strtol(action_id + strlen(action_id_prefix), &end, 10);
+        if (k.action > 0 && *end == '\0') k.kind = mgr_message_kind::answer;
+        return k;
+    }
+    if (*response) return k;
+    k.name = lower(mgr_get_header(m, "Event"));
+    if (!k.name.empty()) k.kind = mgr_message_kind::event;
+    return k;
+}
+
+bool mgr_session::deliver(const message& m) {
+    const mgr_message_kind k = classify_message(m);
+    if (k.kind != mgr_message_kind::answer) return false;
+    const long id = k.action;
+    const char* response = mgr_get_header(m, "Response");
     answer a;
     a.result = strcasecmp(response, "Success") == 0 ? answer::success : answer::error;
     a.message = mgr_get_header(m, "Message");
@@ -194,7 +209,7 @@ void mgr_session::run() {
                     LOG(L_DEBUG, "%s got: %s", addr, msg->headers[i]);
             if (s->connected != 0) {
                 if (deliver(*msg)) continue;
-                auto handler = handlers_.find(lower(mgr_get_header(*msg, "Event")));
+                auto handler = handlers_.find(classify_message(*msg).name);
                 if (handler != handlers_.end()) handler->second(*msg);
             } else {
                 const char* text = mgr_get_header(*msg, "Message");

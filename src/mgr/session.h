@@ -122,6 +122,17 @@ class mgr_session {
     std::map<long, std::pair<std::string, std::string>> unattended_ GUARDED_BY(mutex_);
 };
 
+// What a message read from the Manager is: the answer to an action of the
+// daemon's (its queue number), an event (its name in lower case), or
+// something else (the login's answer, an answer to an action of another
+// program).
+struct mgr_message_kind {
+    enum { answer, event, other } kind = other;
+    long action = 0;
+    std::string name;  // of the event
+};
+mgr_message_kind classify_message(const message& m);
+
 // Logs what an answer says: an error at ERROR with the action, the room and
 // Asterisk's message (at NOTICE when a DBDel or DBDelTree found nothing to
 // delete), no answer within `timeout_s` at ERROR, a queued action at NOTICE.

@@ -78,6 +78,16 @@ using step_adapter = std::function<opt_text(const std::string& step, size_t inde
 int run_service(const record_context& ctx, const char* key, const opt_text& service,
                 const step_fields& f, const step_adapter& adapt = nullptr);
 
+// A Manager action step filled with `f`: `spec` is "Action|Header=value|..."
+// (after "ami:"), cut at each "|" before it is filled; a line end in any
+// value becomes a blank. Parts without "=" are left out.
+struct filled_action {
+    std::string name;
+    mgr_session::headers headers;
+    std::vector<std::string> left_out;
+};
+filled_action fill_action(const std::string& spec, const step_fields& f);
+
 // A Manager action step: `spec` is "Action|Header=value|..." (after "ami:").
 // Returns 0 when it was sent (whatever its answer), -1 when no session runs.
 int run_action_step(const record_context& ctx, const std::string& spec, const step_fields& f);
