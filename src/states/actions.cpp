@@ -18,7 +18,7 @@ std::string quoted(std::string_view text) {
 }  // namespace
 
 bool states_file::open_actions() {
-    if (occupancy_.connect(nullptr, 0, nullptr, nullptr, path_.c_str()) != 0) return false;
+    if (!connect_own()) return false;
     if (!actions_checked_) actions_checked_ = occupancy_.query(create_statement) == 0;
     return actions_checked_;
 }

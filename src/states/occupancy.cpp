@@ -29,7 +29,7 @@ std::string now_text() {
 
 // Opens the file (once) and makes sure the table is there.
 bool states_file::open_occupancy() {
-    if (occupancy_.connect(nullptr, 0, nullptr, nullptr, path_.c_str()) != 0) return false;
+    if (!connect_own()) return false;
     if (!occupancy_checked_) occupancy_checked_ = occupancy_.query(create_statement) == 0;
     return occupancy_checked_;
 }

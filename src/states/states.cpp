@@ -303,9 +303,18 @@ void states_file::accept_posting(accepted_call rule, const fias_field_t* rn, con
     main_.query(statement.c_str());
 }
 
+// The connection no operation closes, committing as the other does (see the
+// durability note of open()): a commit waits for the operating system, not
+// the disk.
+bool states_file::connect_own() {
+    if (occupancy_.connect(nullptr, 0, nullptr, nullptr, path_.c_str()) != 0) return false;
+    if (!own_tuned_) own_tuned_ = occupancy_.query("PRAGMA synchronous=NORMAL") == 0;
+    return true;
+}
+
 int states_file::calls_waiting() {
     db_lock guard(occupancy_);
-    if (occupancy_.connect(nullptr, 0, nullptr, nullptr, path_.c_str()) != 0) return -1;
+    if (!connect_own()) return -1;
     return sqlite_count(occupancy_, waiting_statement);
 }
 

@@ -173,5 +173,7 @@ class states_file {
     bool occupancy_checked_ GUARDED_BY(occupancy_) = false;
     bool actions_checked_ GUARDED_BY(occupancy_) = false;
     bool open_actions() REQUIRES(occupancy_);
+    bool connect_own() REQUIRES(occupancy_);
+    bool own_tuned_ GUARDED_BY(occupancy_) = false;
     std::atomic<unsigned> rooms_version_{0};
 };
