@@ -24,8 +24,11 @@ TEST(ManagerActions, StepsRunInOrderForEveryExtensionAndNoValueAddsAnAction) {
         .set("extensions", "101", "2101, 2102")
         .set("services", "checkin.2", "ami:DBPut|Family=AMPUSER/%exten%|Key=cidname|Val=%name%")
         .set("services", "checkout", "ami:DBDel|Family=AMPUSER/%exten%|Key=cidname")
-        .set("services", "checkout.2", "ami:DBDel|Family=DND|Key=%exten%");
+        .set("services", "checkout.2", "ami:DBDel|Family=DND|Key=%exten%")
+        .set("services", "mwi_on", "ami:MWIUpdate|Mailbox=%exten%@hotel|NewMessages=1");
     ASSERT_TRUE(run.start()) << run.log();
+    // The lamp's field is announced last in the description of "RE".
+    EXPECT_EQ(1u, run.pms.count_frames("LR|RIRE|FLRNRSCSDNML|"));
     ASSERT_TRUE(run.play({"GI|RN101|GNO'Brien|"}, "Checkin")) << run.log();
     ASSERT_TRUE(run.mgr.wait_actions(2));
     EXPECT_EQ((std::vector<std::string>{"DBPut AMPUSER/2101", "DBPut AMPUSER/2102"}),
@@ -46,9 +49,14 @@ TEST(ManagerActions, StepsRunInOrderForEveryExtensionAndNoValueAddsAnAction) {
                      "deleted (nothing to delete)"));
     EXPECT_EQ(0u, run.count_log("failed:"));
 
+    // The lamp of each phone; a record without "ML" leaves it alone.
+    ASSERT_TRUE(run.play({"RE|RN101|CS1|", "RE|RN101|MLY|"}, "Message lamp on")) << run.log();
+    ASSERT_TRUE(run.mgr.wait_actions(8));
+    EXPECT_EQ("2102@hotel", run.mgr.actions().back().get("mailbox"));
+
     // A line end in a value cannot start another header or action.
     ASSERT_TRUE(run.pms.send_record("GI|RN101|GNEvil\r\nAction: Originate\r\nChannel: x|"));
-    ASSERT_TRUE(run.mgr.wait_actions(8));
+    ASSERT_TRUE(run.mgr.wait_actions(10));
     for (const mgr_action& a : run.mgr.actions()) {
         EXPECT_EQ("", a.get("channel"));
         EXPECT_NE("Originate", a.get("action"));
