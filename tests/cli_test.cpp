@@ -186,6 +186,7 @@ TEST_F(CommandLine, DaemonReloadsOnHangupAndEndsWhenTheFileIsGone) {
     ASSERT_EQ(unlink(run.config_path().c_str()), 0);
     kill(pid, SIGHUP);
     EXPECT_EQ(wait_daemon_exit(), 0);
+    EXPECT_EQ(access(pidfile_.c_str(), F_OK), 0) << "the pid file stays";
     EXPECT_EQ(log_count("Unable to open configuration file " + run.config_path() + ". Exiting..."),
               1u)
         << log();
