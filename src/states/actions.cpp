@@ -1,6 +1,7 @@
 // The queue of Manager actions in the states file, on the connection that
 // no operation closes. Its table is made when first used.
 #include "logger.h"
+#include "states/literal.h"
 #include "states/states.h"
 
 namespace {
@@ -8,12 +9,6 @@ namespace {
 const char* const create_statement =
     "create table if not exists actions (id integer primary key autoincrement, room text, "
     "name text, body text, sent integer default 0)";
-
-std::string quoted(std::string_view text) {
-    std::string out = "'";
-    for (char c : text) out.append(c == '\'' ? 2 : 1, c);
-    return out + "'";
-}
 
 }  // namespace
 

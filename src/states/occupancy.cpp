@@ -2,6 +2,7 @@
 // operation closes.
 #include <ctime>
 
+#include "states/literal.h"
 #include "states/states.h"
 
 namespace {
@@ -9,12 +10,6 @@ namespace {
 const char* const create_statement =
     "create table if not exists occupancy (room varchar(8), name text, lang text, since "
     "datetime, primary key(room))";
-
-std::string quoted(std::string_view text) {
-    std::string out = "'";
-    for (char c : text) out.append(c == '\'' ? 2 : 1, c);
-    return out + "'";
-}
 
 std::string now_text() {
     time_t now = time(nullptr);

@@ -6,6 +6,7 @@
 
 #include "db/sqlite.h"
 #include "logger.h"
+#include "states/literal.h"
 
 namespace {
 
@@ -88,13 +89,6 @@ const char* const waiting_statement =
 
 bool has_quote(std::string_view v) {
     return v.find('\'') != std::string_view::npos;
-}
-
-std::string sqlite_escaped(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    for (char c : text) out.append(c == '\'' ? 2 : 1, c);
-    return out;
 }
 
 }  // namespace
