@@ -7,7 +7,8 @@
 // ("HH:MM:SS.mmm -> TEXT"), one line each, and notes ("HH:MM:SS.mmm -- ...").
 // Commands come line by line from the script file, or else from standard
 // input:
-//   TEXT            a record text, sent framed (waits for a client first)
+//   TEXT            a record text, sent framed (waits for a client first),
+//                   e.g. "RE|RN101|MLY|" (the message lamp on)
 //   sleep N         pause N seconds (fractions allowed)
 //   wait PREFIX     wait for a received frame beginning with PREFIX; each wait
 //                   looks only at frames after the one the previous wait matched
