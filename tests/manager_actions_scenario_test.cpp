@@ -93,6 +93,27 @@ TEST(ManagerActions, ErrorsAndSilenceAreLoggedAndHoldBackOnlyTheirRoom) {
         wait_until([&] { return run.pbx("select * from log where exten='101'").size() == 1; }));
 }
 
+TEST(ManagerActions, AResyncSeesEveryRoomItAnnouncedBeforeItsEnd) {
+    daemon_run run;
+    run.use_manager();
+    run.set("fixes", "all", "yes")  // records in order; a closed link is noticed
+        .set("pms", "resync", "yes")
+        .set("services", "checkin", "ami:DBPut|Family=CIDNAME|Key=%exten%|Val=%name%")
+        .set("services", "checkout", "ami:DBDel|Family=CIDNAME|Key=%exten%");
+    ASSERT_TRUE(run.start()) << run.log();
+    ASSERT_TRUE(run.play({"GI|RN101|GNAda|", "GI|RN102|GNBob|", "GI|RN103|GNCy|"}, "Checkin"));
+    ASSERT_TRUE(run.mgr.wait_actions(3));
+    // A new link start-up: the PMS has 101 and 102, and 103 left meanwhile.
+    run.pms.set_occupied(std::vector<pms_sim::guest>{{"101", "Ada"}, {"102", "Bob"}});
+    run.pms.drop_connection();
+    ASSERT_TRUE(
+        run.wait_log("Database resync done: 2 room(s) confirmed, 0 checked in, 1 checked "
+                     "out"))
+        << run.log();
+    ASSERT_TRUE(run.mgr.wait_actions(4));
+    EXPECT_EQ("DBDel 103", received(run.mgr, "key").back());
+}
+
 TEST(ManagerActions, ActionsQueuedWhileTheManagerIsDownAreSentOnceInOrderAfterARestart) {
     daemon_run run;
     const int port = pick_free_port();

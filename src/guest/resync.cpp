@@ -75,7 +75,7 @@ void resync::start(const record_context& ctx) {
     confirmed_ = checked_in_ = 0;
 }
 
-void resync::end(const record_context& ctx) {
+void resync::end(const record_context& ctx, const room_runner& run) {
     watch(ctx.link);
     std::set<std::string> announced;
     int confirmed, checked_in;
@@ -99,7 +99,12 @@ void resync::end(const record_context& ctx) {
     int checked_out = 0;
     for (const occupant& o : occupied) {
         if (announced.count(o.room)) continue;
-        check_out(ctx, o);
+        // The job outlives this record: it works with a context of its own.
+        run(o.room, [cfg = ctx.cfg, &link = ctx.link, &states = ctx.states, handler = ctx.handler,
+                     manager = ctx.manager, o] {
+            fias_packet_ptr none = fias_create_packet(FIAS_DE);
+            check_out({cfg, *none, link, states, handler, manager}, o);
+        });
         checked_out++;
     }
     CTX_LOG(ctx, L_NOTICE,

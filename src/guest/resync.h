@@ -16,6 +16,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <set>
 #include <string>
 
@@ -36,8 +37,12 @@ class resync {
     // Ends a resync that went quiet or lost its link (called now and then).
     void watch(const pms_link& link);
 
+    // Runs `job`, the work of `room`, at once or on the room's turn.
+    using room_runner = std::function<void(const std::string& room, std::function<void()> job)>;
+
     void start(const record_context& ctx);  // "DS"
-    void end(const record_context& ctx);    // "DE"
+    // "DE": the check-outs go through `run`, one per room.
+    void end(const record_context& ctx, const room_runner& run);
 
   private:
     using clock_type = std::chrono::steady_clock;

@@ -66,7 +66,7 @@ void resync_start(const record_context& ctx, const record_parts& parts) {
 }
 
 void resync_end(const record_context& ctx, const record_parts& parts) {
-    parts.sync.end(ctx);
+    parts.sync.end(ctx, parts.for_room);
 }
 
 void answer(const record_context& ctx, const record_parts& parts) {
@@ -106,12 +106,22 @@ const handler_entry handlers[] = {
     {FIAS_NS, audit_start, "do_night_audit_start"},
     {FIAS_NE, audit_end, "do_night_audit_end"},
 };
+// A check-in whose resync part already ran.
+const handler_entry plain_checkin = PLAIN(FIAS_GI, do_checkin);
 #undef PLAIN
 
 }  // namespace
 
 record_dispatcher::record_dispatcher(const record_parts& parts, bool ordered)
     : parts_(parts), ordered_(ordered) {
+    // Work of one room outside its record (a resync's check-outs): on the
+    // room's queue when Manager actions are configured, else at once.
+    parts_.for_room = [this](const std::string& room, std::function<void()> job) {
+        if (parts_.configs.current()->uses_actions())
+            room_jobs_.submit(room, std::move(job));
+        else
+            job();
+    };
     if (ordered_) worker_.start([this] { run_ordered(); });
 }
 
@@ -141,9 +151,18 @@ void record_dispatcher::process_fias_packet(const std::string& data) const {
             break;
         }
         // A room's records wait for its Manager actions; other rooms do not.
+        // What a resync learns from a check-in is noted in arrival order, so
+        // that its end sees every room announced before it.
+        const handler_entry* run = &e;
+        if (e.code == FIAS_GI) {
+            if (parts_.sync.confirms(
+                    {cfg, *p, parts_.link, parts_.states, e.name, parts_.manager.get()}))
+                break;
+            run = &plain_checkin;
+        }
         std::shared_ptr<fias_packet_t> record(std::move(p));
         room_jobs_.submit(field_text(rn),
-                          [this, &e, cfg, record] { run_handler(e, cfg, *record); });
+                          [this, run, cfg, record] { run_handler(*run, cfg, *record); });
         break;
     }
 }

@@ -45,6 +45,7 @@ struct record_parts {
     audit_window& audit;
     unanswered_postings& waiting;
     const mgr_session_slot& manager;
+    resync::room_runner for_room = nullptr;  // set by the dispatcher
 };
 
 struct record_context;
