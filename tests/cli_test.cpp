@@ -235,7 +235,9 @@ TEST_F(CommandLine, CheckOptionPassesTheSampleAndNamesEveryProblemWithItsKey) {
                    "[services]\ncheckin = pbx update sippeers set callerid='%name%'\n"
                    "checkout = pbx:update sippeers set callerid='%nope%'\n"
                    "bareon = nodb:update x set barred=1\n"
-                   "cdr_use_manager = yes\nbillcalls = pbx:select 1\n");
+                   "cdr_use_manager = yes\nbillcalls = pbx:select 1\n"
+                   "checkin.2 = ami:DBPut|Family=X|ActionID=1|Key=%exten%|Val=%name%|bad\n"
+                   "[ami]\ndbdriver = sqlite\n[extensions]\n101 = 2101\n102 = 2101\n");
     output = run_to_end({orlanbeck_binary(), "--test-config", "-c", dir.file("bad.conf")}, &status);
     EXPECT_EQ(1, status);
     for (const char* text :
@@ -243,7 +245,10 @@ TEST_F(CommandLine, CheckOptionPassesTheSampleAndNamesEveryProblemWithItsKey) {
           "services:checkout has an unknown placeholder at \"%nope%",
           "services:bareon names the database \"nodb\", which no section defines",
           "services:billcalls is never run", "[old] dbdriver = oracle is no known driver",
-          "bad.conf: 6 problems"})
+          "services:checkin.2 sets an ActionID", "services:checkin.2 has \"bad\", which is no",
+          "Service steps send Manager actions, but services:cdr_mgr_host is not set",
+          "[ami] is a database section", "extension 2101 is in rooms 101 and 102",
+          "bad.conf: 13 problems"})
         EXPECT_NE(std::string::npos, output.find(text)) << text << "\n" << output;
     EXPECT_EQ(std::string::npos, output.find("Can not connect")) << output;
     EXPECT_NE(0, access(dir.file("states.db").c_str(), F_OK));
