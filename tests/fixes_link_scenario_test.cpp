@@ -50,50 +50,13 @@ mode_t mode_of(const std::string& path) {
     return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
 }
 
-// (Calls that become due while the link is down: FixesValues.)
-TEST(FixesLink, ALostLinkIsNoticedAndMadeAgainAtOnce) {
-    daemon_run run;
-    run.set("fixes", "all", "yes");
-    ASSERT_TRUE(run.start()) << run.log();
-
-    // The PMS resets the link, then closes it cleanly: each time the daemon
-    // connects again at once and runs the start-up again.
-    run.pms.reset_connection();
-    ASSERT_TRUE(wait_until([&] { return run.pms.connections() == 2; }, 3s)) << run.log();
-    ASSERT_TRUE(run.pms.wait_link_active(10s));
-    run.pms.drop_connection();
-    ASSERT_TRUE(wait_until([&] { return run.pms.connections() == 3; }, 3s)) << run.log();
-    ASSERT_TRUE(run.pms.wait_link_active(10s));
-    EXPECT_EQ(2u, run.count_log("Connection to PMS lost"));
-    EXPECT_EQ(3u, run.pms.count_frames("LS|"));
-
-    // "LE" ends the link too.
-    run.pms.send_record("LE|DA240514|TI120000|");
-    ASSERT_TRUE(wait_until([&] { return run.pms.connections() == 4; }, 3s)) << run.log();
-    EXPECT_EQ(3u, run.count_log("Connection to PMS lost"));
-}
-
-TEST(FixesLink, APmsThatStopsReadingCostsTheLinkNotTheThreads) {
+// (Calls that become due while the link is down: FixesValues. Without the
+// section a lost link is not noticed: Compatibility.)
+TEST(FixesLink, RecordsComeInOrderAtOnceAndALostLinkIsMadeAgainAtOnce) {
     daemon_run run;
     run.set("fixes", "all", "yes");
     run.use_log_templates();
     use_calls(run);
-    ASSERT_TRUE(run.start()) << run.log();
-    run.pms.pause_reading(true);
-    add_calls(run, "101", 6000);  // more than the socket buffers take
-    ASSERT_TRUE(run.wait_log("Connection to PMS lost")) << run.log();
-    run.pms.pause_reading(false);
-    ASSERT_TRUE(wait_until([&] { return run.pms.connections() == 2; }, 10s)) << run.log();
-    ASSERT_TRUE(run.pms.wait_link_active(10s));
-    // Records are handled again.
-    ASSERT_TRUE(run.play({"GI|RN101|GNSmith|"}, "\tName: Smith")) << run.log();
-    ASSERT_TRUE(wait_until([&] { return run.pbx_log().size() == 1; }));
-}
-
-TEST(FixesLink, ABurstOfRecordsIsAppliedInOrderAndAtOnce) {
-    daemon_run run;
-    run.set("fixes", "all", "yes");
-    run.use_log_templates();
     // A pause of 5 s after each record would take over 16 minutes for these.
     run.env.push_back("ORLANBECK_TEST_RECORD_PAUSE_MS=5000");
     ASSERT_TRUE(run.start()) << run.log();
@@ -109,15 +72,47 @@ TEST(FixesLink, ABurstOfRecordsIsAppliedInOrderAndAtOnce) {
     for (int i = 0; i < 200; ++i)
         ASSERT_EQ((std::vector<std::string>{"checkin", std::to_string(1000 + i)}), rows[i]) << i;
     EXPECT_EQ((std::vector<std::string>{"checkout", "7"}), rows.back());
+
+    // The PMS resets the link, closes it cleanly, then ends it with "LE":
+    // each time the daemon connects again at once and runs the start-up again.
+    run.pms.reset_connection();
+    ASSERT_TRUE(wait_until([&] { return run.pms.connections() == 2; }, 3s)) << run.log();
+    ASSERT_TRUE(run.pms.wait_link_active(10s));
+    run.pms.drop_connection();
+    ASSERT_TRUE(wait_until([&] { return run.pms.connections() == 3; }, 3s)) << run.log();
+    ASSERT_TRUE(run.pms.wait_link_active(10s));
+    run.pms.send_record("LE|DA240514|TI120000|");
+    ASSERT_TRUE(wait_until([&] { return run.pms.connections() == 4; }, 3s)) << run.log();
+    ASSERT_TRUE(run.pms.wait_link_active(10s));
+    EXPECT_EQ(3u, run.count_log("Connection to PMS lost"));
+    EXPECT_EQ(4u, run.pms.count_frames("LS|"));
+
+    // A PMS that stops reading costs the link, not the threads.
+    run.pms.pause_reading(true);
+    add_calls(run, "101", 6000);  // more than the socket buffers take
+    ASSERT_TRUE(wait_until([&] { return run.count_log("Connection to PMS lost") == 4; }))
+        << run.log();
+    run.pms.pause_reading(false);
+    ASSERT_TRUE(wait_until([&] { return run.pms.connections() == 5; }, 10s)) << run.log();
+    ASSERT_TRUE(run.pms.wait_link_active(10s));
+    ASSERT_TRUE(run.play({"GI|RN101|GNSmith|"}, "\tName: Smith")) << run.log();
+    ASSERT_TRUE(wait_until([&] { return run.pbx("select count(*) from log")[0][0] == "203"; }));
 }
 
-TEST(FixesLink, InTheForegroundHangupReloadsAndTerminateEndsCleanly) {
+// Started and reloaded in the foreground, logging to its file.
+TEST(FixesLink, HangupReloadsRotatesTheLogAndAMissingFileEndsWithStatusOne) {
     daemon_run run;
     run.set("fixes", "all", "yes");
     use_calls(run);
     add_calls(run, "101", 1);
     add_calls(run, "102", 1);
+    run.console_log = false;
+    const std::string log_file = run.dir().file("orlanbeck.log");
+    write_file(log_file, "");
+    chmod(log_file.c_str(), 0666);
     ASSERT_TRUE(run.start()) << run.log();
+    EXPECT_EQ(0640u, mode_of(log_file));
+    EXPECT_EQ(0640u, mode_of(run.states_file()));
     ASSERT_TRUE(run.pms.wait_for_frame("PS|P#0001|RN101|", 10s)) << run.log();
 
     // A room added to [rooms] is billed after the reload.
@@ -138,29 +133,10 @@ TEST(FixesLink, InTheForegroundHangupReloadsAndTerminateEndsCleanly) {
     run.process().signal(SIGHUP);
     ASSERT_TRUE(moved.wait_link_active(10s)) << run.log();
 
-    run.process().signal(SIGTERM);
-    EXPECT_EQ(0, run.process().wait_exit(10s)) << run.log();
-    EXPECT_TRUE(run.wait_log("Caught signal 15. Exiting."));
-}
-
-TEST(FixesLink, PrivateFilesAQuietOutputAndARotatedLog) {
-    daemon_run run;
-    run.set("fixes", "all", "yes");
-    run.use_manager();
-    run.console_log = false;
-    const std::string log_file = run.dir().file("orlanbeck.log");
-    write_file(log_file, "");
-    chmod(log_file.c_str(), 0666);
-    ASSERT_TRUE(run.start()) << read_file(log_file);
-    EXPECT_EQ(0640u, mode_of(log_file));
-    EXPECT_EQ(0640u, mode_of(run.states_file()));
-    EXPECT_NE(std::string::npos, read_file(log_file).find("p=(hidden)"));
-    EXPECT_EQ(std::string::npos, read_file(log_file).find("secret"));
-
+    // A log file moved away is left for a new one, private too.
     ASSERT_EQ(0, rename(log_file.c_str(), (log_file + ".1").c_str()));
     run.process().signal(SIGHUP);
-    ASSERT_TRUE(
-        wait_until([&] { return read_file(log_file).find("Hangup.") != std::string::npos; }));
+    ASSERT_TRUE(run.wait_log("Hangup.")) << read_file(log_file + ".1");
     EXPECT_EQ(0640u, mode_of(log_file));
     // Nothing on standard output: no "Read code", no statements.
     EXPECT_EQ(std::string::npos, run.process().output().find("Read code"));
@@ -168,20 +144,7 @@ TEST(FixesLink, PrivateFilesAQuietOutputAndARotatedLog) {
     // A file that cannot be read on reload ends the daemon with status 1.
     std::remove(run.config_path().c_str());
     run.process().signal(SIGHUP);
-    EXPECT_EQ(1, run.process().wait_exit(10s)) << read_file(log_file);
-}
-
-TEST(FixesLink, WithoutTheSectionTheLinkAndTheFilesBehaveAsBefore) {
-    daemon_run run;
-    run.use_manager();
-    ASSERT_TRUE(run.start()) << run.log();
-    EXPECT_NE(std::string::npos, run.log().find("Read code 2"));
-    EXPECT_NE(std::string::npos, run.log().find("p=secret"));
-    // A PMS that closes the link is not noticed ("LE": FiasMore).
-    run.pms.drop_connection();
-    std::this_thread::sleep_for(2s);
-    EXPECT_EQ(1, run.pms.connections());
-    EXPECT_EQ(0u, run.count_log("Connection to PMS lost"));
+    EXPECT_EQ(1, run.process().wait_exit(10s)) << run.log();
 }
 
 }  // namespace

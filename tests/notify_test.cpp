@@ -1,7 +1,8 @@
 // What the daemon tells systemd: READY, STATUS and watchdog pings, read from
 // a notification socket of our own; pings stop when the billing thread
-// hangs, and go on while it is stopped by its configuration.
+// hangs, and go on while it is stopped by its configuration or the PMS is away.
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include "sim_notify.h"
 #include "support_daemon.h"
@@ -36,10 +37,15 @@ TEST(Notify, ReadyStatusPingsAndAWedgedBillingThreadStopsThePings) {
     std::this_thread::sleep_for(1s);
     EXPECT_EQ(pings, systemd.count("WATCHDOG=1")) << systemd.all();
 
-    run.process().terminate(5s);
+    // SIGTERM ends the daemon with status 0, also with a thread that cannot be joined.
+    run.process().signal(SIGTERM);
     EXPECT_TRUE(systemd.wait("STOPPING=1", 2s)) << systemd.all();
+    EXPECT_EQ(0, run.process().wait_exit(10s));
+    EXPECT_TRUE(run.wait_log("Caught signal 15. Exiting.")) << run.log();
 }
 
+// Also the PMS link as the daemon keeps it: made once the PMS appears,
+// dropped on a stray byte and made again.
 TEST(Notify, AnUnreachablePmsAndABillingThreadStoppedByDesignKeepThePings) {
     daemon_run run(false);
     notify_sim systemd(run.dir().file("notify.sock"));
@@ -51,8 +57,20 @@ TEST(Notify, AnUnreachablePmsAndABillingThreadStoppedByDesignKeepThePings) {
         "STATUS=PMS 127.0.0.1:" + std::to_string(run.pms_port()) + " unreachable since ";
     ASSERT_TRUE(systemd.wait(unreachable, 10s)) << systemd.all();
     ASSERT_TRUE(wait_until([&] { return systemd.count("WATCHDOG=1") >= 3; })) << systemd.all();
+    const std::string error =
+        "Unable to connect to PMS at 127.0.0.1:" + std::to_string(run.pms_port()) + "/PB";
+    ASSERT_TRUE(wait_until([&] {
+        return run.count_log(error) >= 3 && run.count_log("Connection to PMS lost") >= 2;
+    })) << run.log();
+    EXPECT_TRUE(run.process().running()) << "start-up goes on without the PMS";
+    // A fresh states file gets its tables after the start-up's errors; with
+    // -d the log goes to the console only.
+    EXPECT_TRUE(run.wait_log("Sqlite query error: no such table: rooms, ext.errcode 1"));
+    EXPECT_EQ("", read_file(run.dir().file("orlanbeck.log")));
 
     ASSERT_TRUE(run.pms.start());
+    ASSERT_TRUE(run.pms.wait_link_active(15s)) << run.log();
+    EXPECT_EQ(1u, run.pms.count_frames("LS|"));
     ASSERT_TRUE(run.wait_log("this thread stops here")) << run.log();
     ASSERT_TRUE(
         systemd.wait("; billing stopped: services:billcalls has an unknown placeholder", 10s))
@@ -60,6 +78,13 @@ TEST(Notify, AnUnreachablePmsAndABillingThreadStoppedByDesignKeepThePings) {
     const size_t pings = systemd.count("WATCHDOG=1");
     EXPECT_TRUE(wait_until([&] { return systemd.count("WATCHDOG=1") >= pings + 3; }))
         << systemd.all();
+
+    // A stray byte before a record drops the link, which is made again.
+    ASSERT_TRUE(run.pms.send_raw("A"));
+    ASSERT_TRUE(run.wait_log("Read code 41"));
+    ASSERT_TRUE(wait_until([&] { return run.pms.connections() == 2; }, 15s)) << run.log();
+    ASSERT_TRUE(run.pms.wait_link_active(15s)) << run.log();
+    EXPECT_EQ(2u, run.pms.count_frames("LS|"));
 }
 
 }  // namespace

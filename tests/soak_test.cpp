@@ -15,32 +15,18 @@ using namespace std::chrono_literals;
 
 namespace {
 
-long rss_kb(pid_t pid) {
-    for (const std::string& line : lines_of(read_file("/proc/" + std::to_string(pid) + "/status")))
-        if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
-    return -1;
-}
-
-// Calls come from the rooms 1001-1250, which stay checked in all day; guests
-// come and go in 1251-1500. Each call has its own number and start second.
-std::string caller(int call) {
-    return std::to_string(1001 + call % 250);
-}
-std::string guest_room(int stay) {
-    return std::to_string(1251 + stay % 250);
-}
-std::string number(int call) {
-    return "0" + std::to_string(100000000 + call);
-}
-std::string start(int call) {
-    char text[32];
-    snprintf(text, sizeof text, "2026-11-22 %02d:%02d:%02d", 6 + call / 3600, call / 60 % 60,
-             call % 60);
-    return text;
-}
-
 TEST(Soak, ABusyDayLosesNothingAndLeavesNoGrowth) {
     constexpr int rounds = 20, stays_per_round = 100, calls_per_round = 500;
+    // Calls come from the rooms 1001-1250, which stay checked in all day; guests
+    // come and go in 1251-1500. Each call has its own number and start second.
+    auto caller = [](int call) { return std::to_string(1001 + call % 250); };
+    auto guest_room = [](int stay) { return std::to_string(1251 + stay % 250); };
+    auto start = [](int call) {
+        char text[32];
+        snprintf(text, sizeof text, "2026-11-22 %02d:%02d:%02d", 6 + call / 3600, call / 60 % 60,
+                 call % 60);
+        return std::string(text);
+    };
     daemon_run run;
     run.console_log = false;
     run.set("fixes", "all", "yes").set("pms", "night_audit", "yes").use_log_templates();
@@ -51,18 +37,17 @@ TEST(Soak, ABusyDayLosesNothingAndLeavesNoGrowth) {
     }
     ASSERT_TRUE(run.start()) << run.log();
     run.set("logger", "log_level", "3").write_config();  // NOTICE and up from the first reload
-    const pid_t pid = run.process().pid();
-    const std::string hup = "sig_hup: Hangup.";
-    auto reload = [&] {
-        const size_t done = run.count_log(hup);
-        run.process().signal(SIGHUP);
-        return wait_until([&] { return run.count_log(hup) > done; }, 30s);
+    const std::string proc = "/proc/" + std::to_string(run.process().pid());
+    auto rss_kb = [&] {
+        std::string status = read_file(proc + "/status");
+        return std::stol(status.substr(status.find("VmRSS:") + 6));
     };
+    const std::string hup = "sig_hup: Hangup.";
     sql_rows stays;
     int calls = 0;
     long warm_rss = 0, warm_fds = 0;
     for (int round = 0; round < rounds; ++round) {
-        if (round == 10) {  // a night audit for this round
+        if (round == 10) {
             ASSERT_TRUE(run.pms.send_night_audit(true));
         }
         for (int i = round * stays_per_round; i < (round + 1) * stays_per_round; ++i) {
@@ -73,9 +58,14 @@ TEST(Soak, ABusyDayLosesNothingAndLeavesNoGrowth) {
             stays.push_back({"checkout", rn, guest});
         }
         for (int i = 0; i < calls_per_round; ++i, ++calls)
-            ASSERT_EQ(1, run.mgr.send_cdr(mgr_cdr_event::make(caller(calls), number(calls),
-                                                              start(calls), 30 + calls % 60)));
-        for (int r = 0; r < (round % 2 ? 2 : 3); ++r) ASSERT_TRUE(reload());
+            ASSERT_EQ(1, run.mgr.send_cdr(mgr_cdr_event::make(
+                             caller(calls), "0" + std::to_string(100000000 + calls), start(calls),
+                             30 + calls % 60)));
+        for (int r = 0; r < (round % 2 ? 2 : 3); ++r) {
+            const size_t done = run.count_log(hup);
+            run.process().signal(SIGHUP);
+            ASSERT_TRUE(wait_until([&] { return run.count_log(hup) > done; }, 30s));
+        }
         const std::string rows = std::to_string(stays.size());
         ASSERT_TRUE(
             wait_until([&] { return run.pbx("select count(*) from log")[0][0] == rows; }, 60s));
@@ -86,7 +76,7 @@ TEST(Soak, ABusyDayLosesNothingAndLeavesNoGrowth) {
         }
         round % 2 ? run.pms.reset_connection() : run.pms.drop_connection();
         ASSERT_TRUE(run.pms.wait_link_active(15s)) << run.log();
-        if (round == 3) warm_rss = rss_kb(pid), warm_fds = open_fds(pid);
+        if (round == 3) warm_rss = rss_kb(), warm_fds = open_fds(run.process().pid());
     }
     EXPECT_EQ(50u, run.count_log(hup));
 
@@ -125,11 +115,11 @@ TEST(Soak, ABusyDayLosesNothingAndLeavesNoGrowth) {
     }
     for (const auto& [seq, of] : calls_of_number) EXPECT_EQ(1u, of.size()) << "P#" << seq;
 
-    sql_rows rows = run.pbx("select what, exten, a from log order by rowid");
-    EXPECT_TRUE(rows == stays) << "check-ins and check-outs not in order";
-
-    EXPECT_LE(rss_kb(pid), warm_rss * 11 / 10) << "resident memory grew from " << warm_rss;
-    EXPECT_LE(open_fds(pid), warm_fds * 11 / 10) << "descriptors grew from " << warm_fds;
+    EXPECT_TRUE(run.pbx("select what, exten, a from log order by rowid") == stays)
+        << "check-ins and check-outs not in order";
+    EXPECT_LE(rss_kb(), warm_rss * 11 / 10) << "resident memory grew from " << warm_rss;
+    EXPECT_LE(open_fds(run.process().pid()), warm_fds * 11 / 10)
+        << "descriptors grew from " << warm_fds;
     // The errors the scenario provokes: a fresh states file has its tables
     // made after the start-up's errors, and a posting written while the PMS
     // resets the link fails (it is sent again on the next link).

@@ -90,10 +90,16 @@ long open_fds(pid_t pid = 0);
 // The first of `names` found on $PATH or in the usual program folders; "" if none.
 std::string find_program(const std::vector<std::string>& names);
 
-// Rows of `sql` on the SQLite file `path`, every value as text (NULL = "NULL").
-std::vector<std::vector<std::string>> sqlite_rows(const std::string& path, const std::string& sql);
-// Runs statements on the SQLite file `path`; false (with a test failure) on error.
-bool sqlite_exec(const std::string& path, const std::string& sql);
+using sql_rows = std::vector<std::vector<std::string>>;
+// Runs statements on the SQLite file `path`; false (with a test failure) on
+// error. With `rows` the file is only read, and every row returned is added
+// to them, every value as text (NULL = "NULL").
+bool sqlite_exec(const std::string& path, const std::string& sql, sql_rows* rows = nullptr);
+inline sql_rows sqlite_rows(const std::string& path, const std::string& sql) {
+    sql_rows rows;
+    sqlite_exec(path, sql, &rows);
+    return rows;
+}
 
 // Paths of the built programs and the source tree (set by the build).
 std::string orlanbeck_binary();

@@ -84,6 +84,12 @@ bool daemon_run::play(const std::vector<std::string>& records, const std::string
     return true;
 }
 
+std::string daemon_run::announced() const {
+    std::string out;
+    for (const std::string& lr : pms.frames("LR|")) out += lr.substr(5, 2) + " ";
+    return out;
+}
+
 std::string daemon_run::log() const {
     return console_log ? proc_.output() : read_file(dir_.file("orlanbeck.log"));
 }

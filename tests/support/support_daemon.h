@@ -13,8 +13,6 @@
 #include "sim_pms.h"
 #include "support.h"
 
-using sql_rows = std::vector<std::vector<std::string>>;
-
 class daemon_run {
     int pms_port_ = pick_free_port();  // before pms, which listens on it
 
@@ -53,6 +51,8 @@ class daemon_run {
     // wakeup_set, wakeup_clear) that insert into the PBX table `log`.
     void use_log_templates();
     sql_rows pbx_log() const { return pbx("select what, exten, a, b, c from log order by rowid"); }
+    // The record types of the link description, in the order announced.
+    std::string announced() const;
 
     // Writes the configuration and starts "orlanbeck -f -d -c <file>". With
     // the PMS up, false unless the link (and the Manager login) is made.

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -81,18 +82,12 @@ bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds tim
 
 namespace {
 
-// An open, already unlinked temporary file holding `text`.
+// An open, unnamed file holding `text`.
 int unnamed_file(const std::string& text) {
-    const char* base = getenv("TMPDIR");
-    std::string path = std::string(base && *base ? base : "/tmp") + "/orlanbeck-child-XXXXXX";
-    int fd = mkostemp(path.data(), O_CLOEXEC);
-    if (fd < 0) return -1;
-    unlink(path.c_str());
-    if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-        close(fd);
-        return -1;
-    }
-    lseek(fd, 0, SEEK_SET);
+    int fd = memfd_create("orlanbeck-child", MFD_CLOEXEC);
+    if (fd >= 0 && write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+        close(fd), fd = -1;
+    if (fd >= 0) lseek(fd, 0, SEEK_SET);
     return fd;
 }
 
@@ -196,36 +191,19 @@ std::string find_program(const std::vector<std::string>& names) {
     return "";
 }
 
-std::vector<std::vector<std::string>> sqlite_rows(const std::string& path, const std::string& sql) {
-    std::vector<std::vector<std::string>> rows;
+bool sqlite_exec(const std::string& path, const std::string& sql, sql_rows* rows) {
     sqlite3* db = nullptr;
-    sqlite3_stmt* st = nullptr;
-    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
-        ADD_FAILURE() << "cannot open " << path;
-    } else if (sqlite3_busy_timeout(db, 5000),
-               sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr) != SQLITE_OK) {
-        ADD_FAILURE() << sqlite3_errmsg(db) << " in " << sql;
-    } else {
-        while (sqlite3_step(st) == SQLITE_ROW) {
-            rows.emplace_back();
-            for (int i = 0; i < sqlite3_column_count(st); ++i) {
-                const unsigned char* t = sqlite3_column_text(st, i);
-                rows.back().emplace_back(t ? reinterpret_cast<const char*>(t) : "NULL");
-            }
-        }
-    }
-    sqlite3_finalize(st);
-    sqlite3_close(db);
-    return rows;
-}
-
-bool sqlite_exec(const std::string& path, const std::string& sql) {
-    sqlite3* db = nullptr;
-    sqlite3_open(path.c_str(), &db);
-    sqlite3_busy_timeout(db, 5000);
     char* err = nullptr;
-    int rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &err);
-    if (rc != SQLITE_OK) ADD_FAILURE() << (err ? err : "?") << " in " << sql;
+    int flags = rows ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+    int rc = sqlite3_open_v2(path.c_str(), &db, flags, nullptr);
+    auto collect = [](void* out, int n, char** values, char**) {
+        auto& row = static_cast<sql_rows*>(out)->emplace_back();
+        for (int i = 0; i < n; ++i) row.emplace_back(values[i] ? values[i] : "NULL");
+        return 0;
+    };
+    if (rc == SQLITE_OK && sqlite3_busy_timeout(db, 5000) == SQLITE_OK)
+        rc = sqlite3_exec(db, sql.c_str(), rows ? +collect : nullptr, rows, &err);
+    if (rc != SQLITE_OK) ADD_FAILURE() << (err ? err : sqlite3_errmsg(db)) << " in " << sql;
     sqlite3_free(err);
     sqlite3_close(db);
     return rc == SQLITE_OK;
