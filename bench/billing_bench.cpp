@@ -113,9 +113,9 @@ struct cycle_parts {
     drained_link drained;
     states_file states;
     audit_window audit;
-    unanswered_postings waiting;
+    posting_extensions extensions;
     notifier notify;
-    billing_parts parts{drained.link, states, audit, waiting, notify};
+    billing_parts parts{drained.link, states, audit, extensions, notify};
 };
 
 cycle_parts& bench_parts() {

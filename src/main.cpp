@@ -351,14 +351,14 @@ int main(int argc, char** argv) {
     state.notify = &notify;
     resync sync;
     audit_window audit;
-    unanswered_postings waiting;
-    record_dispatcher records({configs, link, states, sync, audit, waiting, state.manager},
+    posting_extensions extensions;
+    record_dispatcher records({configs, link, states, sync, audit, extensions, state.manager},
                               state.start_fixes.ordered_records);
     state.records = &records;
     notify.start(link, states, cfg->use_manager);
     state.connect_pms();
 
-    const billing_parts billing{link, states, audit, waiting, notify};
+    const billing_parts billing{link, states, audit, extensions, notify};
     state.billing.start([&] { service_background(configs, billing, state.stop); });
     state.start_manager(cfg);
     cfg.reset();

@@ -71,9 +71,9 @@ class BillingCycle : public ::testing::Test {
     pms_link link;
     states_file states;
     audit_window audit;
-    unanswered_postings waiting;
+    posting_extensions extensions;
     notifier notify;
-    const billing_parts parts{link, states, audit, waiting, notify};
+    const billing_parts parts{link, states, audit, extensions, notify};
     posting_sequence sequence;
     int far_end = -1;
     std::string wire;
@@ -167,19 +167,57 @@ TEST_F(BillingCycle, PassesThatCannotGoOnGiveUpAndReleaseTheLock) {
     ASSERT_EQ(std::future_status::ready, taken.wait_for(5s));
 }
 
-TEST(UnansweredPostings, AnUnansweredPostingIsSentAgainOnceAndOneWaitsPerNumber) {
-    unanswered_postings waiting;
-    for (const char* seq : {"0001", "0002", "0003", "0001"})  // the sequence came round
-        waiting.sent({seq, "101", "5551234", std::string("PS|P#") + seq + "|"}, 1);
-    EXPECT_TRUE(waiting.answered("0002"));
-    EXPECT_FALSE(waiting.answered("0002"));
-    EXPECT_TRUE(waiting.to_resend(1).empty());  // their link is still up
-    std::vector<unanswered_postings::posting> again = waiting.to_resend(2);
-    ASSERT_EQ(2u, again.size());
-    EXPECT_EQ("0003", again[0].seq);  // in the order they were sent
-    EXPECT_EQ("PS|P#0001|", again[1].text);
-    EXPECT_TRUE(waiting.to_resend(3).empty());
-    EXPECT_FALSE(waiting.answered("0003"));
+// With the outbox, what a run wrote survives it: a run killed after writing
+// its postings (here: a second states_file on the same file, as a restart
+// makes) sends the unanswered ones once more under their own numbers,
+// continues the numbers, runs the marks left due and never posts an
+// answered call again.
+TEST_F(BillingCycle, TheOutboxCarriesPostingsAndMarksAcrossARestart) {
+    cfg.fixes.posting = true;
+    ASSERT_EQ(0, states.open(dir.file("states.db")));
+    ASSERT_TRUE(
+        exec("insert into calls values ('101','2009-05-14','10:20:30','5551234',125,-1,0),"
+             "('102','2009-12-01','23:59:59','0049301',3600,498,0);"));
+    ASSERT_TRUE(cycle({"101", "102"}));
+    ASSERT_EQ(2u, frames().size());
+    ASSERT_TRUE(states.outbox_answered("0001"));
+    EXPECT_FALSE(states.outbox_answered("0001")) << "an answer settles its posting once";
+
+    // A restart between a posting's write and its mark: the call is in the
+    // outbox with its billmark due, and still unmarked in the PBX.
+    states_file::outbox_entry left;
+    left.kind = "PS";
+    left.seq = "0003";
+    left.room = "103";
+    left.number = "5550000";
+    left.date = "2009-05-16";
+    left.time = "08:00:00";
+    left.record = "PS|P#0003|RN103|DD5550000|";
+    left.mark = "pbx";
+    left.mark_key = "billmark";
+    ASSERT_TRUE(exec("insert into calls values ('103','2009-05-16','08:00:00','5550000',5,-1,0)"));
+    ASSERT_GT(states.outbox_put(left, link.link_number()), 0);
+
+    states_file restarted;
+    ASSERT_EQ(0, restarted.open(dir.file("states.db")));
+    const billing_parts after{link, restarted, audit, extensions, notify};
+    posting_sequence numbers;
+    numbers.last = static_cast<unsigned>(restarted.last_posting_number());
+    EXPECT_EQ(3u, numbers.last);
+    ASSERT_TRUE(exec("insert into calls values ('101','2009-05-17','09:00:00','5557777',9,-1,0)"));
+    ASSERT_TRUE(billing_cycle(cfg, {"101", "102", "103"}, after, numbers));
+    const texts sent = frames();
+    EXPECT_EQ((texts{"PS|P#0002|RN102|PTC|TA3|DA091201|TI235959|DU010000|DD0049301|",
+                     "PS|P#0003|RN103|DD5550000|",
+                     "PS|P#0004|RN101|PTT|DA090517|TI090000|DU000009|DD5557777|"}),
+              texts(sent.begin() + 2, sent.end()));
+    EXPECT_NE(std::string::npos, log().find("Posting P#0002 of room 102 (0049301) sent again"));
+    EXPECT_EQ((rows{{"1"}, {"1"}, {"1"}, {"1"}}), pbx_rows("select posted from calls"));
+    ASSERT_TRUE(billing_cycle(cfg, {"101", "102", "103"}, after, numbers));
+    EXPECT_EQ(5u, frames().size()) << "a posting goes out again once only";
+    std::vector<states_file::outbox_entry> due;
+    EXPECT_EQ(0, restarted.outbox_marks_due(due));
+    EXPECT_TRUE(due.empty());
 }
 
 }  // namespace

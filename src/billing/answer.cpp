@@ -4,7 +4,7 @@
 
 #include "logger.h"
 
-void do_pa(const record_context& ctx, unanswered_postings& waiting) {
+void do_pa(const record_context& ctx, posting_extensions& extensions) {
     LOG(L_NOTICE, "Posting answer");
     fias_field_t* rn = room_field(ctx);
     if (!rn) return;
@@ -23,8 +23,23 @@ void do_pa(const record_context& ctx, unanswered_postings& waiting) {
     // An answer without "AS" counts as refused.
     const bool accepted = answer && strncasecmp(answer, "OK", 2) == 0;
     const posting_policy policy(*ctx.cfg);
-    // An answer settles its posting (or its copy).
-    if (policy.waits_for_answers()) waiting.answered(field_text(seq));
+    // With the outbox an answer settles its posting; an answer to a posting
+    // that is not waiting (answered already, or never sent) changes nothing,
+    // so that nothing is marked twice.
+    std::string extension;
+    if (policy.keeps_outbox()) {
+        std::optional<states_file::outbox_entry> posting =
+            ctx.states.outbox_answered(field_text(seq));
+        if (!posting) {
+            LOG(L_NOTICE,
+                "Answer to posting P#%s of room %s, which waits for none: nothing is marked",
+                field_text(seq), field_text(rn));
+            return;
+        }
+        extension = posting->extension;
+    } else {
+        extension = extensions.extension_of(field_text(seq));
+    }
     if (!accepted) {
         LOG(L_WARNING, "Non-OK answer on Post call. Please check");
         // It stays marked as sent: it is settled on the PMS's side.
@@ -41,7 +56,6 @@ void do_pa(const record_context& ctx, unanswered_postings& waiting) {
     }
 
     // With [extensions], %exten% is the extension that made the call.
-    const std::string extension = waiting.extension_of(field_text(seq));
     const fias_field_t made_by = text_field("RN", extension);
     run_service(ctx, "billok", ctx.cfg->billok,
                 {.rn = extension.empty() ? rn : &made_by,

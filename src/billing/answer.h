@@ -9,4 +9,4 @@
 #include "billing/postings.h"
 #include "steps/context.h"
 
-void do_pa(const record_context& ctx, unanswered_postings& waiting);
+void do_pa(const record_context& ctx, posting_extensions& extensions);

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -55,16 +56,41 @@ struct pass_env {
     posting_sequence& sequence;
     fill_options fill;
     posting_policy policy;
+    bool outbox;  // posting_policy::keeps_outbox
     fias_codec_options codec;
     billing_memory* memory;  // may be null
     pms_link& link() const { return parts.link; }
 };
 
+// Writes a report into the outbox, then on the link. False when it could not
+// be written into the outbox (it is then not sent).
+bool send_through_outbox(pass_env& env, const fias_packet_t* rec, const char* error,
+                         states_file::outbox_entry& entry) {
+    pms_link& link = env.link();
+    const unsigned number = link.link_number();
+    entry.record = fias_packet_to_str(rec, env.codec);
+    entry.id = env.parts.states.outbox_put(entry, number);
+    if (entry.id < 0) {
+        LOG(L_ERROR, "The %s record of room %s could not be written to the states file: not sent",
+            entry.kind.c_str(), entry.room.c_str());
+        return false;
+    }
+    if (link.send_raw(entry.record.c_str()) < 0)
+        LOG(L_ERROR, "%s", error);
+    else
+        env.parts.states.outbox_written(entry.id, number);
+    return true;
+}
+
 // Sends a report ("PS", "WA", "RE"). True when it is to be marked (see
-// posting_policy::marks_only_sent).
-bool send_report(pass_env& env, const fias_packet_t* rec, const char* error) {
+// posting_policy::marks_only_sent). With the outbox, `entry` describes it
+// there, and a report in the outbox is marked whether or not this write went
+// through: the outbox sends it again.
+bool send_report(pass_env& env, const fias_packet_t* rec, const char* error,
+                 states_file::outbox_entry& entry) {
     if (env.parts.audit.holds_postings()) return false;  // neither sent nor marked
     if (env.policy.marks_only_sent() && !env.link().active()) return false;
+    if (env.outbox) return send_through_outbox(env, rec, error, entry);
     if (env.link().send_packet(rec) >= 0) return true;
     LOG(L_ERROR, "%s", error);
     return !env.policy.marks_only_sent();
@@ -73,8 +99,10 @@ bool send_report(pass_env& env, const fias_packet_t* rec, const char* error) {
 // Builds and sends the "PS" record of one call. Null when the record cannot
 // be made or was not sent when only what was sent is marked (the row is then
 // skipped and not marked).
+// `entry` brings the outbox entry's mark and extension and gets the rest.
 fias_packet_ptr post_call(pass_env& env, const std::string& room, const call_row& row,
-                          const char* dateformat, const char* timeformat, std::string* sequence) {
+                          const char* dateformat, const char* timeformat, std::string* sequence,
+                          states_file::outbox_entry& entry) {
     fias_packet_ptr rec = fias_create_packet(FIAS_PS);
     if (!rec) return nullptr;
     set_field(rec.get(), "RN", text_value(room.c_str()));
@@ -97,10 +125,13 @@ fias_packet_ptr post_call(pass_env& env, const std::string& room, const call_row
     } else {
         set_field(rec.get(), "PT", text_value("T"));
     }
-    if (!send_report(env, rec.get(), "Unable to send fias Post Simple")) return nullptr;
-    if (env.policy.waits_for_answers())
-        env.parts.waiting.sent({*sequence, room, row.dst, fias_packet_to_str(rec.get(), env.codec)},
-                               env.link().link_number());
+    entry.kind = "PS";
+    entry.seq = *sequence;
+    entry.room = room;
+    entry.number = row.dst;
+    entry.date = row.date;
+    entry.time = row.time;
+    if (!send_report(env, rec.get(), "Unable to send fias Post Simple", entry)) return nullptr;
     return rec;
 }
 
@@ -199,29 +230,38 @@ void open_room_query(dbdriver_t& drv, const std::string& statement) REQUIRES(drv
 // Runs a room's marks in order. On an SQLite database a room's marks (each a
 // single statement) are committed together, so that a room costs one commit;
 // a crash in the middle posts again at most this room's calls.
-void run_marks(dbdriver_t& drv, const std::vector<std::string>& marks) REQUIRES(drv) {
-    if (marks.empty()) return;
+// True when every mark ran.
+bool run_marks(dbdriver_t& drv, const std::vector<std::string>& marks) REQUIRES(drv) {
+    if (marks.empty()) return true;
     bool single = true;
     for (const std::string& m : marks) single = single && m.find(';') == std::string::npos;
     const bool grouped = marks.size() > 1 && single && sqlite_begin(drv) == 0;
-    for (const std::string& m : marks) drv.query(m.c_str());
-    if (grouped) sqlite_commit(drv);
+    bool ran = true;
+    for (const std::string& m : marks) ran = drv.query(m.c_str()) == 0 && ran;
+    if (grouped) ran = sqlite_commit(drv) == 0 && ran;
+    return ran;
 }
 
 void cache_pass(pass_env& env, const std::vector<std::string>& rooms) {
     LOG(L_DEBUG, "Cache case: check internal cdrcache values");
     states_file& states = env.parts.states;
     for (const std::string& room : rooms) {
-        states.post_unposted(
+        std::vector<long> outbox_ids;  // whose cache mark is due
+        const int marked = states.post_unposted(
             room,
             [&](const call_row& row) -> std::optional<posted_call> {
                 std::string sequence;
-                fias_packet_ptr rec =
-                    post_call(env, room, row, cache_date_format, cache_time_format, &sequence);
+                states_file::outbox_entry entry;
+                entry.mark = "cache";
+                fias_packet_ptr rec = post_call(env, room, row, cache_date_format,
+                                                cache_time_format, &sequence, entry);
                 if (!rec) return std::nullopt;
+                if (env.outbox) outbox_ids.push_back(entry.id);
                 return posted_call{fias_packet_to_str(rec.get(), env.codec), sequence};
             },
             env.fill);
+        if (marked == 0)
+            for (long id : outbox_ids) states.outbox_marked(id);
     }
     states.checkpoint();
 }
@@ -239,15 +279,24 @@ bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>
             db_lock guard(drv);
             open_room_query(drv, room_statement(env, drv, src.statement, extension));
             std::vector<std::string> marks;
+            std::vector<long> outbox_ids;  // whose billmark is due
             while (drv.fetch_row() == 0) {
                 call_row row;
                 if (read_call_row(drv, row) != row_read::ok) break;
                 std::string sequence;
-                fias_packet_ptr rec =
-                    post_call(env, room, row, drv.dateformat, drv.timeformat, &sequence);
-                if (!rec) continue;
-                if (extension != room) env.parts.waiting.made_by(sequence, extension);
+                states_file::outbox_entry entry;
+                if (extension != room) entry.extension = extension;
                 if (!billmark.empty()) {
+                    entry.mark = drv.name;
+                    entry.mark_key = "billmark";
+                }
+                fias_packet_ptr rec =
+                    post_call(env, room, row, drv.dateformat, drv.timeformat, &sequence, entry);
+                if (!rec) continue;
+                if (!env.outbox && extension != room)
+                    env.parts.extensions.made_by(sequence, extension);
+                if (!billmark.empty()) {
+                    if (env.outbox) outbox_ids.push_back(entry.id);
                     marks.push_back(prepare_query2(&drv, billmark.c_str(), extension.c_str(),
                                                    row.date, row.time, sequence.c_str(), env.fill));
                     if (env.fill.quiet)
@@ -256,7 +305,8 @@ bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>
                         printf("Sending mark query: %s\n", marks.back().c_str());
                 }
             }
-            run_marks(drv, marks);
+            if (run_marks(drv, marks))
+                for (long id : outbox_ids) env.parts.states.outbox_marked(id);
         }
     return true;
 }
@@ -271,8 +321,10 @@ struct reported {
 };
 
 // The wake-up and room-status passes: each room's statement, its first row
-// handed to `report`, and the mark of what was reported.
-using report_fn = std::optional<reported> (*)(pass_env&, dbdriver_t&, const std::string&);
+// handed to `report` (with the outbox entry that its mark and the row make),
+// and the mark of what was reported.
+using report_fn = std::optional<reported> (*)(pass_env&, dbdriver_t&, const std::string&,
+                                              states_file::outbox_entry&);
 
 bool single_row_pass(pass_env& env, const config& cfg, const std::string& service, const char* key,
                      const opt_text& mark_service, const char* mark_key,
@@ -286,13 +338,19 @@ bool single_row_pass(pass_env& env, const config& cfg, const std::string& servic
         db_lock guard(drv);
         open_room_query(drv, room_statement(env, drv, src.statement, room));
         if (drv.fetch_row() != 0) continue;
-        std::optional<reported> done = report(env, drv, room);
+        states_file::outbox_entry entry;
+        entry.room = room;
+        if (!mark.empty()) {
+            entry.mark = drv.name;
+            entry.mark_key = mark_key;
+        }
+        std::optional<reported> done = report(env, drv, room, entry);
         if (!done) return true;
         if (!done->made || mark.empty()) continue;
         std::string m = prepare_query2(&drv, mark.c_str(), room.c_str(), done->date.c_str(),
                                        done->time.c_str(), nullptr, env.fill);
         LOG(L_DEBUG, "Sending mark query: %s\n", m.c_str());
-        drv.query(m.c_str());
+        if (drv.query(m.c_str()) == 0 && env.outbox) env.parts.states.outbox_marked(entry.id);
     }
     return true;
 }
@@ -314,8 +372,8 @@ const char* wakeup_answer(int result) {
 }
 
 // The wake-up result of a room's first row, as a "WA" record.
-std::optional<reported> wakeup_pass(pass_env& pass, dbdriver_t& drv, const std::string& room)
-    REQUIRES(drv) {
+std::optional<reported> wakeup_pass(pass_env& pass, dbdriver_t& drv, const std::string& room,
+                                    states_file::outbox_entry& entry) REQUIRES(drv) {
     int result = 0;
     char date[32] = "";
     char time[32] = "";
@@ -337,7 +395,10 @@ std::optional<reported> wakeup_pass(pass_env& pass, dbdriver_t& drv, const std::
     set_field(rec.get(), "DA", date_value(date, drv.dateformat));
     set_field(rec.get(), "TI", time_value(time, drv.timeformat));
     set_field(rec.get(), "AS", text_value(wakeup_answer(result)));
-    if (!send_report(pass, rec.get(), "Unable to send fias WR")) return reported{};
+    entry.kind = "WA";
+    entry.date = date;
+    entry.time = time;
+    if (!send_report(pass, rec.get(), "Unable to send fias WR", entry)) return reported{};
     return reported{true, date, time};
 }
 
@@ -348,8 +409,8 @@ const char* room_status_code(int status) {
 }
 
 // The status of a room's first row, as an "RE" record.
-std::optional<reported> room_status_pass(pass_env& pass, dbdriver_t& drv, const std::string& room)
-    REQUIRES(drv) {
+std::optional<reported> room_status_pass(pass_env& pass, dbdriver_t& drv, const std::string& room,
+                                         states_file::outbox_entry& entry) REQUIRES(drv) {
     int status = 0;
     if (drv.fetch_int_field(0, &status) < 0) {
         LOG(L_ERROR, "No mandatory billsec field in cdr query");
@@ -359,25 +420,87 @@ std::optional<reported> room_status_pass(pass_env& pass, dbdriver_t& drv, const 
     if (!rec) return reported{};
     set_field(rec.get(), "RN", text_value(room.c_str()));
     set_field(rec.get(), "RS", text_value(room_status_code(status)));
-    if (!send_report(pass, rec.get(), "Unable to send fias RE")) return reported{};
+    entry.kind = "RE";
+    if (!send_report(pass, rec.get(), "Unable to send fias RE", entry)) return reported{};
     return reported{true, "", ""};
+}
+
+// What the outbox holds for this link goes out first: what was never
+// written whole, and the postings whose answers were lost with an earlier
+// link or a restart, once more with their own "P#".
+void send_outbox(pass_env& env) {
+    pms_link& link = env.link();
+    const unsigned number = link.link_number();
+    std::vector<states_file::outbox_entry> due;
+    env.parts.states.outbox_to_send(number, due);
+    for (const states_file::outbox_entry& e : due) {
+        if (e.kind == "PS" && e.sends > 0)
+            LOG(L_WARNING,
+                "Posting P#%s of room %s (%s) sent again: its answer was lost with the link",
+                e.seq.c_str(), e.room.c_str(), e.number.c_str());
+        if (link.send_raw(e.record.c_str()) < 0) {
+            LOG(L_ERROR, "Unable to send the %s record of room %s from the outbox", e.kind.c_str(),
+                e.room.c_str());
+            return;
+        }
+        env.parts.states.outbox_written(e.id, number);
+    }
+}
+
+const opt_text& mark_service(const config& cfg, const std::string& key) {
+    if (key == "billmark") return cfg.billmark;
+    if (key == "wrmark") return cfg.wrmark;
+    return cfg.remark;
 }
 
 }  // namespace
 
+void run_due_marks(const config& cfg, states_file& states) {
+    std::vector<states_file::outbox_entry> due;
+    if (states.outbox_marks_due(due) != 0) return;
+    const fill_options fill = fill_options_of(cfg);
+    for (const states_file::outbox_entry& e : due) {
+        LOG(L_NOTICE, "The mark of the %s record of room %s is still due: it runs now",
+            e.kind.c_str(), e.room.c_str());
+        if (e.mark == "cache") {
+            if (states.mark_cached(e.room, {{e.date, e.time, e.record}}) == 0)
+                states.outbox_marked(e.id);
+            continue;
+        }
+        const opt_text& service = mark_service(cfg, e.mark_key);
+        dbdriver_ptr drv = find_dbdriver_in(cfg.dbdrivers, e.mark.c_str());
+        service_string s = split_service(service ? *service : std::string());
+        if (!drv || !s.has_statement ||
+            (!fill.percent &&
+             template_unknown_placeholder(TEMPLATE_STRINGS, s.statement.c_str()) >= 0)) {
+            LOG(L_ERROR,
+                "The mark of the %s record of room %s cannot run (services:%s, database "
+                "\"%s\"): it is dropped",
+                e.kind.c_str(), e.room.c_str(), e.mark_key.c_str(), e.mark.c_str());
+            states.outbox_marked(e.id);
+            continue;
+        }
+        const std::string& who = e.extension.empty() ? e.room : e.extension;
+        db_lock guard(*drv);
+        if (drv->is_connected()) drv->reconnect();
+        std::string m =
+            prepare_query2(drv.get(), s.statement.c_str(), who.c_str(), e.date.c_str(),
+                           e.time.c_str(), e.kind == "PS" ? e.seq.c_str() : nullptr, fill);
+        LOG(L_DEBUG, "Sending mark query: %s\n", m.c_str());
+        if (drv->query(m.c_str()) == 0) states.outbox_marked(e.id);
+    }
+}
+
 bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms,
                    const billing_parts& parts, posting_sequence& sequence, billing_memory* memory) {
-    pass_env env{parts, sequence, fill_options_of(cfg), posting_policy(cfg), {cfg.fixes.numbers},
-                 memory};
+    const posting_policy policy(cfg);
+    pass_env env{
+        parts, sequence, fill_options_of(cfg), policy, policy.keeps_outbox(), {cfg.fixes.numbers},
+        memory};
     pms_link& link = parts.link;
+    if (policy.keeps_outbox()) run_due_marks(cfg, parts.states);
     if (!link.active() || parts.audit.holds_postings()) return true;
-    // Postings whose answers were lost with an earlier link go out once more,
-    // with their own "P#".
-    for (const unanswered_postings::posting& p : parts.waiting.to_resend(link.link_number())) {
-        LOG(L_WARNING, "Posting P#%s of room %s (%s) sent again: its answer was lost with the link",
-            p.seq.c_str(), p.room.c_str(), p.number.c_str());
-        if (link.send_raw(p.text.c_str()) < 0) LOG(L_ERROR, "Unable to send fias Post Simple");
-    }
+    if (env.outbox) send_outbox(env);
     bool posted = false;
     if (cfg.use_manager) {
         cache_pass(env, rooms);
@@ -406,6 +529,10 @@ void service_background(const config_loader& configs, const billing_parts& parts
     states.room_list(rooms);
     posting_sequence sequence;
     billing_memory memory;
+    // With the outbox the numbers continue after the last one used (and each
+    // cycle begins with the marks a previous run left due).
+    if (posting_policy(*configs.current()).keeps_outbox())
+        sequence.last = static_cast<unsigned>(std::max(0L, states.last_posting_number()));
     const auto wedge_at = std::chrono::steady_clock::now() + billing_wedge_after();
     for (;;) {
         parts.notify.beat(notify_part::billing);

@@ -31,7 +31,7 @@ struct billing_parts {
     pms_link& link;
     states_file& states;
     audit_window& audit;
-    unanswered_postings& waiting;
+    posting_extensions& extensions;
     notifier& notify;
 };
 
@@ -45,6 +45,10 @@ struct billing_memory {
 // Runs until a pass's driver is missing (which ends billing for good) or a
 // stop is requested.
 void service_background(const config_loader& configs, const billing_parts& parts, stop_flag& stop);
+
+// With the outbox: runs the marks still due for what the outbox holds (a
+// restart may have come between a record's write and its mark).
+void run_due_marks(const config& cfg, states_file& states);
 
 // One cycle's passes over `rooms` (the cache or query pass, the wake-up pass,
 // the room-status pass). Returns false when a pass's driver is missing.

@@ -11,7 +11,9 @@
 //        db_lock guard(*drv);
 //        if (drv->is_connected()) drv->reconnect();
 //        drv->query(...); while (drv->fetch_row() == 0) ...; drv->free_result();
-//    No thread holds two record locks at once.
+//    No thread holds two record locks at once, except that the states file's
+//    connection that no operation closes (states/states.h) may be taken
+//    while another is held: its lock is always the last one taken.
 //  - Records made by a configuration load belong to that configuration
 //    snapshot and live as long as somebody holds it. The
 //    internal database record `sqliteint` (states/states.h) lives for the

@@ -70,7 +70,7 @@ void resync_end(const record_context& ctx, const record_parts& parts) {
 }
 
 void answer(const record_context& ctx, const record_parts& parts) {
-    do_pa(ctx, parts.waiting);
+    do_pa(ctx, parts.extensions);
 }
 
 void audit_start(const record_context& ctx, const record_parts& parts) {

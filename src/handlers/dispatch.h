@@ -43,7 +43,7 @@ struct record_parts {
     states_file& states;
     resync& sync;
     audit_window& audit;
-    unanswered_postings& waiting;
+    posting_extensions& extensions;
     const mgr_session_slot& manager;
     resync::room_runner for_room = nullptr;  // set by the dispatcher
 };

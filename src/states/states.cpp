@@ -239,7 +239,7 @@ void states_file::cache_calls(const std::vector<cached_call>& calls) {
     sqlite_commit(main_);
 }
 
-void states_file::post_unposted(
+int states_file::post_unposted(
     const std::string& room, const std::function<std::optional<posted_call>(const call_row&)>& post,
     const fill_options& fill) {
     struct mark {
@@ -266,7 +266,7 @@ void states_file::post_unposted(
         LOG(L_DEBUG, "Sending mark query: %s\n", statement.c_str());
         marks.push_back({std::move(statement), std::move(done->record), row});
     }
-    if (marks.empty()) return;
+    if (marks.empty()) return 0;
     // The room's marks are committed together (see the durability note of
     // open()). A value with a quote runs as the text its template made.
     sqlite_begin(main_);
@@ -276,7 +276,17 @@ void states_file::post_unposted(
         else
             sqlite_query_bound(main_, mark_bound, {m.param, room, m.row.date, m.row.time});
     }
-    sqlite_commit(main_);
+    return sqlite_commit(main_);
+}
+
+int states_file::mark_cached(const std::string& room, const std::vector<cache_mark>& marks) {
+    if (marks.empty()) return 0;
+    db_lock guard(main_);
+    if (sqlite_begin(main_) != 0) return -1;
+    int rc = 0;
+    for (const cache_mark& m : marks)
+        if (sqlite_query_bound(main_, mark_bound, {m.record, room, m.date, m.time}) != 0) rc = -1;
+    return sqlite_commit(main_) == 0 ? rc : -1;
 }
 
 void states_file::checkpoint() {

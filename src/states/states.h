@@ -12,8 +12,8 @@
 //      close it for good (store_room with close_after): it is then never
 //      opened again and every later operation on those tables fails;
 //      the record "sqlite-occupancy" for `occupancy`, the queued Manager
-//      actions (`actions`) and the count of waiting calls, which no
-//      operation closes.
+//      actions (`actions`), the outbox (`outbox`, `sequence`) and the count
+//      of waiting calls, which no operation closes.
 //  - Each operation takes the lock of its connection for its own statements
 //    and releases it before it returns; callers hold no lock of this module.
 //    post_unposted() holds it while its callback runs (the callback takes no
@@ -114,10 +114,11 @@ class states_file {
     // cache's order; a call that `post` posted is marked with its record
     // (the mark's statement echoed under `fill`). The room's marks are
     // committed together after its last call. An unreadable column ends the
-    // room's calls (logged).
-    void post_unposted(const std::string& room,
-                       const std::function<std::optional<posted_call>(const call_row&)>& post,
-                       const fill_options& fill);
+    // room's calls (logged). `post` may use the outbox operations. 0, or -1
+    // when the marks were not committed.
+    int post_unposted(const std::string& room,
+                      const std::function<std::optional<posted_call>(const call_row&)>& post,
+                      const fill_options& fill);
     // Writes what the write-ahead log holds into the file (after a posting
     // pass).
     void checkpoint();
@@ -158,6 +159,52 @@ class states_file {
     // Every queued action, in order.
     int queued_actions(std::vector<queued_action>& out);
 
+    // --- outbox ---------------------------------------------------------------
+    // The records that must reach the PMS, each written here before it goes
+    // on the wire, and the last posting number used; on the connection no
+    // operation closes. A posting waits here for its answer, a report ("WA",
+    // "RE") until it was written whole; an entry whose mark is still due
+    // stays until the mark ran. Any thread may call; -1 when the file cannot
+    // be written.
+    struct outbox_entry {
+        long id = 0;
+        std::string kind;  // "PS", "WA" or "RE"
+        std::string seq;   // the "P#" of a posting
+        std::string room;
+        std::string extension;  // that made the call, with [extensions]; else ""
+        std::string number;     // the number called ("DD")
+        std::string date;       // of the call or report, as its database gave it
+        std::string time;
+        std::string record;    // the text that goes on the wire
+        std::string mark;      // the mark still due: "", "cache", or a database's name
+        std::string mark_key;  // the service key of a database's mark
+        int sends = 0;         // how often it was written whole
+    };
+    // Writes `e` (a posting also as the last number used). A posting still
+    // waiting under the same "P#" is forgotten, with a WARNING once per `link`.
+    // Its id, or -1.
+    long outbox_put(const outbox_entry& e, unsigned link);
+    // `id` was written whole on the link numbered `link`.
+    int outbox_written(long id, unsigned link);
+    // The answer to posting `seq` came: the posting, if it was waiting.
+    std::optional<outbox_entry> outbox_answered(const std::string& seq);
+    // The mark of `id` ran.
+    int outbox_marked(long id);
+    // What is to be written on the link numbered `link`: what was never
+    // written whole, and the postings written once on another link (or before
+    // a restart) and not answered. In order.
+    int outbox_to_send(unsigned link, std::vector<outbox_entry>& out);
+    // The entries whose mark is still due, in order.
+    int outbox_marks_due(std::vector<outbox_entry>& out);
+    // The last posting number used, or -1 when none is known.
+    long last_posting_number();
+    // Marks cached calls of `room` as posted with their records, together
+    // (the marks post_unposted() makes).
+    struct cache_mark {
+        std::string date, time, record;
+    };
+    int mark_cached(const std::string& room, const std::vector<cache_mark>& marks);
+
     // Closes the connections whose lock is free (the process ends).
     void close_idle();
 
@@ -173,6 +220,10 @@ class states_file {
     bool occupancy_checked_ GUARDED_BY(occupancy_) = false;
     bool actions_checked_ GUARDED_BY(occupancy_) = false;
     bool open_actions() REQUIRES(occupancy_);
+    bool open_outbox() REQUIRES(occupancy_);
+    bool outbox_checked_ GUARDED_BY(occupancy_) = false;
+    unsigned outbox_warned_ GUARDED_BY(occupancy_) = 0;  // the link last warned about
+    int read_outbox(const std::string& where, std::vector<outbox_entry>& out);
     bool connect_own() REQUIRES(occupancy_);
     bool own_tuned_ GUARDED_BY(occupancy_) = false;
     std::atomic<unsigned> rooms_version_{0};
