@@ -23,13 +23,14 @@ void do_pa(const record_context& ctx, posting_extensions& extensions) {
     // An answer without "AS" counts as refused.
     const bool accepted = answer && strncasecmp(answer, "OK", 2) == 0;
     const posting_policy policy(*ctx.cfg);
-    // With the outbox an answer settles its posting; an answer to a posting
-    // that is not waiting (answered already, or never sent) changes nothing,
-    // so that nothing is marked twice.
+    // With the outbox an answer settles its posting once it was acted on (a
+    // restart in between sends the posting again, and its answer is acted on
+    // again); an answer to a posting that is not waiting (answered already,
+    // or never sent) changes nothing, so that nothing is marked twice.
     std::string extension;
+    std::optional<states_file::outbox_entry> posting;
     if (policy.keeps_outbox()) {
-        std::optional<states_file::outbox_entry> posting =
-            ctx.states.outbox_answered(field_text(seq));
+        posting = ctx.states.outbox_waiting(field_text(seq));
         if (!posting) {
             LOG(L_NOTICE,
                 "Answer to posting P#%s of room %s, which waits for none: nothing is marked",
@@ -40,6 +41,13 @@ void do_pa(const record_context& ctx, posting_extensions& extensions) {
     } else {
         extension = extensions.extension_of(field_text(seq));
     }
+    struct settle {
+        states_file& states;
+        const std::optional<states_file::outbox_entry>& posting;
+        ~settle() {
+            if (posting) states.outbox_answered(posting->id);
+        }
+    } settled{ctx.states, posting};
     if (!accepted) {
         LOG(L_WARNING, "Non-OK answer on Post call. Please check");
         // It stays marked as sent: it is settled on the PMS's side.

@@ -88,17 +88,22 @@ int states_file::outbox_written(long id, unsigned link) {
     return occupancy_.query(remove_settled(id).c_str()) == 0 ? 0 : -1;
 }
 
-std::optional<states_file::outbox_entry> states_file::outbox_answered(const std::string& seq) {
+std::optional<states_file::outbox_entry> states_file::outbox_waiting(const std::string& seq) {
     std::vector<outbox_entry> found;
     if (read_outbox("where kind='PS' and waiting=1 and seq=" + quoted(seq) + " order by id",
                     found) != 0 ||
         found.empty())
         return std::nullopt;
-    db_lock guard(occupancy_);
-    const std::string n = std::to_string(found.front().id);
-    occupancy_.query(("update outbox set waiting=0 where id=" + n).c_str());
-    occupancy_.query(remove_settled(found.front().id).c_str());
     return found.front();
+}
+
+int states_file::outbox_answered(long id) {
+    db_lock guard(occupancy_);
+    if (!open_outbox() ||
+        occupancy_.query(("update outbox set waiting=0 where id=" + std::to_string(id)).c_str()) !=
+            0)
+        return -1;
+    return occupancy_.query(remove_settled(id).c_str()) == 0 ? 0 : -1;
 }
 
 int states_file::outbox_marked(long id) {
@@ -110,7 +115,8 @@ int states_file::outbox_marked(long id) {
 }
 
 int states_file::outbox_to_send(unsigned link, std::vector<outbox_entry>& out) {
-    return read_outbox("where waiting=1 and (sends=0 or (sends=1 and link<>" +
+    return read_outbox("where waiting=1 and (sends=0 or (sends<" +
+                           std::to_string(max_posting_sends) + " and link<>" +
                            std::to_string(link) + ")) order by id",
                        out);
 }

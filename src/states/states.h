@@ -186,13 +186,17 @@ class states_file {
     long outbox_put(const outbox_entry& e, unsigned link);
     // `id` was written whole on the link numbered `link`.
     int outbox_written(long id, unsigned link);
-    // The answer to posting `seq` came: the posting, if it was waiting.
-    std::optional<outbox_entry> outbox_answered(const std::string& seq);
+    // The posting `seq` if it waits for its answer.
+    std::optional<outbox_entry> outbox_waiting(const std::string& seq);
+    // The answer to posting `id` was acted on.
+    int outbox_answered(long id);
     // The mark of `id` ran.
     int outbox_marked(long id);
     // What is to be written on the link numbered `link`: what was never
-    // written whole, and the postings written once on another link (or before
-    // a restart) and not answered. In order.
+    // written whole, and the unanswered postings last written on another link
+    // (or before a restart), each once per link and at most max_posting_sends
+    // times in all. In order.
+    static constexpr int max_posting_sends = 5;
     int outbox_to_send(unsigned link, std::vector<outbox_entry>& out);
     // The entries whose mark is still due, in order.
     int outbox_marks_due(std::vector<outbox_entry>& out);

@@ -100,6 +100,9 @@ child_process::~child_process() {
 
 bool child_process::start(const std::vector<std::string>& argv, const std::string* stdin_text,
                           const std::vector<std::string>& env) {
+    stop();  // a child started before is killed and reaped; its output goes
+    if (out_fd_ >= 0) close(out_fd_);
+    reaped_ = false;
     out_fd_ = unnamed_file("");
     int in_fd = stdin_text ? unnamed_file(*stdin_text) : open("/dev/null", O_RDONLY | O_CLOEXEC);
     std::vector<char*> args, envp;
