@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <vector>
 
 #include "thread_annotations.h"
 
@@ -29,6 +30,9 @@ std::atomic<int> log_to_syslog{1};
 std::atomic<int> dont_log{0};
 std::atomic<unsigned> file_mode{0};
 std::atomic<unsigned long> problem_count{0};
+std::atomic<bool> hide_names{false};
+// The names announced by this thread's hidden_name scopes, innermost last.
+thread_local std::vector<std::string> names_in_scope;
 // Seconds east of UTC, as last seen by write_log(), for the signal-safe path.
 std::atomic<long> utc_offset{0};
 
@@ -201,6 +205,38 @@ void set_log_level(int level) {
     log_level = level;
 }
 
+void logger_hide_names(bool hide) {
+    hide_names = hide;
+}
+
+bool logger_hides_names() {
+    return hide_names.load(std::memory_order_relaxed);
+}
+
+hidden_name::hidden_name(std::string name) {
+    names_in_scope.push_back(std::move(name));
+}
+
+hidden_name::~hidden_name() {
+    names_in_scope.pop_back();
+}
+
+std::string masked_name(std::string text, std::string_view name) {
+    if (name.size() < 2) return text;
+    constexpr std::string_view mask = "<name>";
+    for (size_t at = text.find(name); at != std::string::npos; at = text.find(name, at)) {
+        text.replace(at, name.size(), mask);
+        at += mask.size();
+    }
+    return text;
+}
+
+std::string masked_names(std::string text) {
+    if (!logger_hides_names()) return text;
+    for (const std::string& name : names_in_scope) text = masked_name(std::move(text), name);
+    return text;
+}
+
 unsigned long logger_problem_count() {
     return problem_count.load();
 }
@@ -230,6 +266,10 @@ void write_log(int level, const char* file, int line, const char* function, cons
         va_start(ap, format);
         vsnprintf(buf + n, kLineSize - n, format, ap);
         va_end(ap);
+    }
+    if (logger_hides_names() && !names_in_scope.empty()) {
+        const std::string shown = masked_names(buf);
+        snprintf(buf, kLineSize, "%s", shown.c_str());
     }
     if (log_to_syslog) syslog(syslog_level_map[level], "%s", buf);
     len += strlen(buf);

@@ -12,6 +12,11 @@
 //    error), without the system-log copy.
 //  - Line format: "MM/DD/YY HH:MM:SS:  LEVEL[pid]: file:line in function: text"
 //    ("MM/DD/YY HH:MM:SS:  VERBOSE[pid]: text" for level 5).
+//  - Guest names: after logger_hide_names(true) every line masks, by value,
+//    the names that the writing thread has announced with a hidden_name
+//    (each occurrence becomes "<name>"); the switch is an atomic, set by the
+//    main thread at each configuration load. Names of fewer than two
+//    characters are never looked for.
 //  - A message of level L is written when L + log_level - 5 >= 0; LOG()
 //    tests this before it evaluates its arguments, so lines below the level
 //    cost one comparison.
@@ -22,6 +27,8 @@
 #pragma once
 
 #include <atomic>
+#include <string>
+#include <string_view>
 
 enum log_levels {
     L_DEBUG = 0,
@@ -54,6 +61,27 @@ unsigned long logger_problem_count();
 // `message` as one line of `level`, from a signal handler (see above).
 void write_log_async_safe(int level, const char* file, int line, const char* function,
                           const char* message);
+
+// Whether lines hide guest names (false, the default: names are written).
+void logger_hide_names(bool hide);
+bool logger_hides_names();
+
+// While it lives, lines of this thread mask `name` (when names are hidden).
+// Scopes nest; each is destroyed in the thread that made it.
+class hidden_name {
+  public:
+    explicit hidden_name(std::string name);
+    ~hidden_name();
+    hidden_name(const hidden_name&) = delete;
+    hidden_name& operator=(const hidden_name&) = delete;
+};
+
+// `text` with every occurrence of `name` replaced by "<name>"; unchanged when
+// `name` has fewer than two characters.
+std::string masked_name(std::string text, std::string_view name);
+// `text` with the names of this thread's hidden_name scopes masked, when names
+// are hidden; unchanged otherwise.
+std::string masked_names(std::string text);
 
 namespace logger_detail {
 extern std::atomic<int> log_level;

@@ -224,6 +224,7 @@ bool parse_config_file(const std::string& path, config& cfg) {
     cfg.loglevel = static_cast<uint16_t>(iniparser_getint(d, "logger:log_level", 5));
     cfg.disable_log = iniparser_getboolean(d, "logger:disable_log", 0);
     read_text(d, "logger:log_file", cfg.logfile);
+    cfg.personal_data = iniparser_getboolean(d, "logger:personal_data", 1) != 0;
 
     cfg.databases = read_databases(d);
 

@@ -85,6 +85,7 @@ struct config {
     uint16_t loglevel = 5;
     int disable_log = 0;
     std::string logfile = "/var/log/orlanbeck.log";
+    bool personal_data = true;  // logger:personal_data; no: guest names masked as "<name>"
     // database sections as the file has them, and their records, newest first
     std::vector<db_settings> databases;
     std::vector<dbdriver_ptr> dbdrivers;

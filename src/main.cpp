@@ -133,6 +133,7 @@ class daemon_process {
     void apply_logger(const config& cfg) {
         logger_init(opts.console_log ? "" : cfg.logfile.c_str(), cfg.loglevel, cfg.logtype,
                     cfg.disable_log);
+        logger_hide_names(!cfg.personal_data);
     }
 
     // The Manager session, when calls are cached from the Manager or a
@@ -382,7 +383,7 @@ int main(int argc, char** argv) {
             state.pms_moved = false;
             link.drop();
         } else {
-            LOG(L_DEBUG, "Read %s", buffer);
+            LOG(L_DEBUG, "Read %s", fias_shown(buffer).c_str());
             if (!is_link_record(buffer)) notify.record(buffer);
             records.handle(buffer);
         }

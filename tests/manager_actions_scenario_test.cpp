@@ -144,4 +144,64 @@ TEST(ManagerActions, ActionsQueuedWhileTheManagerIsDownAreSentOnceInOrderAfterAR
     EXPECT_NE(std::string::npos, mgr.login_texts().at(0).find("Events: off"));
 }
 
+TEST(ManagerActions, WithPersonalDataOffNoGuestNameIsWrittenOrKeptAfterItsCheckOut) {
+    daemon_run run;
+    run.use_manager();
+    run.use_log_templates();  // %name% in statements echoed on standard output
+    run.mgr.set_action_silent("UserEvent", true);
+    run.set("logger", "personal_data", "no")
+        .set("logger", "log_level", "5")  // every level, DEBUG included
+        .set("pms", "resync", "yes")
+        .set("fixes", "states_file", "yes")  // calls are cached after a check-in
+        .set("fixes", "reload", "yes")       // from the rooms checked in since
+        .set("fixes", "escape", "yes")
+        .set("fixes", "link_end", "yes")  // a dropped link is noticed
+        .set("services", "ami_timeout", "1")
+        .set("services", "checkin.2", "ami:DBPut|Family=CIDNAME|Key=%exten%|Val=%name%")
+        .set("services", "room_move",
+             "pbx:insert into log values ('move','%exten%','%name%','%oldexten%','')")
+        .set("services", "checkout.2", "ami:UserEvent|UserEvent=Bye|Guest=%name%");
+    ASSERT_TRUE(run.start()) << run.log();
+    ASSERT_TRUE(run.play({"GI|RN101|GNO'Brien|GLEN|", "GI|RN105|GNO'Brien|"}, "Checkin"));
+    ASSERT_TRUE(run.mgr.wait_actions(2)) << run.log();
+    EXPECT_EQ("O'Brien", run.mgr.db_get("CIDNAME", "101").value_or("none"));  // the PBX has it
+    ASSERT_EQ(1, run.mgr.send_cdr(mgr_cdr_event::make("101", "5551234", "2024-05-01 10:00:00", 65)
+                                      .set("CallerID", "\"O'Brien\" <101>")));
+    EXPECT_TRUE(run.pms.wait_for_count("PS|P#0001|RN101|", 1, 15s)) << run.log();
+    EXPECT_EQ((sql_rows{{"<101>"}}), run.states("select clid from cdrcache"));
+
+    ASSERT_TRUE(run.play({"GC|RN102|RO101|"}, "Room move")) << run.log();
+    ASSERT_TRUE(wait_until([&] { return run.pbx("select * from log where what='move'").size(); }));
+    EXPECT_EQ("O'Brien", run.pbx("select a from log where what='move'").at(0).at(0));
+    // The PMS still has the guest of 102; 105 left meanwhile.
+    run.pms.set_occupied(std::vector<pms_sim::guest>{{"102", "O'Brien"}});
+    run.pms.drop_connection();
+    ASSERT_TRUE(
+        run.wait_log("Database resync done: 1 room(s) confirmed, 0 checked in, 1 checked out"))
+        << run.log();
+    // The check-out's action goes unanswered and stays queued.
+    ASSERT_TRUE(run.play({"GO|RN102|GNO'Brien|"}, "for room 102: no answer within 1 s"))
+        << run.log();
+
+    run.process().terminate(3s);        // standard output flushed
+    const std::string log = run.log();  // log lines and standard output
+    EXPECT_EQ(std::string::npos, log.find("Brien")) << log;
+    for (const char* seen : {"Room number: 101", "Room number: 102", "Old room: 101",
+                             "Room 105 (<name>) is not occupied", "GN<name>|",
+                             "values ('move','102','<name>','101','')"})
+        EXPECT_NE(std::string::npos, log.find(seen)) << seen;
+    const sql_rows left = run.states(
+        "select name from occupancy union all select body from actions union all select clid "
+        "from cdrcache");
+    for (const auto& row : left) EXPECT_EQ(std::string::npos, row.at(0).find("Brien"));
+    // The check-outs' actions of 102 and of 105 (the resync's) wait with the name masked.
+    EXPECT_EQ(2u, run.states("select * from actions where body like '%Guest: <name>%'").size());
+
+    // Without the key the name is written as it always was.
+    daemon_run plain;
+    ASSERT_TRUE(plain.start()) << plain.log();
+    ASSERT_TRUE(plain.play({"GI|RN101|GNO'Brien|"}, "Checkin"));
+    EXPECT_TRUE(plain.wait_log("Name: O'Brien"));
+}
+
 }  // namespace

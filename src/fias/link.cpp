@@ -135,7 +135,7 @@ void pms_link::drop() {
 
 int pms_link::send_raw(const char* packet) {
     if (!packet) return -1;
-    LOG(L_DEBUG, "Writing packet %s\n", packet);
+    LOG(L_DEBUG, "Writing packet %s\n", fias_shown(packet).c_str());
     std::string frame;
     frame.reserve(strlen(packet) + 2);
     frame.push_back(STX);
@@ -278,7 +278,7 @@ int pms_link::read_packet(char* packet, int maxlen) {
         packet[count] = ETX;
         packet[count + 1] = '\0';
         if (link_end_ && is_link_end(partial_)) {
-            LOG(L_DEBUG, "Read %s", packet);
+            LOG(L_DEBUG, "Read %s", fias_shown(packet).c_str());
             return -1;  // the PMS ends the link
         }
         return count;

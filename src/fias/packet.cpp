@@ -4,6 +4,8 @@
 
 #include <cstring>
 
+#include "logger.h"
+
 // Row order decides the order of the link records sent at start-up; "PA"
 // stands before "PS" on purpose.
 const fias_catalogue_row fias_packets[] = {
@@ -169,4 +171,22 @@ void fias_set_packet_field(fias_packet_t* p, const char* field, const fias_value
         v.time = val->time;
         slot->value.emplace() = v;
     }
+}
+
+std::string fias_shown(const char* record) {
+    std::string text = record ? record : "";
+    if (!logger_hides_names()) return text;
+    // A field starts after a "|" and ends at the next "|" or control
+    // character (the end of the record).
+    for (size_t at = text.find('|'); at != std::string::npos; at = text.find('|', at)) {
+        at++;
+        if (text.compare(at, 2, "GN") != 0 && text.compare(at, 2, "GF") != 0) continue;
+        const size_t value = at + 2;
+        size_t end = value;
+        while (end < text.size() && text[end] != '|' &&
+               static_cast<unsigned char>(text[end]) >= 0x20)
+            end++;
+        if (end > value) text.replace(value, end - value, "<name>");
+    }
+    return text;
 }

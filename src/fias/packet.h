@@ -163,3 +163,8 @@ fias_field_t* fias_get_field(fias_packet_t* p, const char* field);
 // Gives the last slot named `field` (any case) a copy of `val`, replacing any
 // value it had. A name that no slot has, and a null packet or value, are ignored.
 void fias_set_packet_field(fias_packet_t* p, const char* field, const fias_value_t* val);
+
+// `record` (record text as read or written) as a log line may show it: while
+// the logger hides guest names, the values of the name fields ("GN", "GF")
+// are "<name>".
+std::string fias_shown(const char* record);

@@ -7,6 +7,7 @@ namespace {
 
 // Runs services:checkout for a guest that the PMS no longer has.
 void check_out(const record_context& ctx, const occupant& o) {
+    const hidden_name guest(o.name);
     CTX_LOG(ctx, L_NOTICE, "\tRoom %s (%s) is not occupied on the PMS: checkout", o.room.c_str(),
             o.name.c_str());
     const fias_field_t rn = text_field("RN", o.room);
@@ -15,6 +16,7 @@ void check_out(const record_context& ctx, const occupant& o) {
     ctx.states.remove_guest(o.room);
     run_service(ctx.escaping(), "checkout", ctx.cfg->checkout,
                 {.rn = &rn, .name = &name, .lang = &lang});
+    if (logger_hides_names()) ctx.states.forget_guest(o.room, {o.name});
 }
 
 }  // namespace

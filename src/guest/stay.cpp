@@ -77,9 +77,16 @@ void do_checkout(const record_context& ctx) {
         LOG(L_ERROR, "Unable to open states file %s", ctx.states.path().c_str());
         return;
     }
+    // With names hidden the guest's name leaves the states file too, also
+    // from what the check-out itself queued.
+    const bool forget = logger_hides_names();
+    const std::optional<occupant> stayed =
+        forget ? ctx.states.find_guest(field_text(rn)) : std::nullopt;
     if (keeps_occupancy(*ctx.cfg)) ctx.states.remove_guest(field_text(rn));
     run_service(ctx, "checkout", ctx.cfg->checkout,
                 {.rn = rn, .name = g.name, .lang = g.lang, .shared = g.shared});
+    if (forget)
+        ctx.states.forget_guest(field_text(rn), {field_text(g.name), stayed ? stayed->name : ""});
 }
 
 void do_guest_change(const record_context& ctx) {
@@ -103,6 +110,7 @@ void do_guest_change(const record_context& ctx) {
     };
     occupant now{room, kept(g.name, &occupant::name), kept(g.lang, &occupant::lang),
                  before ? before->since : ""};
+    const hidden_name kept_name(now.name);
     ctx.states.put_guest(now);
     if (move) {
         ctx.states.remove_guest(field_text(ro));

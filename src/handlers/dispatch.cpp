@@ -134,7 +134,7 @@ void record_dispatcher::process_fias_packet(const std::string& data) const {
     fias_packet_ptr p = fias_parse_packet(data.c_str(), static_cast<int>(data.size()),
                                           {cfg->fixes.numbers, cfg->mwi_on || cfg->mwi_off});
     if (!p || !record_known(*cfg, p->packet_code)) {
-        LOG(L_WARNING, "Can not parse FIAS packet %s", data.c_str());
+        LOG(L_WARNING, "Can not parse FIAS packet %s", fias_shown(data.c_str()).c_str());
         return;
     }
     LOG(L_NOTICE, "Received %s packet from PMS", p->desc);
@@ -170,6 +170,10 @@ void record_dispatcher::process_fias_packet(const std::string& data) const {
 void record_dispatcher::run_handler(const handler_entry& e, const config_ptr& cfg,
                                     fias_packet_t& record) const {
     const record_context ctx{cfg, record, parts_.link, parts_.states, e.name, parts_.manager.get()};
+    // The guest's names are masked in every line the handler writes, when
+    // names are hidden.
+    const hidden_name name(field_text(fias_get_field(&record, "GN")));
+    const hidden_name first_name(field_text(fias_get_field(&record, "GF")));
     e.handler(ctx, parts_);
 }
 

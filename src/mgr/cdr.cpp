@@ -28,6 +28,14 @@ bool cdr_rooms::contains(const char* room) const {
 
 namespace {
 
+// A caller id ('"Name" <number>', a number, or a name) without its name.
+std::string caller_number(std::string_view clid) {
+    const size_t open = clid.find('<');
+    if (open != std::string_view::npos) return std::string(clid.substr(open));
+    if (clid.find_first_not_of("0123456789+*#") != std::string_view::npos) return "";
+    return std::string(clid);
+}
+
 // The insert of `m`; `room`, when given, in the place of its Source.
 cached_call make_insert(const message& m, bool escape, const std::string* room = nullptr) {
     static const char* const names[cached_call_values] = {"CallerID",
@@ -55,6 +63,12 @@ cached_call make_insert(const message& m, bool escape, const std::string* room =
     const char* v[cached_call_values];
     for (int i = 0; i < cached_call_values; ++i) v[i] = mgr_get_header(m, names[i]);
     if (room) v[1] = room->c_str();
+    // With names hidden the cache keeps the caller's number only.
+    std::string number;
+    if (logger_hides_names()) {
+        number = caller_number(v[0]);
+        v[0] = number.c_str();
+    }
     return cached_call(v, escape);
 }
 

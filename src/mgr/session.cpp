@@ -19,6 +19,23 @@ std::string lower(std::string text) {
 }
 
 constexpr const char* action_id_prefix = "orlanbeck-";
+
+// A header line read from the Manager as a log line may show it: while names
+// are hidden, a caller name ('"Name" <number>', or a header "...Name:") is
+// "<name>".
+std::string shown_header(const char* line) {
+    std::string text = line;
+    if (!logger_hides_names()) return text;
+    const size_t colon = text.find(':');
+    if (colon == std::string::npos) return text;
+    if (colon >= 4 && strncasecmp(text.c_str() + colon - 4, "Name", 4) == 0)
+        return text.substr(0, colon) + ": <name>";
+    const size_t open = text.find('"', colon);
+    const size_t close = open == std::string::npos ? open : text.find('"', open + 1);
+    if (close != std::string::npos && text.find('<', close) != std::string::npos)
+        text.replace(open + 1, close - open - 1, "<name>");
+    return text;
+}
 constexpr int write_wait_ms = 100;
 
 }  // namespace
@@ -206,7 +223,7 @@ void mgr_session::run() {
         if (res >= 1) {
             if (log_wanted(L_DEBUG))
                 for (int i = 0; i < msg->hdrcount; ++i)
-                    LOG(L_DEBUG, "%s got: %s", addr, msg->headers[i]);
+                    LOG(L_DEBUG, "%s got: %s", addr, shown_header(msg->headers[i]).c_str());
             if (s->connected != 0) {
                 if (deliver(*msg)) continue;
                 auto handler = handlers_.find(classify_message(*msg).name);

@@ -212,6 +212,15 @@ class states_file {
     // Closes the connections whose lock is free (the process ends).
     void close_idle();
 
+    // --- guest names ---------------------------------------------------------
+    // After a check-out (logger:personal_data = no): the room leaves the
+    // occupancy, its cached calls keep only the number of their caller
+    // ("<exten>"), and every occurrence of `names` (of two characters or
+    // more) in the bodies of its queued actions becomes "<name>". On the
+    // connection no operation closes; the file is changed in place. 0, or -1
+    // when the file cannot be opened or a statement fails.
+    int forget_guest(const std::string& room, const std::vector<std::string>& names);
+
   private:
     bool connect_main() REQUIRES(main_);
     bool open_occupancy() REQUIRES(occupancy_);

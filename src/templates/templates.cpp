@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <utility>
+#include <vector>
 
 #include "logger.h"
 
@@ -81,6 +83,8 @@ template <typename Value>
 std::string substitute(const char* q, template_kind kind, const char* echo,
                        const fill_options& opts, Value value) {
     std::string out;
+    // Where %name% was filled in, so that the echo can mask it.
+    std::vector<std::pair<size_t, size_t>> names;
     const char* p = strchr(q, '%');
     if (!p) {
         out = q;
@@ -92,7 +96,9 @@ std::string substitute(const char* q, template_kind kind, const char* echo,
             out.append(copied, cursor);
             int i = match(set, cursor);
             if (i >= 0) {
+                const size_t from = out.size();
                 value(out, i);
+                if (strcmp(set.begin[i].token, "%name%") == 0) names.emplace_back(from, out.size());
                 cursor += set.begin[i].len;
             } else if (opts.percent) {
                 // "%%" writes one "%"; any other "%" is copied as it is.
@@ -108,10 +114,19 @@ std::string substitute(const char* q, template_kind kind, const char* echo,
         }
         out += cursor;
     }
-    if (opts.echo && opts.quiet)
-        LOG(L_DEBUG, "%s%s", echo, out.c_str());
-    else if (opts.echo)
-        printf("%s%s\n", echo, out.c_str());
+    if (!opts.echo) return out;
+    const std::string* shown = &out;
+    std::string masked;
+    if (!names.empty() && logger_hides_names()) {
+        masked = out;
+        for (auto it = names.rbegin(); it != names.rend(); ++it)
+            masked.replace(it->first, it->second - it->first, "<name>");
+        shown = &masked;
+    }
+    if (opts.quiet)
+        LOG(L_DEBUG, "%s%s", echo, shown->c_str());
+    else
+        printf("%s%s\n", echo, shown->c_str());
     return out;
 }
 
