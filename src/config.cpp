@@ -5,6 +5,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -54,6 +55,18 @@ int read_port(const dictionary* d, const char* key, int def) {
     return v;
 }
 
+// A number of seconds: 0 when absent; anything but a positive whole number
+// (up to a day) is logged and taken as absent.
+int read_seconds(const dictionary* d, const std::string& key) {
+    const char* text = iniparser_getstring(d, key.c_str(), nullptr);
+    if (!text) return 0;
+    char* end = nullptr;
+    const long v = strtol(text, &end, 10);
+    if (end != text && *end == '\0' && v >= 1 && v <= 86400) return static_cast<int>(v);
+    LOG(L_WARNING, "%s = \"%s\" is not a number of seconds (1-86400): ignored", key.c_str(), text);
+    return 0;
+}
+
 // Every section with a dbdriver key, in file order.
 std::vector<db_settings> read_databases(const dictionary* d) {
     std::vector<db_settings> out;
@@ -76,6 +89,9 @@ std::vector<db_settings> read_databases(const dictionary* d) {
         s.synchronous = get_text(d, prefix + "synchronous");
         if (iniparser_find_entry(d, (prefix + "port").c_str()))
             s.port = iniparser_getint(d, (prefix + "port").c_str(), 0);
+        if (int v = read_seconds(d, prefix + "connect_timeout")) s.connect_timeout = v;
+        if (int v = read_seconds(d, prefix + "read_timeout")) s.read_timeout = v;
+        if (int v = read_seconds(d, prefix + "write_timeout")) s.write_timeout = v;
         out.push_back(std::move(s));
     }
     return out;
@@ -127,7 +143,8 @@ fixes_settings read_fixes(const dictionary* d) {
                 {"states_file", f.states_file},
                 {"posting", f.posting},
                 {"mysql", f.mysql},
-                {"manager_events", f.manager_events}};
+                {"manager_events", f.manager_events},
+                {"deadlines", f.deadlines}};
     for (const auto& k : keys)
         k.value = iniparser_getboolean(d, ("fixes:" + std::string(k.key)).c_str(), all) != 0;
 
@@ -266,6 +283,24 @@ bool parse_config_file(const std::string& path, config& cfg) {
     cfg.rooms = read_rooms(d);
     cfg.extensions = read_extensions(d);
     cfg.fixes = read_fixes(d);
+
+    // Deadlines on outside calls: a key that is set applies; without it
+    // [fixes] deadlines brings the defaults, and otherwise the long-standing
+    // limits stay.
+    const bool deadlines = cfg.fixes.deadlines;
+    auto seconds = [&](const char* key, int def) {
+        const int v = read_seconds(d, key);
+        return v > 0 ? v : deadlines ? def : 0;
+    };
+    cfg.ami_connect_timeout = seconds("services:ami_connect_timeout", 5);
+    cfg.ami_login_timeout = seconds("services:ami_login_timeout", 10);
+    cfg.rooms.ldap_timeout = seconds("rooms:ldap_timeout", 10);
+    if (deadlines)
+        for (db_settings& s : cfg.databases) {
+            if (!s.connect_timeout) s.connect_timeout = 5;
+            if (!s.read_timeout) s.read_timeout = 30;
+            if (!s.write_timeout) s.write_timeout = 30;
+        }
     return true;
 }
 
@@ -282,7 +317,7 @@ void config_loader::publish(std::shared_ptr<const config> cfg) {
     published_ = std::move(cfg);
 }
 
-int config_loader::load() {
+int config_loader::load(bool reload) {
     // Every load starts from the defaults: a key removed from the file is
     // unset afterwards. Only the database records of earlier loads are kept.
     auto cfg = std::make_shared<config>();
@@ -292,7 +327,9 @@ int config_loader::load() {
         publish(std::move(cfg));
         return -1;
     }
-    cfg->dbdrivers = merge_drivers(load_dbdrivers(cfg->databases, cfg->fixes.mysql), old);
+    const bool mysql_at_use = reload && cfg->fixes.deadlines;
+    cfg->dbdrivers =
+        merge_drivers(load_dbdrivers(cfg->databases, cfg->fixes.mysql, true, mysql_at_use), old);
     publish(std::move(cfg));
     return 0;
 }

@@ -42,6 +42,9 @@ struct rooms_settings {
     opt_text ldap_scope;
     opt_text ldap_filter;
     opt_text ldap_attribute;
+    // rooms:ldap_timeout: seconds the connect, the bind and the search may
+    // take each; 0 = the long-standing limits (10 s connect, 30 s answers).
+    int ldap_timeout = 0;
 };
 
 // [fixes]: corrections of behaviours that a real installation cannot live
@@ -66,6 +69,7 @@ struct fixes_settings {
     bool posting = false;          // marks after a whole write; accepted calls leave the cache
     bool mysql = false;            // dbdriver = mysql makes a MySQL record
     bool manager_events = false;   // the login asks for "cdr" when cdr_mgr_events is not set
+    bool deadlines = false;        // a deadline on every outside call
     std::vector<std::string> unknown;  // keys of the section that are none of the above
 };
 
@@ -121,6 +125,11 @@ struct config {
     // step_keys, in order, by key.
     std::map<std::string, std::vector<std::string>> more_steps;
     int ami_timeout = 5;  // services:ami_timeout, seconds an action waits for its answer
+    // Seconds the Manager's connect and its login answer may take (0: a
+    // connect attempt waits 1 s and is made again, a login answer is awaited
+    // for as long as it takes).
+    int ami_connect_timeout = 0;  // services:ami_connect_timeout
+    int ami_login_timeout = 0;    // services:ami_login_timeout
     // [rooms]
     rooms_settings rooms;
     // [extensions]: the extensions that ring in a room, by room.
@@ -158,7 +167,9 @@ class config_loader {
 
     // Reads the file and publishes the result. 0, or -1 when it cannot be
     // read (the defaults are then published, the database records kept).
-    int load();
+    // On a `reload` with [fixes] deadlines, MySQL records are connected at
+    // their first use, not here: the main thread never waits for them.
+    int load(bool reload = false);
 
     // The current snapshot (never null; all defaults before the first load).
     config_ptr current() const;

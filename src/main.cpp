@@ -153,6 +153,8 @@ class daemon_process {
         // With [fixes] private_files the secret never reaches the log.
         s.hide_secret = cfg->fixes.private_files;
         s.actions = actions;
+        s.connect_timeout_s = cfg->ami_connect_timeout;
+        s.login_timeout_s = cfg->ami_login_timeout;
         if (!cfg->use_manager) s.stop_prefix = "Manager session stopped";
         auto session = std::make_shared<mgr_session>(s, *states, *notify);
         if (cfg->use_manager) attach_cdr_capture(*session, cfg, *states);
@@ -264,7 +266,9 @@ class daemon_process {
         if (before.use_manager != after->use_manager || before.mgr_host != after->mgr_host ||
             before.mgr_port != after->mgr_port || before.mgr_user != after->mgr_user ||
             before.mgr_passwd != after->mgr_passwd || before.mgr_events != after->mgr_events ||
-            before.uses_actions() != after->uses_actions()) {
+            before.uses_actions() != after->uses_actions() ||
+            before.ami_connect_timeout != after->ami_connect_timeout ||
+            before.ami_login_timeout != after->ami_login_timeout) {
             LOG(L_NOTICE, "Manager settings changed: starting a new session");
             notify->manager(after->use_manager);
             if (!stop_manager(std::chrono::steady_clock::now() + std::chrono::seconds(3)))
@@ -277,7 +281,7 @@ class daemon_process {
         logger_reopen();  // a rotated log file is left for a new one
         LOG(L_NOTICE, "Hangup. Reloading configuration.");
         const config_ptr before = configs->current();
-        if (configs->load() < 0) {
+        if (configs->load(true) < 0) {
             LOG(L_ERROR, "Unable to open configuration file %s. Exiting...",
                 configs->path().c_str());
             // The pid file stays, unless the ending is to be noticed by its

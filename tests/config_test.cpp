@@ -151,4 +151,34 @@ TEST_F(Config, DatabaseSections) {
     EXPECT_EQ(find("abcdefghijklmno"), other);
 }
 
+TEST_F(Config, DeadlinesComeWithTheirKeysOrTheFixAndABadValueIsReported) {
+    // Port 1 on loopback refuses at once: the loads never wait for a server.
+    const std::string sections =
+        "[pbx]\ndbdriver = sqlite\n[my]\ndbdriver = mysql\nhost = 127.0.0.1\nport = 1\n";
+    auto limits = [&] {
+        const db_settings& my = cfg().databases.back();
+        return std::to_string(cfg().ami_connect_timeout) + " " +
+               std::to_string(cfg().ami_login_timeout) + " " +
+               std::to_string(cfg().rooms.ldap_timeout) + " " +
+               std::to_string(my.connect_timeout.value_or(0)) + " " +
+               std::to_string(my.read_timeout.value_or(0)) + " " +
+               std::to_string(my.write_timeout.value_or(0));
+    };
+    // Without the fix the long-standing limits stay, but for a key that is set.
+    ASSERT_EQ(load(sections + "[services]\nami_login_timeout = 4\n"), 0);
+    EXPECT_EQ(limits(), "0 4 0 0 0 0");
+    ASSERT_EQ(load(sections + "[fixes]\nall = yes\n"), 0);
+    EXPECT_EQ(limits(), "5 10 10 5 30 30");
+    // A bad value keeps the default.
+    ASSERT_EQ(
+        load(sections + "read_timeout = 7\nwrite_timeout = 0\n[services]\nami_login_timeout = 3\n"
+                        "ami_connect_timeout = 2s\n[rooms]\nldap_timeout = -1\n[fixes]\n"
+                        "deadlines = yes\n"),
+        0);
+    EXPECT_EQ(limits(), "5 3 10 5 7 30");
+    EXPECT_EQ(log_lines_with({"WARNING[", "ami_connect_timeout = \"2s\"", "ignored"}), 1u);
+    EXPECT_EQ(log_lines_with({"WARNING[", "ldap_timeout = \"-1\""}), 1u);
+    EXPECT_EQ(log_lines_with({"WARNING[", "my:write_timeout = \"0\""}), 1u) << log_text();
+}
+
 }  // namespace

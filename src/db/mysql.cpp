@@ -2,9 +2,12 @@
 
 #include <mysql.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 
 #include "logger.h"
 
@@ -38,9 +41,17 @@ bool is_numeric_type(enum_field_types type) {
            type == MYSQL_TYPE_NEWDECIMAL;
 }
 
+// Whether a call that began at `start` and failed ran into a limit of
+// `seconds` (0: none set).
+bool timed_out(std::chrono::steady_clock::time_point start, int seconds) {
+    using namespace std::chrono;
+    return seconds > 0 && steady_clock::now() - start >= seconds * 1000ms - 200ms;
+}
+
 class mysql_handler_t final : public db_handle {
   public:
-    explicit mysql_handler_t(bool full) : full_(full) {}
+    mysql_handler_t(bool full, std::string section, mysql_deadlines limits)
+        : full_(full), section_(std::move(section)), limits_(limits) {}
     mysql_handler_t(const mysql_handler_t&) = delete;
     mysql_handler_t& operator=(const mysql_handler_t&) = delete;
     ~mysql_handler_t() override { my_close(); }
@@ -82,7 +93,9 @@ class mysql_handler_t final : public db_handle {
             return -1;
         }
         mysql_options(mysql_.get(), MYSQL_READ_DEFAULT_GROUP, option_group);
-        mysql_options(mysql_.get(), MYSQL_OPT_CONNECT_TIMEOUT, &connect_timeout_s);
+        const unsigned int connect_s =
+            limits_.connect > 0 ? static_cast<unsigned int>(limits_.connect) : connect_timeout_s;
+        mysql_options(mysql_.get(), MYSQL_OPT_CONNECT_TIMEOUT, &connect_s);
         if (full_) {
             // A server that stops answering cannot hold a thread for long,
             // and names arrive in any language.
@@ -90,7 +103,21 @@ class mysql_handler_t final : public db_handle {
             mysql_options(mysql_.get(), MYSQL_OPT_WRITE_TIMEOUT, &io_timeout_s);
             mysql_options(mysql_.get(), MYSQL_SET_CHARSET_NAME, "utf8mb4");
         }
+        if (limits_.read > 0) {
+            const unsigned int read_s = static_cast<unsigned int>(limits_.read);
+            mysql_options(mysql_.get(), MYSQL_OPT_READ_TIMEOUT, &read_s);
+        }
+        if (limits_.write > 0) {
+            const unsigned int write_s = static_cast<unsigned int>(limits_.write);
+            mysql_options(mysql_.get(), MYSQL_OPT_WRITE_TIMEOUT, &write_s);
+        }
+        server_ = std::string(host ? host : "localhost") + ":" +
+                  std::to_string(port ? port : mysqldrv.port);
+        const auto start = std::chrono::steady_clock::now();
         if (!mysql_real_connect(mysql_.get(), host, user, password, database, port, nullptr, 0)) {
+            if (timed_out(start, limits_.connect))
+                LOG(L_ERROR, "MySQL section [%s] at %s: connect timed out after %d s",
+                    section_.c_str(), server_.c_str(), limits_.connect);
             LOG(L_ERROR, "Failed to connect to database: Error: %s", mysql_error(mysql_.get()));
             return -2;
         }
@@ -105,7 +132,13 @@ class mysql_handler_t final : public db_handle {
             LOG(L_ERROR, "Query error: %s", "not connected");
             return -1;
         }
+        const auto start = std::chrono::steady_clock::now();
         if (mysql_query(mysql_.get(), statement ? statement : "") != 0) {
+            const int limit = std::min(limits_.read > 0 ? limits_.read : limits_.write,
+                                       limits_.write > 0 ? limits_.write : limits_.read);
+            if (timed_out(start, limit))
+                LOG(L_ERROR, "MySQL section [%s] at %s: statement timed out after %d s",
+                    section_.c_str(), server_.c_str(), limit);
             LOG(L_ERROR, "Query error: %s", mysql_error(mysql_.get()));
             return -1;
         }
@@ -176,6 +209,9 @@ class mysql_handler_t final : public db_handle {
     // Declared before the result: a result is always released before its
     // connection.
     const bool full_;  // [fixes] mysql: text columns, time limits, utf8mb4
+    const std::string section_;
+    const mysql_deadlines limits_;
+    std::string server_;  // "host:port" of the last connect, for log lines
     std::unique_ptr<MYSQL, connection_closer> mysql_;
     std::unique_ptr<MYSQL_RES, result_freer> res_;
     MYSQL_ROW row_ = nullptr;
@@ -183,9 +219,9 @@ class mysql_handler_t final : public db_handle {
 
 }  // namespace
 
-dbdriver_ptr mysql_create_drv(const char* name, bool full) {
+dbdriver_ptr mysql_create_drv(const char* name, bool full, mysql_deadlines limits) {
     auto drv = std::make_shared<dbdriver_t>();
-    drv->dbhandle = std::make_unique<mysql_handler_t>(full);
+    drv->dbhandle = std::make_unique<mysql_handler_t>(full, name ? name : mysqldrv.name, limits);
     dbdriver_t::set_text16(drv->name, name ? name : mysqldrv.name);
     dbdriver_t::set_text16(drv->dateformat, mysqldrv.dateformat);
     dbdriver_t::set_text16(drv->timeformat, mysqldrv.timeformat);

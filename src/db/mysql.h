@@ -26,8 +26,18 @@
 
 #include "db/driver.h"
 
+// Seconds a connect, a read and a write may take; 0 keeps the long-standing
+// limit (10 s to connect; 30 s to read and write with `full`, else none).
+// A call that fails once its limit set here has passed is logged at ERROR
+// with the section and the server, as a time-out.
+struct mysql_deadlines {
+    int connect = 0;
+    int read = 0;
+    int write = 0;
+};
+
 // A new MySQL driver named `name` (cut to 15 characters), port 3306, not
 // connected. With `full` ([fixes] mysql) the field readers also read text,
 // date and time columns, the connection uses utf8mb4, and reads and writes
 // give up after 30 s.
-dbdriver_ptr mysql_create_drv(const char* name, bool full = false);
+dbdriver_ptr mysql_create_drv(const char* name, bool full = false, mysql_deadlines limits = {});

@@ -8,12 +8,14 @@
 #include "db/sqlite.h"
 #include "logger.h"
 
-dbdriver_ptr load_dbdriver(const db_settings& s, bool mysql, bool connect) {
+dbdriver_ptr load_dbdriver(const db_settings& s, bool mysql, bool connect, bool mysql_at_use) {
     dbdriver_ptr drv;
     if (strcasecmp(s.driver.c_str(), "sqlite") == 0)
         drv = sqlite_create_drv(s.section.c_str());
     else if (mysql && strcasecmp(s.driver.c_str(), "mysql") == 0)
-        drv = mysql_create_drv(s.section.c_str(), true);
+        drv = mysql_create_drv(s.section.c_str(), true,
+                               {s.connect_timeout.value_or(0), s.read_timeout.value_or(0),
+                                s.write_timeout.value_or(0)});
     else
         return nullptr;
 
@@ -47,7 +49,7 @@ dbdriver_ptr load_dbdriver(const db_settings& s, bool mysql, bool connect) {
                 s.section.c_str(), s.synchronous->c_str());
     }
 
-    if (!connect) return drv;
+    if (!connect || (mysql_at_use && strcasecmp(s.driver.c_str(), "mysql") == 0)) return drv;
     db_lock guard(*drv);
     if (drv->reconnect() != 0)
         LOG(L_ERROR, "Can not connect to DB %s of %s. Please check settings\n", s.section.c_str(),
@@ -56,10 +58,10 @@ dbdriver_ptr load_dbdriver(const db_settings& s, bool mysql, bool connect) {
 }
 
 std::vector<dbdriver_ptr> load_dbdrivers(const std::vector<db_settings>& sections, bool mysql,
-                                         bool connect) {
+                                         bool connect, bool mysql_at_use) {
     std::vector<dbdriver_ptr> drivers;
     for (const db_settings& s : sections)
-        if (dbdriver_ptr drv = load_dbdriver(s, mysql, connect))
+        if (dbdriver_ptr drv = load_dbdriver(s, mysql, connect, mysql_at_use))
             drivers.insert(drivers.begin(), std::move(drv));
     return drivers;
 }

@@ -68,6 +68,8 @@ void mansession::reset() {
     hide_secret = false;
     before_wait = nullptr;
     quick_reads = 0;
+    connect_timeout_ms = 0;
+    answer_by = {};
     user.clear();
     pass.clear();
 }
@@ -130,23 +132,42 @@ int connect_nonb(mansession& s) {
         }
         if (err != EINPROGRESS) return -1;
 
-        // select() cannot watch descriptors beyond FD_SETSIZE.
-        if (s.fd >= FD_SETSIZE) {
-            errno = EMFILE;
-            return -1;
+        if (s.connect_timeout_ms > 0) {
+            // Waits for the connect or the wake descriptor; a connect that
+            // did not finish in time is given up with its socket.
+            pollfd p[2] = {{s.fd, POLLOUT, 0}, {s.wake_fd, POLLIN, 0}};
+            int n;
+            do {
+                n = poll(p, s.wake_fd >= 0 ? 2 : 1, s.connect_timeout_ms);
+            } while (n < 0 && errno == EINTR);
+            if (n <= 0 || (p[1].revents & POLLIN)) {
+                const int why = n == 0 ? ETIMEDOUT : n < 0 ? errno : EINTR;
+                if (n == 0)
+                    LOG(L_ERROR, "Manager %s:%d: connect timed out after %d s", dotted(s).c_str(),
+                        ntohs(s.sin.sin_port), s.connect_timeout_ms / 1000);
+                replace_socket(s);
+                errno = why;
+                return -1;
+            }
+        } else {
+            // select() cannot watch descriptors beyond FD_SETSIZE.
+            if (s.fd >= FD_SETSIZE) {
+                errno = EMFILE;
+                return -1;
+            }
+            fd_set rset, wset;
+            FD_ZERO(&rset);
+            FD_SET(s.fd, &rset);
+            wset = rset;
+            timeval tv{1, 0};
+            int n = select(s.fd + 1, &rset, &wset, nullptr, &tv);
+            if (n == 0) {
+                errno = ETIMEDOUT;
+                return -1;
+            }
+            if (n < 0) return -1;
+            if (!FD_ISSET(s.fd, &rset) && !FD_ISSET(s.fd, &wset)) return -1;
         }
-        fd_set rset, wset;
-        FD_ZERO(&rset);
-        FD_SET(s.fd, &rset);
-        wset = rset;
-        timeval tv{1, 0};
-        int n = select(s.fd + 1, &rset, &wset, nullptr, &tv);
-        if (n == 0) {
-            errno = ETIMEDOUT;
-            return -1;
-        }
-        if (n < 0) return -1;
-        if (!FD_ISSET(s.fd, &rset) && !FD_ISSET(s.fd, &wset)) return -1;
         int error = 0;
         socklen_t len = sizeof error;
         if (getsockopt(s.fd, SOL_SOCKET, SO_ERROR, &error, &len) < 0) return -1;
@@ -293,9 +314,18 @@ int mgr_get_input(mansession& s, char* output) {
     }
     s.quick_reads = 0;
     if (s.before_wait) s.before_wait();
+    const bool bounded = s.answer_by != std::chrono::steady_clock::time_point{};
     for (;;) {
+        int wait_ms = -1;
+        if (bounded) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+                s.answer_by - std::chrono::steady_clock::now());
+            if (left.count() <= 0) return -2;
+            wait_ms = static_cast<int>(std::min<long long>(left.count(), 60000));
+        }
         pollfd p[2] = {{s.fd, POLLIN, 0}, {s.wake_fd, POLLIN, 0}};
-        int r = poll(p, s.wake_fd >= 0 ? 2 : 1, -1);
+        int r = poll(p, s.wake_fd >= 0 ? 2 : 1, wait_ms);
+        if (r == 0) continue;  // the deadline is looked at again
         if (r > 0 && (p[1].revents & POLLIN)) return -1;
         if (r > 0) break;
         if (r < 0 && errno == EINTR) {

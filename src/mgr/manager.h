@@ -20,6 +20,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -37,6 +38,11 @@ struct mansession {
     // empty): what was read so far can be dealt with before the wait.
     std::function<void()> before_wait;
     int quick_reads = 0;  // receives in a row that did not wait
+    // A connect attempt waits this long, watching wake_fd, and a socket whose
+    // connect did not finish in time is replaced (0: one second, as always).
+    int connect_timeout_ms = 0;
+    // When set, a read waits for the manager until then at most.
+    std::chrono::steady_clock::time_point answer_by{};
     std::string user;
     std::string pass;
 
@@ -74,9 +80,11 @@ struct message {
 // 0, or -1 when the host cannot be resolved or no socket can be created.
 int mgr_init(mansession& s, const char* host, int port, const char* user, const char* passwd);
 
-// One non-blocking connect attempt of at most one second: the connected
-// socket, or -1 with errno set. A socket that reports itself connected already,
-// aborted or refused is closed and replaced for the next attempt.
+// One non-blocking connect attempt of at most one second (connect_timeout_ms
+// when set): the connected socket, or -1 with errno set. A socket that
+// reports itself connected already, aborted or refused is closed and replaced
+// for the next attempt; with connect_timeout_ms also one that timed out
+// (ETIMEDOUT, logged at ERROR) or was woken (EINTR).
 int connect_nonb(mansession& s);
 
 // connect_nonb, storing the socket in s.fd: the socket, or -1.
@@ -104,8 +112,9 @@ int mgr_login(mansession& s, const char* events = "call");
 const char* mgr_get_header(const message& m, const char* name);
 
 // Returns the next buffered line in `output` (1024 bytes) without its line end
-// (1), or waits without time limit for the socket and receives more bytes (0),
-// or fails (-1: peer closed, receive or wait error, wake_fd readable). Bytes
+// (1), or waits without time limit (until answer_by when set) for the socket
+// and receives more bytes (0), or fails (-1: peer closed, receive or wait
+// error, wake_fd readable; -2: answer_by passed). Bytes
 // that have arrived already are received without a wait (wake_fd is looked
 // at when it waits, and at least every 64th receive).
 int mgr_get_input(mansession& s, char* output);

@@ -175,7 +175,12 @@ void mgr_session::connection_lost() {
 
 bool mgr_session::log_in(mansession& s, const char* addr) {
     for (;;) {
-        if (mgr_login(s, settings_.events.c_str()) == 0) return true;
+        if (mgr_login(s, settings_.events.c_str()) == 0) {
+            if (settings_.login_timeout_s > 0)
+                s.answer_by = std::chrono::steady_clock::now() +
+                              std::chrono::seconds(settings_.login_timeout_s);
+            return true;
+        }
         if (stop_.requested()) return false;
         if (!settings_.actions) {
             notify_.stopped(notify_part::capture,
@@ -209,6 +214,7 @@ void mgr_session::run() {
     s->wake_fd = stop_.fd();
     s->hide_secret = c.hide_secret;
     s->before_wait = before_wait_;
+    s->connect_timeout_ms = c.connect_timeout_s * 1000;
     char addr[INET_ADDRSTRLEN];
     mgr_inet_ntoa(addr, sizeof addr, s->sin.sin_addr);
 
@@ -232,13 +238,24 @@ void mgr_session::run() {
                 const char* text = mgr_get_header(*msg, "Message");
                 if (strcmp(text, "Authentication accepted") == 0) {
                     s->connected = 1;
+                    s->answer_by = {};
                     LOG(L_DEBUG, "%s: connected successfully!", addr);
                     logged_in(*s, addr);
                 } else if (strcmp(text, "Authentication failed") == 0) {
                     s->connected = -1;
+                    s->answer_by = {};
                 }
             }
         } else if (res < 0) {
+            if (res == -2) {
+                // No answer to the login in time: the Manager counts as
+                // unreachable, and the connection is made again.
+                LOG(L_ERROR, "Manager %s:%d: no answer to the login within %d s", addr, c.port,
+                    c.login_timeout_s);
+                s->answer_by = {};
+                s->inlen = 0;
+                s->inbuf[0] = '\0';
+            }
             connection_lost();
             if (before_wait_) before_wait_();
             if (stop_.requested()) break;

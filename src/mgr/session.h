@@ -55,6 +55,12 @@ class mgr_session {
         // What STATUS says when the session stops by design ("call capture
         // stopped: ..." or "Manager session stopped: ...").
         std::string stop_prefix = "call capture stopped";
+        // Seconds a connect attempt and the login's answer may take (0: a
+        // connect attempt waits one second, the answer as long as it takes).
+        // A login not answered in time is logged at ERROR and the
+        // connection is made again, as after a lost one.
+        int connect_timeout_s = 0;
+        int login_timeout_s = 0;
     };
 
     // The answer to one action.

@@ -4,6 +4,7 @@
 #include <strings.h>
 #include <sys/time.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -74,14 +75,14 @@ void load_rooms_conf(const rooms_settings& r, states_file& states, bool true_sta
                             c_str_or_null(r.ldap_user), c_str_or_null(r.ldap_pass),
                             c_str_or_null(r.ldap_base), c_str_or_null(r.ldap_scope),
                             c_str_or_null(r.ldap_filter), c_str_or_null(r.ldap_attribute), states,
-                            true_stamps) != 0)
+                            true_stamps, r.ldap_timeout) != 0)
             LOG(L_ERROR, "LDAP rooms load failure\n");
     }
 }
 
 int load_rooms_ldap(const char* host, int port, int version, int timelimit, const char* user,
                     const char* password, const char* base, const char* scope, const char* filter,
-                    const char* attribute, states_file& states, bool true_stamps) {
+                    const char* attribute, states_file& states, bool true_stamps, int deadline_s) {
     const char* missing = !base        ? "rooms:ldap_base"
                           : !filter    ? "rooms:ldap_filter"
                           : !attribute ? "rooms:ldap_attribute"
@@ -102,10 +103,22 @@ int load_rooms_ldap(const char* host, int port, int version, int timelimit, cons
 
     ldap_set_option(ld.get(), LDAP_OPT_TIMELIMIT, &timelimit);
     ldap_set_option(ld.get(), LDAP_OPT_PROTOCOL_VERSION, &version);
-    const timeval network_timeout = {ldap_network_timeout_s, 0};
+    const timeval network_timeout = {deadline_s > 0 ? deadline_s : ldap_network_timeout_s, 0};
     ldap_set_option(ld.get(), LDAP_OPT_NETWORK_TIMEOUT, &network_timeout);
-    const timeval answer_timeout = {ldap_answer_timeout_s, 0};
+    const timeval answer_timeout = {deadline_s > 0 ? deadline_s : ldap_answer_timeout_s, 0};
     ldap_set_option(ld.get(), LDAP_OPT_TIMEOUT, &answer_timeout);
+
+    if (deadline_s > 0) {
+        // Connected apart from the bind, so that a connect that takes too
+        // long is told from a bind that gets no answer.
+        const auto start = std::chrono::steady_clock::now();
+        if (ldap_connect(ld.get()) != LDAP_SUCCESS &&
+            std::chrono::steady_clock::now() - start >=
+                std::chrono::seconds(deadline_s) - std::chrono::milliseconds(200)) {
+            LOG(L_ERROR, "LDAP %s: connect timed out after %d s", uri.c_str(), deadline_s);
+            return -2;
+        }
+    }
 
     berval credentials{};
     if (user && password) {
@@ -114,6 +127,8 @@ int load_rooms_ldap(const char* host, int port, int version, int timelimit, cons
     }
     int rc =
         ldap_sasl_bind_s(ld.get(), user, LDAP_SASL_SIMPLE, &credentials, nullptr, nullptr, nullptr);
+    if (rc == LDAP_TIMEOUT && deadline_s > 0)
+        LOG(L_ERROR, "LDAP %s: bind timed out after %d s", uri.c_str(), deadline_s);
     if (rc != LDAP_SUCCESS) {
         LOG(L_WARNING, "LDAPget: bind failed: %s\n", ldap_err2string(rc));
         return -2;
@@ -123,6 +138,8 @@ int load_rooms_ldap(const char* host, int port, int version, int timelimit, cons
     rc = ldap_search_ext_s(ld.get(), base, search_scope(scope), filter, nullptr, 0, nullptr,
                            nullptr, nullptr, 0, &raw_result);
     ldap_message_ptr result(raw_result);
+    if (rc == LDAP_TIMEOUT && deadline_s > 0)
+        LOG(L_ERROR, "LDAP %s: search timed out after %d s", uri.c_str(), deadline_s);
     if (rc != LDAP_SUCCESS) {
         LOG(L_DEBUG, "LDAPget: search failed: %s\n", ldap_err2string(rc));
         return -3;

@@ -29,7 +29,11 @@ void load_rooms_conf(const rooms_settings& rooms, states_file& states, bool true
 // Returns 0 on success (also when the states file cannot be opened, which is
 // logged), -1 no LDAP handle (or base, filter or attribute missing), -2 bind
 // failed, -3 search failed, -4 no entry found, -5 the entry has no value of
-// the attribute.
+// the attribute. With `deadline_s` the connect, the bind and the search may
+// take that long each (instead of 10 s for the connect and 30 s for each
+// answer); one that takes longer is logged at ERROR with the server's URI
+// and fails as if the server were unreachable (-2 connect or bind, -3 search).
 int load_rooms_ldap(const char* host, int port, int version, int timelimit, const char* user,
                     const char* password, const char* base, const char* scope, const char* filter,
-                    const char* attribute, states_file& states, bool true_stamps = false);
+                    const char* attribute, states_file& states, bool true_stamps = false,
+                    int deadline_s = 0);
