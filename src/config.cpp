@@ -5,6 +5,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -52,6 +53,22 @@ int read_port(const dictionary* d, const char* key, int def) {
     if (v < 1 || v > 65535)
         LOG(L_WARNING, "%s = %d is not a TCP port (1-65535); the connection will fail", key, v);
     return v;
+}
+
+// A time in seconds (fractions allowed) as milliseconds; `def` when absent or
+// not a positive number.
+int read_seconds(const dictionary* d, const char* key, int def) {
+    const char* text = iniparser_getstring(d, key, nullptr);
+    if (!text) return def;
+    char* end = nullptr;
+    const double seconds = strtod(text, &end);
+    if (end == text || *end != '\0' || !(seconds > 0) || seconds > 3600) {
+        LOG(L_WARNING, "%s = \"%s\" is no number of seconds (above 0, at most 3600): %g used", key,
+            text, def / 1000.0);
+        return def;
+    }
+    const int ms = static_cast<int>(seconds * 1000 + 0.5);
+    return ms > 0 ? ms : 1;
 }
 
 // Every section with a dbdriver key, in file order.
@@ -127,7 +144,8 @@ fixes_settings read_fixes(const dictionary* d) {
                 {"states_file", f.states_file},
                 {"posting", f.posting},
                 {"mysql", f.mysql},
-                {"manager_events", f.manager_events}};
+                {"manager_events", f.manager_events},
+                {"deadlines", f.deadlines}};
     for (const auto& k : keys)
         k.value = iniparser_getboolean(d, ("fixes:" + std::string(k.key)).c_str(), all) != 0;
 
@@ -219,6 +237,13 @@ bool parse_config_file(const std::string& path, config& cfg) {
     read_text(d, "pms:encoding", cfg.pmsencoding);
     cfg.resync = iniparser_getboolean(d, "pms:resync", 0) != 0;
     cfg.night_audit = iniparser_getboolean(d, "pms:night_audit", 0) != 0;
+    cfg.pms_tls = iniparser_getboolean(d, "pms:tls", 0) != 0;
+    read_text(d, "pms:tls_ca", cfg.pms_tls_ca);
+    read_text(d, "pms:tls_cert", cfg.pms_tls_cert);
+    read_text(d, "pms:tls_key", cfg.pms_tls_key);
+    read_text(d, "pms:tls_server_name", cfg.pms_tls_server_name);
+    cfg.pms_connect_timeout_ms = read_seconds(d, "pms:connect_timeout", 5000);
+    cfg.pms_write_timeout_ms = read_seconds(d, "pms:write_timeout", 10000);
     if (opt_text t = get_text(d, "logger:log_type"))
         cfg.logtype = strcasestr(t->c_str(), "syslog") ? 0 : 1;
     cfg.loglevel = static_cast<uint16_t>(iniparser_getint(d, "logger:log_level", 5));
