@@ -72,6 +72,18 @@ outcome connect_until(int sock, const sockaddr_in& sin, steady::time_point deadl
     return fcntl(sock, F_SETFL, flags) == 0 ? outcome::done : outcome::failed;
 }
 
+// The first IPv4 address of `host` (no time limit).
+bool resolve(const std::string& host, sockaddr_in* out) {
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* res = nullptr;
+    if (getaddrinfo(host.c_str(), nullptr, &hints, &res) != 0 || !res) return false;
+    memcpy(out, res->ai_addr, sizeof *out);
+    freeaddrinfo(res);
+    return true;
+}
+
 // "3 s", "0.5 s".
 std::string seconds_text(std::chrono::milliseconds ms) {
     char text[32];
@@ -107,14 +119,7 @@ bool pms_link::resolve_until(const std::string& host, steady::time_point deadlin
         // A lookup for another host that is still running ends by itself.
         std::packaged_task<lookup_result()> task([host] {
             lookup_result r;
-            addrinfo hints{};
-            hints.ai_family = AF_INET;
-            hints.ai_socktype = SOCK_STREAM;
-            addrinfo* res = nullptr;
-            if (getaddrinfo(host.c_str(), nullptr, &hints, &res) != 0 || !res) return r;
-            memcpy(&r.address, res->ai_addr, sizeof r.address);
-            freeaddrinfo(res);
-            r.found = true;
+            r.found = resolve(host, &r.address);
             return r;
         });
         lookup_ = task.get_future();
@@ -141,14 +146,8 @@ int pms_link::connect(const std::string& host, int port) {
                     seconds_text(connect_limit_).c_str());
             return -1;
         }
-    } else {
-        addrinfo hints{};
-        hints.ai_family = AF_INET;
-        hints.ai_socktype = SOCK_STREAM;
-        addrinfo* res = nullptr;
-        if (getaddrinfo(host.c_str(), nullptr, &hints, &res) != 0 || !res) return -1;
-        memcpy(&sin, res->ai_addr, sizeof sin);
-        freeaddrinfo(res);
+    } else if (!resolve(host, &sin)) {
+        return -1;
     }
     sin.sin_port = htons(static_cast<uint16_t>(port));
 
