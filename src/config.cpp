@@ -57,7 +57,7 @@ int read_port(const dictionary* d, const char* key, int def) {
 
 // A number of seconds: 0 when absent; anything but a positive whole number
 // (up to a day) is logged and taken as absent.
-int read_seconds(const dictionary* d, const std::string& key) {
+int read_whole_seconds(const dictionary* d, const std::string& key) {
     const char* text = iniparser_getstring(d, key.c_str(), nullptr);
     if (!text) return 0;
     char* end = nullptr;
@@ -65,6 +65,22 @@ int read_seconds(const dictionary* d, const std::string& key) {
     if (end != text && *end == '\0' && v >= 1 && v <= 86400) return static_cast<int>(v);
     LOG(L_WARNING, "%s = \"%s\" is not a number of seconds (1-86400): ignored", key.c_str(), text);
     return 0;
+}
+
+// A time in seconds (fractions allowed) as milliseconds; `def` when absent or
+// not a positive number.
+int read_seconds(const dictionary* d, const char* key, int def) {
+    const char* text = iniparser_getstring(d, key, nullptr);
+    if (!text) return def;
+    char* end = nullptr;
+    const double seconds = strtod(text, &end);
+    if (end == text || *end != '\0' || !(seconds > 0) || seconds > 3600) {
+        LOG(L_WARNING, "%s = \"%s\" is no number of seconds (above 0, at most 3600): %g used", key,
+            text, def / 1000.0);
+        return def;
+    }
+    const int ms = static_cast<int>(seconds * 1000 + 0.5);
+    return ms > 0 ? ms : 1;
 }
 
 // Every section with a dbdriver key, in file order.
@@ -89,9 +105,9 @@ std::vector<db_settings> read_databases(const dictionary* d) {
         s.synchronous = get_text(d, prefix + "synchronous");
         if (iniparser_find_entry(d, (prefix + "port").c_str()))
             s.port = iniparser_getint(d, (prefix + "port").c_str(), 0);
-        if (int v = read_seconds(d, prefix + "connect_timeout")) s.connect_timeout = v;
-        if (int v = read_seconds(d, prefix + "read_timeout")) s.read_timeout = v;
-        if (int v = read_seconds(d, prefix + "write_timeout")) s.write_timeout = v;
+        if (int v = read_whole_seconds(d, prefix + "connect_timeout")) s.connect_timeout = v;
+        if (int v = read_whole_seconds(d, prefix + "read_timeout")) s.read_timeout = v;
+        if (int v = read_whole_seconds(d, prefix + "write_timeout")) s.write_timeout = v;
         out.push_back(std::move(s));
     }
     return out;
@@ -236,6 +252,13 @@ bool parse_config_file(const std::string& path, config& cfg) {
     read_text(d, "pms:encoding", cfg.pmsencoding);
     cfg.resync = iniparser_getboolean(d, "pms:resync", 0) != 0;
     cfg.night_audit = iniparser_getboolean(d, "pms:night_audit", 0) != 0;
+    cfg.pms_tls = iniparser_getboolean(d, "pms:tls", 0) != 0;
+    read_text(d, "pms:tls_ca", cfg.pms_tls_ca);
+    read_text(d, "pms:tls_cert", cfg.pms_tls_cert);
+    read_text(d, "pms:tls_key", cfg.pms_tls_key);
+    read_text(d, "pms:tls_server_name", cfg.pms_tls_server_name);
+    cfg.pms_connect_timeout_ms = read_seconds(d, "pms:connect_timeout", 5000);
+    cfg.pms_write_timeout_ms = read_seconds(d, "pms:write_timeout", 10000);
     if (opt_text t = get_text(d, "logger:log_type"))
         cfg.logtype = strcasestr(t->c_str(), "syslog") ? 0 : 1;
     cfg.loglevel = static_cast<uint16_t>(iniparser_getint(d, "logger:log_level", 5));
@@ -289,7 +312,7 @@ bool parse_config_file(const std::string& path, config& cfg) {
     // limits stay.
     const bool deadlines = cfg.fixes.deadlines;
     auto seconds = [&](const char* key, int def) {
-        const int v = read_seconds(d, key);
+        const int v = read_whole_seconds(d, key);
         return v > 0 ? v : deadlines ? def : 0;
     };
     cfg.ami_connect_timeout = seconds("services:ami_connect_timeout", 5);

@@ -84,6 +84,15 @@ struct config {
     opt_text pmsencoding;      // pms:encoding, the PMS's character set ([fixes] escape)
     bool resync = false;       // pms:resync, "DR" after each link start-up
     bool night_audit = false;  // pms:night_audit, no postings between "NS" and "NE"
+    // The PMS link over TLS (pms:tls ...), and its deadlines (pms:connect_timeout,
+    // pms:write_timeout), used with [fixes] deadlines or TLS.
+    bool pms_tls = false;
+    opt_text pms_tls_ca;
+    opt_text pms_tls_cert;
+    opt_text pms_tls_key;
+    opt_text pms_tls_server_name;  // absent: pmshost
+    int pms_connect_timeout_ms = 5000;
+    int pms_write_timeout_ms = 10000;
     // [logger]
     uint8_t logtype = 0;  // 1 = copy log lines to the system log
     uint16_t loglevel = 5;

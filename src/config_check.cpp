@@ -1,8 +1,10 @@
 #include "config_check.h"
 
 #include <strings.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -203,6 +205,28 @@ void warn_driverless_sections(const config& cfg) {
     }
 }
 
+// The files of the PMS link's TLS, which must be there and readable.
+void warn_tls_files(const config& cfg) {
+    const struct {
+        const char* key;
+        const opt_text& value;
+        bool file;
+    } keys[] = {{"tls_ca", cfg.pms_tls_ca, true},
+                {"tls_cert", cfg.pms_tls_cert, true},
+                {"tls_key", cfg.pms_tls_key, true},
+                {"tls_server_name", cfg.pms_tls_server_name, false}};
+    for (const auto& k : keys) {
+        if (!k.value) continue;
+        if (!cfg.pms_tls)
+            LOG(L_WARNING, "pms:%s is not used without pms:tls = yes", k.key);
+        else if (k.file && access(k.value->c_str(), R_OK) != 0)
+            LOG(L_WARNING, "pms:%s = \"%s\" cannot be read: %s", k.key, k.value->c_str(),
+                strerror(errno));
+    }
+    if (cfg.pms_tls && cfg.pms_tls_key && !cfg.pms_tls_cert)
+        LOG(L_WARNING, "pms:tls_key is set without pms:tls_cert: no client certificate is sent");
+}
+
 }  // namespace
 
 int test_configuration(const std::string& path, int level) {
@@ -217,6 +241,7 @@ int test_configuration(const std::string& path, int level) {
         check_configuration(cfg);
         warn_dead_templates(cfg);
         warn_driverless_sections(cfg);
+        warn_tls_files(cfg);
     }
     const unsigned long problems = logger_problem_count();
     if (problems == 0)

@@ -179,6 +179,9 @@ class daemon_process {
         config_ptr cfg = configs->current();
         const char* interface = cfg->pmsinterface ? cfg->pmsinterface->c_str() : "";
         link->set_options(link_options(*cfg));
+        // Writing into a TLS session whose peer has gone must fail, not end
+        // the process (OpenSSL writes to the socket without MSG_NOSIGNAL).
+        if (cfg->pms_tls) signal(SIGPIPE, SIG_IGN);
         notify->waiting(notify_part::main_loop, true);
         const bool ok = link->connect(cfg->pmshost, cfg->pmsport) == 0;
         notify->waiting(notify_part::main_loop, false);
@@ -215,8 +218,24 @@ class daemon_process {
     }
 
     static pms_link::options link_options(const config& cfg) {
-        return pms_link::options{cfg.fixes.link_end, cfg.fixes.quiet,
-                                 fias_codec_options{cfg.fixes.numbers}};
+        pms_link::options o;
+        o.link_end = cfg.fixes.link_end;
+        o.quiet = cfg.fixes.quiet;
+        o.codec = fias_codec_options{cfg.fixes.numbers};
+        // TLS is always bounded: its handshake and writes wait on a
+        // non-blocking socket.
+        if (cfg.fixes.deadlines || cfg.pms_tls) {
+            o.connect_limit = std::chrono::milliseconds(cfg.pms_connect_timeout_ms);
+            o.write_limit = std::chrono::milliseconds(cfg.pms_write_timeout_ms);
+        }
+        if (cfg.pms_tls) o.tls = tls_settings_of(cfg);
+        return o;
+    }
+
+    static tls_settings tls_settings_of(const config& cfg) {
+        return tls_settings{cfg.pms_tls_ca.value_or(""), cfg.pms_tls_cert.value_or(""),
+                            cfg.pms_tls_key.value_or(""),
+                            cfg.pms_tls_server_name.value_or(cfg.pmshost)};
     }
 
     // Stops the billing thread and the Manager session (and the record worker), waiting
@@ -257,7 +276,8 @@ class daemon_process {
     void apply_reload(const config& before, const config_ptr& after) {
         load_rooms_conf(after->rooms, *states, fill_options_of(*after).dates);
         if (before.pmshost != after->pmshost || before.pmsport != after->pmsport ||
-            before.pmsinterface != after->pmsinterface) {
+            before.pmsinterface != after->pmsinterface || before.pms_tls != after->pms_tls ||
+            (after->pms_tls && tls_settings_of(before) != tls_settings_of(*after))) {
             LOG(L_NOTICE, "PMS settings changed: connecting to %s:%d", after->pmshost.c_str(),
                 after->pmsport);
             pms_moved = true;

@@ -2,7 +2,10 @@
 // against the simulators; and, for each, that it is off without the section.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+
+#include <unistd.h>
 
 #include <cstdio>
 
@@ -54,7 +57,7 @@ mode_t mode_of(const std::string& path) {
 // section a lost link is not noticed: Compatibility.)
 TEST(FixesLink, RecordsComeInOrderAtOnceAndALostLinkIsMadeAgainAtOnce) {
     daemon_run run;
-    run.set("fixes", "all", "yes");
+    run.set("fixes", "all", "yes").set("pms", "write_timeout", "0.5");
     run.use_log_templates();
     use_calls(run);
     // A pause of 5 s after each record would take over 16 minutes for these.
@@ -92,11 +95,56 @@ TEST(FixesLink, RecordsComeInOrderAtOnceAndALostLinkIsMadeAgainAtOnce) {
     add_calls(run, "101", 6000);  // more than the socket buffers take
     ASSERT_TRUE(wait_until([&] { return run.count_log("Connection to PMS lost") == 4; }))
         << run.log();
+    EXPECT_TRUE(has_line_like(run.log(), kStamp +
+                                             ":  ERROR[@]: link.cpp:@ in write_bounded: PMS "
+                                             "127.0.0.1:@: a write took longer than 0.5 s: the "
+                                             "link is taken as down"))
+        << run.log();
     run.pms.pause_reading(false);
     ASSERT_TRUE(wait_until([&] { return run.pms.connections() == 5; }, 10s)) << run.log();
     ASSERT_TRUE(run.pms.wait_link_active(10s));
     ASSERT_TRUE(run.play({"GI|RN101|GNSmith|"}, "\tName: Smith")) << run.log();
     ASSERT_TRUE(wait_until([&] { return run.pbx("select count(*) from log")[0][0] == "203"; }));
+}
+
+// A PMS whose accept queue is full (plain TCP, [fixes] deadlines), and one
+// that accepts but never answers the TLS handshake (TLS always has its
+// deadline): each attempt costs the deadline, logged, and is retried.
+TEST(FixesLink, DeadlinesBoundConnectingAndTheTlsHandshake) {
+    for (const bool tls : {false, true}) {
+        daemon_run run(false);
+        run.set("pms", "connect_timeout", "1");
+        if (tls)
+            run.set("pms", "tls", "yes");
+        else
+            run.set("fixes", "deadlines", "yes");
+        int port = 0;
+        const int listener = listen_loopback(run.pms_port(), &port);
+        ASSERT_GE(listener, 0);
+        int filler = -1;
+        if (!tls) {
+            // Backlog 0: the test's own connection fills the queue, and the
+            // daemon's is never answered.
+            listen(listener, 0);
+            filler = connect_loopback(port);
+            ASSERT_GE(filler, 0);
+        }
+        const auto start = std::chrono::steady_clock::now();
+        ASSERT_TRUE(run.start());
+        const std::string line =
+            tls ? "the TLS handshake took longer than 1 s" : "connecting took longer than 1 s";
+        ASSERT_TRUE(run.wait_log(line)) << run.log();
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 5s) << run.log();
+        EXPECT_TRUE(has_line_like(run.log(), kStamp +
+                                                 ":  ERROR[@]: link.cpp:@ in connect: PMS "
+                                                 "127.0.0.1:" +
+                                                 std::to_string(port) + ": " + line))
+            << run.log();
+        EXPECT_TRUE(wait_until([&] { return run.count_log(line) >= 2; }, 10s)) << run.log();
+        EXPECT_TRUE(run.process().running());
+        if (filler >= 0) close(filler);
+        close(listener);
+    }
 }
 
 // Started and reloaded in the foreground, logging to its file.

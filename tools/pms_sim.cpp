@@ -2,6 +2,7 @@
 //
 //   pms_sim [--port N] [--port-file F] [--answer ok|refuse|none]
 //           [--refuse-text T] [--no-link] [--script FILE] [--exit-after-script]
+//           [--tls-cert PEM --tls-key PEM]
 //
 // Prints every frame it receives ("HH:MM:SS.mmm <- TEXT") and sends
 // ("HH:MM:SS.mmm -> TEXT"), one line each, and notes ("HH:MM:SS.mmm -- ...").
@@ -24,6 +25,7 @@
 //   # ...           comment; blank lines are skipped
 // It ends on SIGTERM or SIGINT, or after the last command with
 // --exit-after-script. --port-file receives the port once it listens.
+// With --tls-cert and --tls-key it serves TLS with that certificate and key.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/signalfd.h>
@@ -49,7 +51,8 @@ bool stop_requested = false;
 void usage(const char* prog) {
     fprintf(stderr,
             "usage: %s [--port N] [--port-file F] [--answer ok|refuse|none] [--refuse-text T]\n"
-            "          [--no-link] [--script FILE] [--exit-after-script]\n",
+            "          [--no-link] [--script FILE] [--exit-after-script]\n"
+            "          [--tls-cert PEM --tls-key PEM]\n",
             prog);
 }
 
@@ -245,7 +248,7 @@ bool run_command(pms_sim& sim, const std::string& line, size_t& wait_cursor,
 
 int main(int argc, char** argv) {
     pms_sim::options opts;
-    std::string port_file, script;
+    std::string port_file, script, tls_cert, tls_key;
     bool exit_after_script = false;
     for (int i = 1; i < argc; i++) {
         std::string arg = argv[i];
@@ -265,6 +268,10 @@ int main(int argc, char** argv) {
             opts.play_link = false;
         } else if (arg == "--script" && has_value) {
             script = argv[++i];
+        } else if (arg == "--tls-cert" && has_value) {
+            tls_cert = argv[++i];
+        } else if (arg == "--tls-key" && has_value) {
+            tls_key = argv[++i];
         } else if (arg == "--exit-after-script") {
             exit_after_script = true;
         } else {
@@ -303,6 +310,11 @@ int main(int argc, char** argv) {
     opts.on_note = [](const std::string& text) { print_line("--", text); };
     std::string refuse_text = opts.refuse_text;
     pms_sim sim(opts);
+    if ((!tls_cert.empty() || !tls_key.empty()) && !sim.serve_tls(tls_cert, tls_key)) {
+        fprintf(stderr, "pms_sim: cannot serve TLS with %s and %s\n", tls_cert.c_str(),
+                tls_key.c_str());
+        return 1;
+    }
     if (!sim.start()) {
         fprintf(stderr, "pms_sim: cannot listen on 127.0.0.1:%d\n", opts.port);
         return 1;

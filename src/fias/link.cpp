@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <thread>
 
 #include "fias/codec.h"
 #include "logger.h"
@@ -31,26 +32,63 @@ std::string local_time_text(const char* format) {
     return buf;
 }
 
-constexpr int connect_limit_ms = 5000;
+constexpr auto link_end_connect_limit = std::chrono::seconds(5);
 constexpr int send_buffer_bytes = 64 * 1024;
 
-// A connect that gives up after connect_limit_ms.
-bool connect_bounded(int sock, const sockaddr_in& sin) {
+using steady = std::chrono::steady_clock;
+
+// Milliseconds from now to `deadline`, at least 0.
+int ms_until(steady::time_point deadline) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - steady::now()).count();
+    return left > 0 ? static_cast<int>(left) : 0;
+}
+
+// Waits for `events` on `fd` until `deadline`: > 0 ready, 0 late, < 0 error.
+int poll_until(int fd, short events, steady::time_point deadline) {
+    pollfd p{fd, events, 0};
+    int r;
+    do {
+        r = poll(&p, 1, ms_until(deadline));
+    } while (r < 0 && errno == EINTR);
+    return r;
+}
+
+enum class outcome { done, failed, late };
+
+// A connect that gives up at `deadline`.
+outcome connect_until(int sock, const sockaddr_in& sin, steady::time_point deadline) {
     int flags = fcntl(sock, F_GETFL, 0);
-    if (flags < 0 || fcntl(sock, F_SETFL, flags | O_NONBLOCK) < 0) return false;
+    if (flags < 0 || fcntl(sock, F_SETFL, flags | O_NONBLOCK) < 0) return outcome::failed;
     if (::connect(sock, reinterpret_cast<const sockaddr*>(&sin), sizeof sin) < 0) {
-        if (errno != EINPROGRESS) return false;
-        pollfd p{sock, POLLOUT, 0};
-        int r;
-        do {
-            r = poll(&p, 1, connect_limit_ms);
-        } while (r < 0 && errno == EINTR);
+        if (errno != EINPROGRESS) return outcome::failed;
+        const int r = poll_until(sock, POLLOUT, deadline);
+        if (r == 0) return outcome::late;
         int error = 0;
         socklen_t len = sizeof error;
-        if (r <= 0 || getsockopt(sock, SOL_SOCKET, SO_ERROR, &error, &len) < 0 || error)
-            return false;
+        if (r < 0 || getsockopt(sock, SOL_SOCKET, SO_ERROR, &error, &len) < 0 || error)
+            return outcome::failed;
     }
-    return fcntl(sock, F_SETFL, flags) == 0;
+    return fcntl(sock, F_SETFL, flags) == 0 ? outcome::done : outcome::failed;
+}
+
+// The first IPv4 address of `host` (no time limit).
+bool resolve(const std::string& host, sockaddr_in* out) {
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* res = nullptr;
+    if (getaddrinfo(host.c_str(), nullptr, &hints, &res) != 0 || !res) return false;
+    memcpy(out, res->ai_addr, sizeof *out);
+    freeaddrinfo(res);
+    return true;
+}
+
+// "3 s", "0.5 s".
+std::string seconds_text(std::chrono::milliseconds ms) {
+    char text[32];
+    snprintf(text, sizeof text, "%g s", static_cast<double>(ms.count()) / 1000);
+    return text;
 }
 
 }  // namespace
@@ -66,11 +104,6 @@ void pms_link::end() {
     if (fd_ >= 0) shutdown(fd_, SHUT_RDWR);
 }
 
-int pms_link::socket_fd() const {
-    mutex_lock guard(write_mutex_);
-    return fd_;
-}
-
 bool pms_link::is_open() const {
     return open_;
 }
@@ -80,42 +113,104 @@ pms_link::state pms_link::current_state() const {
     return pms_connected_ ? state::active : state::connecting;
 }
 
+bool pms_link::resolve_until(const std::string& host, steady::time_point deadline, sockaddr_in* out,
+                             bool* late) {
+    if (!lookup_.valid() || lookup_host_ != host) {
+        // A lookup for another host that is still running ends by itself.
+        std::packaged_task<lookup_result()> task([host] {
+            lookup_result r;
+            r.found = resolve(host, &r.address);
+            return r;
+        });
+        lookup_ = task.get_future();
+        lookup_host_ = host;
+        std::thread(std::move(task)).detach();
+    }
+    *late = lookup_.wait_until(deadline) != std::future_status::ready;
+    if (*late) return false;
+    const lookup_result r = lookup_.get();
+    *out = r.address;
+    return r.found;
+}
+
 int pms_link::connect(const std::string& host, int port) {
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* res = nullptr;
-    if (getaddrinfo(host.c_str(), nullptr, &hints, &res) != 0 || !res) return -1;
+    const bool bounded = connect_limit_.count() > 0;
+    const steady::time_point deadline = steady::now() + connect_limit_;
+    const std::string peer = host + ":" + std::to_string(port);
     sockaddr_in sin{};
-    memcpy(&sin, res->ai_addr, sizeof sin);
-    freeaddrinfo(res);
+    if (bounded) {
+        bool late = false;
+        if (!resolve_until(host, deadline, &sin, &late)) {
+            if (late)
+                LOG(L_ERROR, "PMS %s: resolving the name took longer than %s", peer.c_str(),
+                    seconds_text(connect_limit_).c_str());
+            return -1;
+        }
+    } else if (!resolve(host, &sin)) {
+        return -1;
+    }
     sin.sin_port = htons(static_cast<uint16_t>(port));
 
     int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (sock < 0) return -1;
-    if (link_end_ ? !connect_bounded(sock, sin)
-                  : ::connect(sock, reinterpret_cast<sockaddr*>(&sin), sizeof sin) < 0) {
+    outcome made;
+    if (bounded)
+        made = connect_until(sock, sin, deadline);
+    else if (link_end_)
+        made = connect_until(sock, sin, steady::now() + link_end_connect_limit);
+    else
+        made = ::connect(sock, reinterpret_cast<sockaddr*>(&sin), sizeof sin) < 0 ? outcome::failed
+                                                                                  : outcome::done;
+    if (made == outcome::late && bounded)
+        LOG(L_ERROR, "PMS %s: connecting took longer than %s", peer.c_str(),
+            seconds_text(connect_limit_).c_str());
+    if (made != outcome::done) {
         close(sock);
         return -1;
     }
-    if (link_end_) {
+    std::unique_ptr<tls_session> session;
+    if (tls_settings_) {
+        tls_result r = tls_handshake(sock, *tls_settings_, deadline);
+        if (!r.session) {
+            if (r.late)
+                LOG(L_ERROR, "PMS %s: the TLS handshake took longer than %s", peer.c_str(),
+                    seconds_text(connect_limit_).c_str());
+            else
+                LOG(L_ERROR, "PMS %s: TLS handshake failed: %s", peer.c_str(), r.error.c_str());
+            close(sock);
+            return -1;
+        }
+        session = std::move(r.session);
+    }
+    if (link_end_ && write_limit_ms_ == 0) {
         // A PMS that stops reading holds a writer for 10 s at most, and
         // that is noticed after a modest backlog (records are small).
         const long ms = link_write_limit().count();
         timeval limit{ms / 1000, static_cast<suseconds_t>(ms % 1000 * 1000)};
         setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    }
+    if (link_end_) {
         int buffer = send_buffer_bytes;
         setsockopt(sock, SOL_SOCKET, SO_SNDBUF, &buffer, sizeof buffer);
     }
-    attach(sock);
+    attach(sock, std::move(session), peer);
     send_raw(local_time_text("LS|DA%y%m%d|TI%H%M%S|").c_str());
     return 0;
 }
 
 void pms_link::attach(int fd) {
+    attach(fd, nullptr, "(attached)");
+}
+
+void pms_link::attach(int fd, std::unique_ptr<tls_session> tls, const std::string& peer) {
     drop();
     mutex_lock guard(write_mutex_);
     fd_ = fd;
+    tls_ = std::move(tls);
+    read_fd_ = fd;
+    read_tls_ = tls_.get();
+    tls_wait_ = POLLIN;
+    peer_ = peer;
     ended_ = false;
     open_ = true;
     link_number_++;
@@ -128,6 +223,9 @@ void pms_link::drop() {
     open_ = false;
     pms_connected_ = 0;
     if (fd_ < 0) return;
+    read_fd_ = -1;
+    read_tls_ = nullptr;
+    tls_.reset();  // before its socket is closed
     shutdown(fd_, SHUT_RDWR);
     close(fd_);
     fd_ = -1;
@@ -145,6 +243,10 @@ int pms_link::send_raw(const char* packet) {
     ssize_t n;
     {
         mutex_lock guard(write_mutex_);
+        if (tls_ || write_limit_ms_ > 0) {
+            if (fd_ < 0 || ended_) return -1;
+            return write_bounded(frame) ? static_cast<int>(frame.size()) : -1;
+        }
         if (fd_ < 0 || (link_end_ && ended_)) return -1;
         do {
             n = send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL);
@@ -157,6 +259,56 @@ int pms_link::send_raw(const char* packet) {
         }
     }
     return n == static_cast<ssize_t>(frame.size()) ? static_cast<int>(n) : -1;
+}
+
+bool pms_link::write_bounded(const std::string& frame) {
+    const std::chrono::milliseconds limit(write_limit_ms_.load());
+    const steady::time_point deadline = steady::now() + limit;
+    size_t done = 0;
+    outcome result = outcome::done;
+    while (done < frame.size()) {
+        short wait = POLLOUT;
+        if (tls_) {
+            const int n = tls_->write(frame.data(), static_cast<int>(frame.size()), &wait);
+            if (n > 0) {
+                done = frame.size();
+                continue;
+            }
+            if (n != tls_session::again) {
+                result = outcome::failed;
+                break;
+            }
+        } else {
+            const ssize_t n =
+                send(fd_, frame.data() + done, frame.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+            if (n > 0) {
+                done += static_cast<size_t>(n);
+                continue;
+            }
+            if (n < 0 && errno == EINTR) continue;
+            if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) {
+                result = outcome::failed;
+                break;
+            }
+        }
+        const int r = poll_until(fd_, wait, deadline);
+        if (r <= 0) {
+            result = r == 0 ? outcome::late : outcome::failed;
+            break;
+        }
+    }
+    if (result == outcome::done) return true;
+    if (result == outcome::late)
+        LOG(L_ERROR, "PMS %s: a write took longer than %s: the link is taken as down",
+            peer_.c_str(), seconds_text(limit).c_str());
+    // Lost, and maybe cut inside a frame (over TLS always): nothing more goes
+    // into this link; the reader ends it.
+    if (result == outcome::late || link_end_ || tls_) {
+        ended_ = true;
+        pms_connected_ = 0;
+        shutdown(fd_, SHUT_RDWR);
+    }
+    return false;
 }
 
 int pms_link::send_packet(const fias_packet_t* p) {
@@ -212,14 +364,23 @@ int pms_link::init_connection(const char* iftype, fias_record_set optional, bool
 
 namespace {
 
-// One byte from `sock`: 1, 0 at end of stream, -1 on error (EINTR retried),
-// pms_link::idle when nothing came within a second (or a signal interrupted
-// the wait), so that the caller can act on pending signals.
-int read_byte(int sock, char* c) {
-    pollfd pfd{sock, POLLIN, 0};
-    int ready = poll(&pfd, 1, 1000);
-    if (ready < 0 && errno != EINTR) return -1;
-    if (ready <= 0) return pms_link::idle;
+// One byte from `sock`, or from `tls` over it: 1, 0 at end of stream, -1 on
+// error (EINTR retried), pms_link::idle when nothing came within a second
+// (or a signal interrupted the wait, or only part of a TLS record came), so
+// that the caller can act on pending signals. `*wait` is what the TLS
+// session waits for.
+int read_byte(int sock, tls_session* tls, short* wait, char* c) {
+    if (!tls || !tls->pending()) {
+        pollfd pfd{sock, tls ? *wait : static_cast<short>(POLLIN), 0};
+        int ready = poll(&pfd, 1, 1000);
+        if (ready < 0 && errno != EINTR) return -1;
+        if (ready <= 0) return pms_link::idle;
+    }
+    if (tls) {
+        *wait = POLLIN;
+        const int n = tls->read(c, 1, wait);
+        return n == tls_session::again ? pms_link::idle : n;
+    }
     for (;;) {
         ssize_t n = read(sock, c, 1);
         if (n >= 0) return static_cast<int>(n);
@@ -238,7 +399,8 @@ int pms_link::read_packet(char* packet, int maxlen) {
     if (maxlen < 1) return 0;
     // The main thread is the only one that closes the socket, so the number
     // stays valid while it reads without the write lock.
-    const int sock = socket_fd();
+    const int sock = read_fd_;
+    tls_session* const tls = read_tls_;
     if (sock < 0) return link_end_ ? idle : -1;
     for (;;) {
         if (in_record_ && static_cast<int>(partial_.size()) >= maxlen - 1) {
@@ -248,7 +410,7 @@ int pms_link::read_packet(char* packet, int maxlen) {
             return static_cast<int>(partial_.size());
         }
         char c;
-        const int n = read_byte(sock, &c);
+        const int n = read_byte(sock, tls, &tls_wait_, &c);
         if (n == idle) return idle;
         if (n < 0) return -1;
         if (n == 0) {

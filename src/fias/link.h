@@ -16,13 +16,26 @@
 //    is dropped.
 //  - How a link ends (options::link_end) is decided here alone, with the
 //    options in force when it was connected.
+//  - With deadlines (options::connect_limit), a name that does not resolve in
+//    time is left to a resolver thread of its own, which ends by itself; the
+//    next connect to the same host waits for that lookup instead of starting
+//    another, so a hanging resolver never piles up threads.
+//  - Over TLS (options::tls) the link is the same framed stream inside a TLS
+//    session (fias/tls.h); nothing is sent before the handshake completes.
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <future>
+#include <memory>
+#include <optional>
 #include <string>
+
+#include <netinet/in.h>
 
 #include "fias/codec.h"
 #include "fias/packet.h"
+#include "fias/tls.h"
 #include "thread_annotations.h"
 
 class pms_link {
@@ -41,6 +54,15 @@ class pms_link {
         bool quiet = false;
         // How records are written (send_packet).
         fias_codec_options codec;
+        // Deadlines, zero for none. Resolving the name, connecting and the
+        // TLS handshake together must end within connect_limit; a write that
+        // cannot complete within write_limit ends the link (the reader
+        // returns -1). Either logs an ERROR naming the PMS; a link whose
+        // connection ran out of time is not made. Required with tls.
+        std::chrono::milliseconds connect_limit{0};
+        std::chrono::milliseconds write_limit{0};
+        // The link runs over TLS with these settings.
+        std::optional<tls_settings> tls;
     };
 
     pms_link() = default;
@@ -53,6 +75,9 @@ class pms_link {
         link_end_ = o.link_end;
         quiet_ = o.quiet;
         numbers_ = o.codec.numbers;
+        connect_limit_ = o.connect_limit;
+        write_limit_ms_ = static_cast<long>(o.write_limit.count());
+        tls_settings_ = o.tls;
     }
     // Connects to host:port and sends "LS". 0, or -1 (the link stays down).
     // `interface` is not used for connecting.
@@ -108,10 +133,29 @@ class pms_link {
     state current_state() const;
 
   private:
-    int socket_fd() const;
+    void attach(int fd, std::unique_ptr<tls_session> tls, const std::string& peer);
+    // Writes a whole frame within write_limit; false when it failed or ran
+    // out of time (then logged and the link ended).
+    bool write_bounded(const std::string& frame) REQUIRES(write_mutex_);
+    // The address of `host`, waiting until `deadline` at most; *late when
+    // the lookup is still running then.
+    bool resolve_until(const std::string& host, std::chrono::steady_clock::time_point deadline,
+                       sockaddr_in* out, bool* late);
+
+    struct lookup_result {
+        bool found = false;
+        sockaddr_in address{};
+    };
 
     mutable annotated_mutex write_mutex_;
     int fd_ GUARDED_BY(write_mutex_) = -1;
+    std::unique_ptr<tls_session> tls_ GUARDED_BY(write_mutex_);
+    std::string peer_ GUARDED_BY(write_mutex_);  // "host:port", for the log
+    // The reader's copies of fd_ and tls_ (only the main thread changes
+    // them), so that reading never waits for a writer's lock.
+    std::atomic<int> read_fd_{-1};
+    std::atomic<tls_session*> read_tls_{nullptr};
+    short tls_wait_ = 0;  // what the reader's last TLS read waits for
     std::atomic<bool> open_{false};
     std::atomic<bool> ended_{false};     // shut down by a writer
     std::atomic<int> pms_connected_{0};  // 1 once the PMS has sent "LA"
@@ -119,6 +163,13 @@ class pms_link {
     std::atomic<bool> quiet_{false};
     std::atomic<bool> numbers_{false};
     std::atomic<unsigned> link_number_{0};  // counts the links attached
+    std::atomic<long> write_limit_ms_{0};
+    // Main thread only: the connection's settings, and a name lookup that
+    // outlived its deadline.
+    std::chrono::milliseconds connect_limit_{0};
+    std::optional<tls_settings> tls_settings_;
+    std::string lookup_host_;
+    std::future<lookup_result> lookup_;
     // The record being read (main thread only): STX seen, and its bytes.
     bool in_record_ = false;
     std::string partial_;

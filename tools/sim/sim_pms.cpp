@@ -1,11 +1,15 @@
 #include "sim_pms.h"
 
+#include <fcntl.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <ctime>
 
 #include "cv_wait.h"
@@ -41,6 +45,14 @@ std::string local_time_text(const char* format) {
 }
 
 }  // namespace
+
+void pms_sim::ctx_free::operator()(SSL_CTX* c) const {
+    SSL_CTX_free(c);
+}
+
+void pms_sim::ssl_free::operator()(SSL* s) const {
+    SSL_free(s);
+}
 
 pms_sim::pms_sim() : pms_sim(options{}) {}
 
@@ -85,6 +97,88 @@ void pms_sim::stop() {
     if (wake_fd_ >= 0) close(wake_fd_);
     listen_fd_ = wake_fd_ = -1;
     changed_.notify_all();
+}
+
+bool pms_sim::serve_tls(const std::string& cert_file, const std::string& key_file) {
+    std::unique_ptr<SSL_CTX, ctx_free> ctx(SSL_CTX_new(TLS_server_method()));
+    if (!ctx || SSL_CTX_use_certificate_chain_file(ctx.get(), cert_file.c_str()) != 1 ||
+        SSL_CTX_use_PrivateKey_file(ctx.get(), key_file.c_str(), SSL_FILETYPE_PEM) != 1)
+        return false;
+    signal(SIGPIPE, SIG_IGN);  // OpenSSL writes without MSG_NOSIGNAL
+    tls_ctx_ = std::move(ctx);
+    return true;
+}
+
+int pms_sim::tls_failures() const {
+    mutex_lock guard(mutex_);
+    return tls_failures_;
+}
+
+bool pms_sim::tls_accept(int fd) {
+    std::unique_ptr<SSL, ssl_free> ssl(SSL_new(tls_ctx_.get()));
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL, 0) | O_NONBLOCK);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    std::string failure;
+    if (!ssl || SSL_set_fd(ssl.get(), fd) != 1) failure = "no session";
+    while (failure.empty()) {
+        ERR_clear_error();
+        const int rc = SSL_accept(ssl.get());
+        if (rc == 1) break;
+        const int e = SSL_get_error(ssl.get(), rc);
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        pollfd p{fd, static_cast<short>(e == SSL_ERROR_WANT_WRITE ? POLLOUT : POLLIN), 0};
+        if ((e != SSL_ERROR_WANT_READ && e != SSL_ERROR_WANT_WRITE)) {
+            const unsigned long code = ERR_get_error();
+            const char* reason = code ? ERR_reason_error_string(code) : nullptr;
+            failure = reason ? reason : "connection closed";
+        } else if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) {
+            failure = "timed out";
+        }
+    }
+    ERR_clear_error();
+    if (!failure.empty()) {
+        {
+            mutex_lock guard(mutex_);
+            tls_failures_++;
+        }
+        changed_.notify_all();
+        note("TLS handshake failed: " + failure);
+        return false;
+    }
+    mutex_lock guard(send_mutex_);
+    client_ssl_ = std::move(ssl);
+    return true;
+}
+
+int pms_sim::tls_receive(std::string& out) {
+    mutex_lock guard(send_mutex_);
+    char buf[4096];
+    for (;;) {
+        ERR_clear_error();
+        const int n = SSL_read(client_ssl_.get(), buf, sizeof buf);
+        if (n > 0) {
+            out.append(buf, static_cast<size_t>(n));
+            continue;
+        }
+        const int e = SSL_get_error(client_ssl_.get(), n);
+        ERR_clear_error();
+        if (e == SSL_ERROR_WANT_READ || e == SSL_ERROR_WANT_WRITE) return 1;
+        return e == SSL_ERROR_ZERO_RETURN ? 0 : -1;
+    }
+}
+
+bool pms_sim::tls_send(const std::string& bytes) {
+    for (;;) {
+        ERR_clear_error();
+        const int n = SSL_write(client_ssl_.get(), bytes.data(), static_cast<int>(bytes.size()));
+        if (n > 0) return true;
+        const int e = SSL_get_error(client_ssl_.get(), n);
+        ERR_clear_error();
+        if (e != SSL_ERROR_WANT_READ && e != SSL_ERROR_WANT_WRITE) return false;
+        pollfd p{client_fd_, static_cast<short>(e == SSL_ERROR_WANT_WRITE ? POLLOUT : POLLIN), 0};
+        if (poll(&p, 1, 5000) <= 0) return false;
+    }
 }
 
 void pms_sim::set_answer(answer_mode mode, const std::string& refuse_text) {
@@ -139,6 +233,10 @@ void pms_sim::run() {
         if (client < 0) {
             int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
             if (fd < 0) continue;
+            if (tls_ctx_ && !tls_accept(fd)) {
+                close(fd);
+                continue;
+            }
             {
                 mutex_lock guard(send_mutex_);
                 client_fd_ = fd;
@@ -157,15 +255,22 @@ void pms_sim::run() {
             continue;
         }
 
-        ssize_t got = read(client, buf, sizeof buf);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) {
+        bool open = true;
+        if (tls_ctx_) {
+            std::string received;
+            open = tls_receive(received) > 0;
+            handle_bytes(received.data(), received.size());
+        } else {
+            ssize_t got = read(client, buf, sizeof buf);
+            if (got < 0 && errno == EINTR) continue;
+            open = got > 0;
+            if (open) handle_bytes(buf, static_cast<size_t>(got));
+        }
+        if (!open) {
             close_client();
             client = -1;
             note("client disconnected");
-            continue;
         }
-        handle_bytes(buf, static_cast<size_t>(got));
     }
 }
 
@@ -173,6 +278,7 @@ void pms_sim::close_client() {
     {
         mutex_lock guard(send_mutex_);
         if (client_fd_ < 0) return;
+        client_ssl_.reset();
         close(client_fd_);
         client_fd_ = -1;
     }
@@ -263,7 +369,7 @@ bool pms_sim::send_raw(const std::string& bytes) {
 bool pms_sim::send_bytes(const std::string& bytes, const std::string& text, bool raw) {
     mutex_lock guard(send_mutex_);
     if (client_fd_ < 0) return false;
-    if (!write_all(client_fd_, bytes)) return false;
+    if (!(client_ssl_ ? tls_send(bytes) : write_all(client_fd_, bytes))) return false;
     record(false, text, raw);
     return true;
 }

@@ -26,6 +26,11 @@
 //     pms.send_record("GI|RN101|GNSmith|GLEN|GSN|");
 //     auto ps = pms.wait_for_frame("PS", 15s);   // std::optional<std::string>
 //
+// Over TLS (serve_tls() before start()) every client first passes a TLS
+// handshake with the given certificate; a client whose handshake fails is
+// noted ("TLS handshake failed: ...") and closed, and never counts as
+// connected.
+//
 // Threads: the simulator runs one thread of its own (accepting, reading and
 // answering). All public methods may be called from any thread. A frame is
 // written to the socket in one piece under a lock, so records sent from the
@@ -38,12 +43,16 @@
 #include <cstddef>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "thread_annotations.h"
+
+typedef struct ssl_ctx_st SSL_CTX;
+typedef struct ssl_st SSL;
 
 class pms_sim {
   public:
@@ -76,6 +85,12 @@ class pms_sim {
     pms_sim(const pms_sim&) = delete;
     pms_sim& operator=(const pms_sim&) = delete;
 
+    // Serves TLS with the certificate (chain) and key of these PEM files,
+    // from the next start(). false when they cannot be used. The process
+    // ignores SIGPIPE from then on.
+    bool serve_tls(const std::string& cert_file, const std::string& key_file);
+    // Handshakes that failed so far.
+    int tls_failures() const;
     // Binds, listens and starts the simulator's thread. false on failure.
     bool start();
     // Stops the thread and closes all sockets (also done by the destructor).
@@ -158,6 +173,20 @@ class pms_sim {
     bool send_bytes(const std::string& bytes, const std::string& text, bool raw);
     void record(bool incoming, const std::string& text, bool raw);
     void note(const std::string& text);
+    // The server side of the handshake on `fd`; false (noted) on failure.
+    bool tls_accept(int fd);
+    // What TLS has for us: appended to `out`; 0 at the end, -1 on error, 1
+    // otherwise.
+    int tls_receive(std::string& out);
+    bool tls_send(const std::string& bytes) REQUIRES(send_mutex_);
+
+    struct ctx_free {
+        void operator()(SSL_CTX* c) const;
+    };
+    struct ssl_free {
+        void operator()(SSL* s) const;
+    };
+    std::unique_ptr<SSL_CTX, ctx_free> tls_ctx_;  // set before start()
 
     options opts_;
     int port_ = 0;
@@ -170,6 +199,7 @@ class pms_sim {
     // own copy for reading.
     mutable annotated_mutex send_mutex_;
     int client_fd_ GUARDED_BY(send_mutex_) = -1;
+    std::unique_ptr<SSL, ssl_free> client_ssl_ GUARDED_BY(send_mutex_);
 
     // Guards the state below that is marked with it, and opts_.answer and
     // opts_.refuse_text (set_answer()).
@@ -180,6 +210,7 @@ class pms_sim {
     bool connected_ GUARDED_BY(mutex_) = false;
     bool link_active_ GUARDED_BY(mutex_) = false;
     int connections_ GUARDED_BY(mutex_) = 0;
+    int tls_failures_ GUARDED_BY(mutex_) = 0;
     bool stopping_ GUARDED_BY(mutex_) = false;
     bool paused_ GUARDED_BY(mutex_) = false;  // not reading from the client
     // What "DR" is answered with.
