@@ -1,5 +1,6 @@
 #include "fias/link.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -115,6 +116,12 @@ pms_link::state pms_link::current_state() const {
 
 bool pms_link::resolve_until(const std::string& host, steady::time_point deadline, sockaddr_in* out,
                              bool* late) {
+    // An address needs no lookup (and no thread).
+    *late = false;
+    if (inet_pton(AF_INET, host.c_str(), &out->sin_addr) == 1) {
+        out->sin_family = AF_INET;
+        return true;
+    }
     if (!lookup_.valid() || lookup_host_ != host) {
         // A lookup for another host that is still running ends by itself.
         std::packaged_task<lookup_result()> task([host] {
