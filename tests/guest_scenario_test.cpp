@@ -41,9 +41,10 @@ TEST(GuestEvents, TemplatesRunAndTheFirstCheckInClosesTheStatesFileForGood) {
     const std::pair<const char*, size_t> steps[] = {{"RE|RN101|CS0|", 1},     {"RE|RN101|CS2|", 2},
                                                     {"RE|RN101|DNY|", 3},     {"RE|RN101|DNN|", 4},
                                                     {"RE|RN101|CS1|DNY|", 6}, {"RE|RN101|", 6}};
-    for (const auto& [record, rows] : steps) {
-        ASSERT_TRUE(run.pms.send_record(record));
-        ASSERT_TRUE(wait_until([&] { return run.pbx_log().size() == rows; })) << record;
+    for (const auto& step : steps) {
+        ASSERT_TRUE(run.pms.send_record(step.first));
+        const size_t rows = step.second;
+        ASSERT_TRUE(wait_until([&] { return run.pbx_log().size() == rows; })) << step.first;
     }
     ASSERT_TRUE(wait_until([&] { return run.count_log("Room equipment request") == 6; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));  // for the last one to act
