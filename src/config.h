@@ -146,6 +146,9 @@ struct config {
 
     // Whether a service step sends a Manager action ("ami:...").
     bool uses_actions() const;
+    // Whether records for the PMS go through the outbox of the states file
+    // ([fixes] posting; features whose records must reach the PMS add here).
+    bool uses_outbox() const { return fixes.posting; }
     // The extensions of `room` (the room's own number when [extensions] has
     // no line for it), and the room of an extension (itself when none has it).
     std::vector<std::string> extensions_of(const std::string& room) const;

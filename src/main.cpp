@@ -10,6 +10,7 @@
 #include <getopt.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 
 #include <chrono>
 #include <csignal>
@@ -377,13 +378,18 @@ int main(int argc, char** argv) {
     resync sync;
     audit_window audit;
     posting_extensions extensions;
-    record_dispatcher records({configs, link, states, sync, audit, extensions, state.manager},
-                              state.start_fixes.ordered_records);
+    // With the outbox the posting numbers go on after the last one used.
+    posting_sequence sequence;
+    if (cfg->uses_outbox())
+        sequence.last = static_cast<unsigned>(std::max(0L, states.last_posting_number()));
+    record_dispatcher records(
+        {configs, link, states, sync, audit, extensions, state.manager, sequence},
+        state.start_fixes.ordered_records);
     state.records = &records;
     notify.start(link, states, cfg->use_manager);
     state.connect_pms();
 
-    const billing_parts billing{link, states, audit, extensions, notify};
+    const billing_parts billing{link, states, audit, extensions, notify, &sequence};
     state.billing.start([&] { service_background(configs, billing, state.stop); });
     state.start_manager(cfg);
     cfg.reset();

@@ -23,24 +23,20 @@ void do_pa(const record_context& ctx, posting_extensions& extensions) {
     // An answer without "AS" counts as refused.
     const bool accepted = answer && strncasecmp(answer, "OK", 2) == 0;
     const posting_policy policy(*ctx.cfg);
-    // With the outbox an answer settles its posting once it was acted on (a
+    // An answer settles a posting of the outbox once it was acted on (a
     // restart in between sends the posting again, and its answer is acted on
-    // again); an answer to a posting that is not waiting (answered already,
-    // or never sent) changes nothing, so that nothing is marked twice.
-    std::string extension;
+    // again). With [fixes] posting every posting is there, and an answer to
+    // one that is not waiting (answered already, or never sent) changes
+    // nothing, so that nothing is marked twice.
     std::optional<states_file::outbox_entry> posting;
-    if (policy.keeps_outbox()) {
-        posting = ctx.states.outbox_waiting(field_text(seq));
-        if (!posting) {
-            LOG(L_NOTICE,
-                "Answer to posting P#%s of room %s, which waits for none: nothing is marked",
-                field_text(seq), field_text(rn));
-            return;
-        }
-        extension = posting->extension;
-    } else {
-        extension = extensions.extension_of(field_text(seq));
+    if (ctx.cfg->uses_outbox()) posting = ctx.states.outbox_waiting(field_text(seq));
+    if (!posting && policy.keeps_outbox()) {
+        LOG(L_NOTICE, "Answer to posting P#%s of room %s, which waits for none: nothing is marked",
+            field_text(seq), field_text(rn));
+        return;
     }
+    const std::string extension =
+        posting ? posting->extension : extensions.extension_of(field_text(seq));
     struct settle {
         states_file& states;
         const std::optional<states_file::outbox_entry>& posting;

@@ -10,6 +10,7 @@
 #include <optional>
 #include <thread>
 
+#include "billing/outbox.h"
 #include "db/sqlite.h"
 #include "fias/codec.h"
 #include "logger.h"
@@ -62,26 +63,6 @@ struct pass_env {
     pms_link& link() const { return parts.link; }
 };
 
-// Writes a report into the outbox, then on the link. False when it could not
-// be written into the outbox (it is then not sent).
-bool send_through_outbox(pass_env& env, const fias_packet_t* rec, const char* error,
-                         states_file::outbox_entry& entry) {
-    pms_link& link = env.link();
-    const unsigned number = link.link_number();
-    entry.record = fias_packet_to_str(rec, env.codec);
-    entry.id = env.parts.states.outbox_put(entry, number);
-    if (entry.id < 0) {
-        LOG(L_ERROR, "The %s record of room %s could not be written to the states file: not sent",
-            entry.kind.c_str(), entry.room.c_str());
-        return false;
-    }
-    if (link.send_raw(entry.record.c_str()) < 0)
-        LOG(L_ERROR, "%s", error);
-    else
-        env.parts.states.outbox_written(entry.id, number);
-    return true;
-}
-
 // Sends a report ("PS", "WA", "RE"). True when it is to be marked (see
 // posting_policy::marks_only_sent). With the outbox, `entry` describes it
 // there, and a report in the outbox is marked whether or not this write went
@@ -90,7 +71,10 @@ bool send_report(pass_env& env, const fias_packet_t* rec, const char* error,
                  states_file::outbox_entry& entry) {
     if (env.parts.audit.holds_postings()) return false;  // neither sent nor marked
     if (env.policy.marks_only_sent() && !env.link().active()) return false;
-    if (env.outbox) return send_through_outbox(env, rec, error, entry);
+    if (env.outbox) {
+        entry.record = fias_packet_to_str(rec, env.codec);
+        return deliver({env.link(), env.parts.states, env.parts.audit}, entry, error) >= 0;
+    }
     if (env.link().send_packet(rec) >= 0) return true;
     LOG(L_ERROR, "%s", error);
     return !env.policy.marks_only_sent();
@@ -425,28 +409,6 @@ std::optional<reported> room_status_pass(pass_env& pass, dbdriver_t& drv, const 
     return reported{true, "", ""};
 }
 
-// What the outbox holds for this link goes out first: what was never
-// written whole, and the postings whose answers were lost with an earlier
-// link or a restart, once more with their own "P#".
-void send_outbox(pass_env& env) {
-    pms_link& link = env.link();
-    const unsigned number = link.link_number();
-    std::vector<states_file::outbox_entry> due;
-    env.parts.states.outbox_to_send(number, due);
-    for (const states_file::outbox_entry& e : due) {
-        if (e.kind == "PS" && e.sends > 0)
-            LOG(L_WARNING,
-                "Posting P#%s of room %s (%s) sent again: its answer was lost with the link",
-                e.seq.c_str(), e.room.c_str(), e.number.c_str());
-        if (link.send_raw(e.record.c_str()) < 0) {
-            LOG(L_ERROR, "Unable to send the %s record of room %s from the outbox", e.kind.c_str(),
-                e.room.c_str());
-            return;
-        }
-        env.parts.states.outbox_written(e.id, number);
-    }
-}
-
 const opt_text& mark_service(const config& cfg, const std::string& key) {
     if (key == "billmark") return cfg.billmark;
     if (key == "wrmark") return cfg.wrmark;
@@ -498,9 +460,9 @@ bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms,
         parts, sequence, fill_options_of(cfg), policy, policy.keeps_outbox(), {cfg.fixes.numbers},
         memory};
     pms_link& link = parts.link;
-    if (policy.keeps_outbox()) run_due_marks(cfg, parts.states);
+    if (cfg.uses_outbox()) run_due_marks(cfg, parts.states);
     if (!link.active() || parts.audit.holds_postings()) return true;
-    if (env.outbox) send_outbox(env);
+    if (cfg.uses_outbox()) send_outbox({link, parts.states, parts.audit});
     bool posted = false;
     if (cfg.use_manager) {
         cache_pass(env, rooms);
@@ -527,12 +489,9 @@ void service_background(const config_loader& configs, const billing_parts& parts
     unsigned version = states.rooms_version();
     std::vector<std::string> rooms;
     states.room_list(rooms);
-    posting_sequence sequence;
+    posting_sequence own;
+    posting_sequence& sequence = parts.sequence ? *parts.sequence : own;
     billing_memory memory;
-    // With the outbox the numbers continue after the last one used (and each
-    // cycle begins with the marks a previous run left due).
-    if (posting_policy(*configs.current()).keeps_outbox())
-        sequence.last = static_cast<unsigned>(std::max(0L, states.last_posting_number()));
     const auto wedge_at = std::chrono::steady_clock::now() + billing_wedge_after();
     for (;;) {
         parts.notify.beat(notify_part::billing);

@@ -10,8 +10,9 @@
 //  - Each room's work on a database is done under that driver's lock, from
 //    its statement to its marks; the lock is always released when the room's
 //    work ends, also on the paths that give up a pass.
-//  - The posting sequence belongs to the thread: it survives reconnections
-//    of the PMS link.
+//  - The posting sequence is the process's (billing_parts::sequence): it
+//    survives reconnections of the PMS link; with the outbox main starts it
+//    after the last number used.
 #pragma once
 
 #include <set>
@@ -33,6 +34,9 @@ struct billing_parts {
     audit_window& audit;
     posting_extensions& extensions;
     notifier& notify;
+    // The process's posting numbers (main's); the thread keeps its own
+    // when none is given.
+    posting_sequence* sequence = nullptr;
 };
 
 // What the billing thread remembers across cycles: the complaints already

@@ -3,9 +3,12 @@
 #include <cstdio>
 
 std::string posting_sequence::next() {
-    last = last + 1 > 9999 ? 0 : last + 1;
+    unsigned before = last.load();
+    unsigned now;
+    do now = before + 1 > 9999 ? 0 : before + 1;
+    while (!last.compare_exchange_weak(before, now));
     char text[16];
-    snprintf(text, sizeof text, "%04u", last);
+    snprintf(text, sizeof text, "%04u", now);
     return text;
 }
 

@@ -3,6 +3,7 @@
 // extensions that made them.
 #pragma once
 
+#include <atomic>
 #include <string>
 #include <unordered_map>
 
@@ -48,11 +49,11 @@ class posting_policy {
     bool noremovecalls_;
 };
 
-// The posting numbers "P#": 0001 to 9999, then 0000, 0001, ... The billing
-// thread's own; it survives reconnections of the PMS link (and, with the
-// outbox, restarts).
+// The posting numbers "P#": 0001 to 9999, then 0000, 0001, ... One sequence
+// serves the whole process (main owns it): it survives reconnections of the
+// PMS link and, with the outbox, restarts. Any thread may call next().
 struct posting_sequence {
-    unsigned last = 0;
+    std::atomic<unsigned> last{0};
     std::string next();
 };
 

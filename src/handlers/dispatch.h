@@ -45,6 +45,7 @@ struct record_parts {
     audit_window& audit;
     posting_extensions& extensions;
     const mgr_session_slot& manager;
+    posting_sequence& sequence;              // the process's posting numbers
     resync::room_runner for_room = nullptr;  // set by the dispatcher
 };
 

@@ -65,10 +65,17 @@ long states_file::outbox_put(const outbox_entry& e, unsigned link) {
                                 quoted(e.date) + "," + quoted(e.time) + "," + quoted(e.record) +
                                 "," + quoted(e.mark) + "," + quoted(e.mark_key) + ")")
                                    .c_str()) == 0;
-    if (ok && posting)
-        ok = occupancy_.query(("replace into sequence values ('posting', " +
-                               std::to_string(atol(e.seq.c_str())) + ")")
-                                  .c_str()) == 0;
+    // Numbers taken by several threads may be written out of order: the
+    // last one used is the one furthest round the circle of 10,000.
+    if (ok && posting) {
+        const long number = atol(e.seq.c_str());
+        const long before =
+            sqlite_count(occupancy_, "select coalesce(max(last), -1) from sequence");
+        if (before < 0 || (number - before + 10000) % 10000 < 5000)
+            ok = occupancy_.query(
+                     ("replace into sequence values ('posting', " + std::to_string(number) + ")")
+                         .c_str()) == 0;
+    }
     const long id = ok ? sqlite_count(occupancy_, "select max(id) from outbox") : -1;
     if (!ok) {
         occupancy_.query("rollback");

@@ -1,0 +1,53 @@
+#include "billing/outbox.h"
+
+#include "logger.h"
+
+namespace {
+
+void log_failed_write(const states_file::outbox_entry& e, const char* error) {
+    if (error)
+        LOG(L_ERROR, "%s", error);
+    else
+        LOG(L_ERROR, "Unable to send the %s record of room %s from the outbox", e.kind.c_str(),
+            e.room.c_str());
+}
+
+bool may_go_out(const outbox_parts& parts) {
+    return parts.link.active() && !parts.audit.holds_postings();
+}
+
+}  // namespace
+
+long deliver(const outbox_parts& parts, states_file::outbox_entry& entry, const char* error) {
+    const unsigned number = parts.link.link_number();
+    entry.id = parts.states.outbox_put(entry, number);
+    if (entry.id < 0) {
+        LOG(L_ERROR, "The %s record of room %s could not be written to the states file: not sent",
+            entry.kind.c_str(), entry.room.c_str());
+        return -1;
+    }
+    if (!may_go_out(parts)) return entry.id;
+    if (parts.link.send_raw(entry.record.c_str()) < 0)
+        log_failed_write(entry, error);
+    else
+        parts.states.outbox_written(entry.id, number);
+    return entry.id;
+}
+
+void send_outbox(const outbox_parts& parts) {
+    if (!may_go_out(parts)) return;
+    const unsigned number = parts.link.link_number();
+    std::vector<states_file::outbox_entry> due;
+    parts.states.outbox_to_send(number, due);
+    for (const states_file::outbox_entry& e : due) {
+        if (e.kind == "PS" && e.sends > 0)
+            LOG(L_WARNING,
+                "Posting P#%s of room %s (%s) sent again: its answer was lost with the link",
+                e.seq.c_str(), e.room.c_str(), e.number.c_str());
+        if (parts.link.send_raw(e.record.c_str()) < 0) {
+            log_failed_write(e, nullptr);
+            return;
+        }
+        parts.states.outbox_written(e.id, number);
+    }
+}

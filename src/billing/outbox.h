@@ -1,0 +1,33 @@
+// Records for the PMS through the outbox of the states file: each is stored
+// there before it goes on the wire, and what could not go out (link down,
+// night audit, a write that failed, a restart in between) goes out with the
+// next billing cycle on an active link. Posting answers settle postings
+// (billing/answer.h).
+//
+// Contract: any thread may call; the states file and the link are main's and
+// outlive every caller.
+#pragma once
+
+#include "billing/night_audit.h"
+#include "fias/link.h"
+#include "states/states.h"
+
+struct outbox_parts {
+    pms_link& link;
+    states_file& states;
+    audit_window& audit;
+};
+
+// Stores `entry` (its kind, room, record text and, for a posting, its "P#"
+// filled in) and writes it on the link when it may go out now: the link is
+// active and no night audit holds postings. A write that fails logs
+// `error` (or a line of its own when null). The entry's id, or -1 when it
+// could not be stored (logged; nothing is sent).
+long deliver(const outbox_parts& parts, states_file::outbox_entry& entry,
+             const char* error = nullptr);
+
+// Writes what the outbox holds for the current link, in order: what was
+// never written whole, and unanswered postings once more with their own
+// "P#" (logged). Stops at the first write that fails. Nothing on a link that
+// is not active or while a night audit holds postings.
+void send_outbox(const outbox_parts& parts);
