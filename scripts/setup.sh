@@ -10,6 +10,7 @@ packages=(
   mariadb-server mariadb-client slapd ldap-utils
   man-db groff-base procps
   libsystemd-dev lintian dpkg-dev fakeroot
+  libssl-dev openssl prometheus-cpp-dev prometheus
 )
 
 missing=()

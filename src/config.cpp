@@ -265,6 +265,7 @@ bool parse_config_file(const std::string& path, config& cfg) {
     cfg.disable_log = iniparser_getboolean(d, "logger:disable_log", 0);
     read_text(d, "logger:log_file", cfg.logfile);
     cfg.personal_data = iniparser_getboolean(d, "logger:personal_data", 1) != 0;
+    cfg.status_listen = get_text(d, "status:listen");
 
     cfg.databases = read_databases(d);
 

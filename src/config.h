@@ -99,6 +99,8 @@ struct config {
     int disable_log = 0;
     std::string logfile = "/var/log/orlanbeck.log";
     bool personal_data = true;  // logger:personal_data; no: guest names masked as "<name>"
+    // [status]
+    opt_text status_listen;  // status:listen, the address of /metrics and /health
     // database sections as the file has them, and their records, newest first
     std::vector<db_settings> databases;
     std::vector<dbdriver_ptr> dbdrivers;

@@ -29,8 +29,10 @@
 #include "fias/link.h"
 #include "handlers/dispatch.h"
 #include "logger.h"
+#include "metrics.h"
 #include "mgr/cdr.h"
 #include "ops/notify.h"
+#include "ops/status_server.h"
 #include "owned_thread.h"
 #include "process.h"
 #include "rooms/rooms.h"
@@ -137,10 +139,44 @@ class daemon_process {
         logger_hide_names(!cfg.personal_data);
     }
 
+    // The status endpoint of status:listen; a load that changes it moves it.
+    std::unique_ptr<status_server> status_endpoint;
+    opt_text status_at;
+    void apply_status(const config& cfg) {
+        if (cfg.status_listen == status_at) return;
+        status_at = cfg.status_listen;
+        status_endpoint.reset();
+        if (!cfg.status_listen) return;
+        status_endpoint = std::make_unique<status_server>();
+        if (!status_endpoint->start(*cfg.status_listen, [this] { return health(); }))
+            status_endpoint.reset();
+    }
+    // Why the daemon is not healthy ("" when it is).
+    std::string health() {
+        if (!link->active()) return "PMS link not active";
+        if (manager_used && !manager.get()) return "Manager session not running";
+        if (manager_used && !manager.get()->is_up()) return "Manager session not logged in";
+        return notify->stopped_parts();
+    }
+    std::atomic<bool> manager_used{false};
+    metrics::now_values now() {
+        metrics::now_values v;
+        v.link_up = link->active();
+        std::shared_ptr<mgr_session> session = manager.get();
+        v.manager_used = manager_used;
+        v.manager_up = session && session->is_up();
+        v.postings_unanswered = std::max(0, states->postings_unanswered());
+        v.calls_waiting = std::max(0, states->calls_waiting());
+        v.oldest_waiting_call_age = std::max(0, states->oldest_waiting_call_age());
+        v.actions_queued = std::max(0, states->actions_queued());
+        return v;
+    }
+
     // The Manager session, when calls are cached from the Manager or a
     // service step sends actions.
     void start_manager(const config_ptr& cfg) {
         const bool actions = cfg->uses_actions();
+        manager_used = cfg->use_manager || actions;
         if (!cfg->use_manager && !actions) return;
         // Writing to a connection that was closed must fail, not end the
         // process (the Manager session's own writes never raise the signal).
@@ -245,6 +281,8 @@ class daemon_process {
     // process with `status`.
     [[noreturn]] void shut_down(int status, bool keep_pid_file = false) {
         stop.request();
+        status_endpoint.reset();  // no scrape reads what is being stopped
+        metrics::set_now_values({});
         notify->finish();
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
         bool joined = billing.join_until(deadline);
@@ -311,8 +349,12 @@ class daemon_process {
             shut_down(failed ? 1 : 0, !failed);
         }
         config_ptr cfg = configs->current();
+        metrics::reloaded();
+        const unsigned long problems = logger_problem_count();
         check_configuration(*cfg);
+        metrics::config_problems(logger_problem_count() - problems);
         apply_logger(*cfg);
+        apply_status(*cfg);
         if (cfg->fixes.reload) apply_reload(*before, cfg);
     }
 
@@ -392,6 +434,9 @@ int main(int argc, char** argv) {
     const billing_parts billing{link, states, audit, extensions, notify, &sequence};
     state.billing.start([&] { service_background(configs, billing, state.stop); });
     state.start_manager(cfg);
+    metrics::set_now_values([&state] { return state.now(); });
+    metrics::config_problems(logger_problem_count());
+    state.apply_status(*cfg);
     cfg.reset();
     notify.ready();
 

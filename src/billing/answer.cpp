@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include "logger.h"
+#include "metrics.h"
 
 void do_pa(const record_context& ctx, posting_extensions& extensions) {
     LOG(L_NOTICE, "Posting answer");
@@ -44,6 +45,7 @@ void do_pa(const record_context& ctx, posting_extensions& extensions) {
             if (posting) states.outbox_answered(posting->id);
         }
     } settled{ctx.states, posting};
+    accepted ? metrics::posting_accepted() : metrics::posting_refused();
     if (!accepted) {
         LOG(L_WARNING, "Non-OK answer on Post call. Please check");
         // It stays marked as sent: it is settled on the PMS's side.

@@ -1,6 +1,7 @@
 #include "billing/outbox.h"
 
 #include "logger.h"
+#include "metrics.h"
 
 namespace {
 
@@ -40,6 +41,7 @@ void send_outbox(const outbox_parts& parts) {
     std::vector<states_file::outbox_entry> due;
     parts.states.outbox_to_send(number, due);
     for (const states_file::outbox_entry& e : due) {
+        if (e.kind == "PS" && e.sends > 0) metrics::posting_resent();
         if (e.kind == "PS" && e.sends > 0)
             LOG(L_WARNING,
                 "Posting P#%s of room %s (%s) sent again: its answer was lost with the link",

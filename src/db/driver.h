@@ -20,12 +20,14 @@
 //    whole process.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
 #include <string_view>
 
+#include "metrics.h"
 #include "thread_annotations.h"
 
 // The connection state of one driver kind (SQLite file, internal SQLite,
@@ -64,6 +66,7 @@ struct CAPABILITY("database record") dbdriver_t {
     std::string password;
     std::string database;
     int port = 0;
+    metrics::statement_stats* stats GUARDED_BY(this) = nullptr;  // found at the first statement
 
     dbdriver_t() = default;
     dbdriver_t(const dbdriver_t&) = delete;
@@ -74,7 +77,16 @@ struct CAPABILITY("database record") dbdriver_t {
         REQUIRES(this) {
         return dbhandle->connect(h, p, u, pw, db);
     }
-    int query(const char* statement) REQUIRES(this) { return dbhandle->query(statement); }
+    // Counted and timed by section (metrics.h).
+    int query(const char* statement) REQUIRES(this) {
+        if (!stats) stats = metrics::statements_of(name);
+        const auto started = std::chrono::steady_clock::now();
+        const int rc = dbhandle->query(statement);
+        metrics::statement(
+            stats, rc == 0,
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
+        return rc;
+    }
     int fetch_row() REQUIRES(this) { return dbhandle->fetch_row(); }
     int fetch_int_field(int num, int* val) REQUIRES(this) {
         return dbhandle->fetch_int_field(num, val);

@@ -16,6 +16,7 @@
 
 #include "fias/codec.h"
 #include "logger.h"
+#include "metrics.h"
 #include "process.h"
 
 namespace {
@@ -252,7 +253,9 @@ int pms_link::send_raw(const char* packet) {
         mutex_lock guard(write_mutex_);
         if (tls_ || write_limit_ms_ > 0) {
             if (fd_ < 0 || ended_) return -1;
-            return write_bounded(frame) ? static_cast<int>(frame.size()) : -1;
+            if (!write_bounded(frame)) return -1;
+            metrics::record_sent(packet);
+            return static_cast<int>(frame.size());
         }
         if (fd_ < 0 || (link_end_ && ended_)) return -1;
         do {
@@ -265,7 +268,9 @@ int pms_link::send_raw(const char* packet) {
             shutdown(fd_, SHUT_RDWR);
         }
     }
-    return n == static_cast<ssize_t>(frame.size()) ? static_cast<int>(n) : -1;
+    if (n != static_cast<ssize_t>(frame.size())) return -1;
+    metrics::record_sent(packet);
+    return static_cast<int>(n);
 }
 
 bool pms_link::write_bounded(const std::string& frame) {

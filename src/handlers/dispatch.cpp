@@ -7,6 +7,7 @@
 #include "fias/codec.h"
 #include "guest/handlers.h"
 #include "logger.h"
+#include "metrics.h"
 #include "steps/context.h"
 
 namespace {
@@ -53,6 +54,7 @@ void do_link_start(const record_context& ctx, const record_parts& parts) {
 // its occupied rooms.
 void do_link_active(const record_context& ctx, const record_parts& parts) {
     ctx.link.set_active();
+    metrics::link_started();
     parts.sync.request(ctx);
 }
 
@@ -178,6 +180,7 @@ void record_dispatcher::run_handler(const handler_entry& e, const config_ptr& cf
 }
 
 void record_dispatcher::handle(const char* record) {
+    metrics::record_received(record);
     if (!ordered_) {
         std::thread([this, data = std::string(record)] { process_fias_packet(data); }).detach();
     } else if (is_link_record(record)) {

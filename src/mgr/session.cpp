@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "logger.h"
+#include "metrics.h"
 #include "process.h"
 
 namespace {
@@ -73,6 +74,9 @@ bool mgr_session::send_locked(long id, const std::string& name, const std::strin
     const std::string text = "Action: " + name + "\r\nActionID: " + action_id_prefix +
                              std::to_string(id) + "\r\n" + body;
     states_.action_sent(id);
+    names_[id] = name;
+    if (names_.size() > static_cast<size_t>(states_file::max_queued_actions))
+        names_.erase(names_.begin());
     return __mgr_write(fd_, text.data(), text.size(), write_wait_ms) == 0;
 }
 
@@ -103,6 +107,7 @@ mgr_session::answer mgr_session::action(const std::string& room, const std::stri
     // Unanswered, it stays queued: sent once more after the next login.
     waiting_.erase(id);
     if (!w->answered) unattended_[id] = {room, name};
+    if (!w->answered) metrics::manager_action(name, "timeout");
     return w->answered ? w->reply : a;
 }
 
@@ -132,6 +137,11 @@ bool mgr_session::deliver(const message& m) {
     a.message = mgr_get_header(m, "Message");
     mutex_lock guard(mutex_);
     states_.action_done(id);
+    const auto named = names_.find(id);
+    if (named != names_.end()) {
+        metrics::manager_action(named->second, a.result == answer::success ? "success" : "error");
+        names_.erase(named);
+    }
     if (auto w = waiting_.find(id); w != waiting_.end()) {
         w->second->answered = true;
         w->second->reply = a;
@@ -147,6 +157,7 @@ bool mgr_session::deliver(const message& m) {
 void mgr_session::logged_in(mansession& s, const char* addr) {
     mutex_lock guard(mutex_);
     fd_ = s.fd;
+    up_ = true;
     if (!settings_.actions) return;
     std::vector<states_file::queued_action> queue;
     states_.queued_actions(queue);
@@ -171,6 +182,7 @@ void mgr_session::logged_in(mansession& s, const char* addr) {
 void mgr_session::connection_lost() {
     mutex_lock guard(mutex_);
     fd_ = -1;
+    up_ = false;
 }
 
 bool mgr_session::log_in(mansession& s, const char* addr) {
@@ -232,6 +244,8 @@ void mgr_session::run() {
                     LOG(L_DEBUG, "%s got: %s", addr, shown_header(msg->headers[i]).c_str());
             if (s->connected != 0) {
                 if (deliver(*msg)) continue;
+                if (const char* event = mgr_get_header(*msg, "Event"); *event)
+                    metrics::manager_event(event);
                 auto handler = handlers_.find(classify_message(*msg).name);
                 if (handler != handlers_.end()) handler->second(*msg);
             } else {

@@ -24,6 +24,7 @@
 //  - Handlers run in the reader thread, one message at a time.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -92,6 +93,8 @@ class mgr_session {
         return thread_.done_by(deadline);
     }
 
+    // Whether the session is logged in now.
+    bool is_up() const { return up_; }
     // Sends `action` with `fields` for `room` and waits for its answer.
     answer action(const std::string& room, const std::string& action, const headers& fields,
                   std::chrono::milliseconds timeout);
@@ -126,6 +129,9 @@ class mgr_session {
     std::map<long, std::shared_ptr<waiter>> waiting_ GUARDED_BY(mutex_);  // by queue number
     // Actions sent from the queue that nobody waits for: room and action.
     std::map<long, std::pair<std::string, std::string>> unattended_ GUARDED_BY(mutex_);
+    // The names of the actions sent and not yet answered, for counting.
+    std::map<long, std::string> names_ GUARDED_BY(mutex_);
+    std::atomic<bool> up_{false};  // logged in
 };
 
 // What a message read from the Manager is: the answer to an action of the

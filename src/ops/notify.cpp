@@ -136,9 +136,16 @@ void notifier::waiting(notify_part part, bool waiting) {
 }
 
 void notifier::stopped(notify_part part, const std::string& why) {
-    if (!enabled_) return;
     mutex_lock guard(mutex_);
     stopped_[static_cast<int>(part)] = why;
+}
+
+std::string notifier::stopped_parts() {
+    mutex_lock guard(mutex_);
+    std::string out;
+    for (const std::string& why : stopped_)
+        if (!why.empty()) out += (out.empty() ? "" : "; ") + why;
+    return out;
 }
 
 void notifier::pms_connect(const std::string& host, int port, bool ok) {

@@ -62,6 +62,8 @@ class notifier {
     // started again).
     void stopped(notify_part part, const std::string& why);
     void running(notify_part part) { stopped(part, ""); }
+    // Why parts stopped ("" when none did), whether or not systemd listens.
+    std::string stopped_parts() EXCLUDES(mutex_);
 
     // The main loop's news for STATUS: the result of connecting to the PMS, a
     // Manager setting that changed, and each record read.

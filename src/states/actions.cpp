@@ -1,5 +1,6 @@
 // The queue of Manager actions in the states file, on the connection that
 // no operation closes. Its table is made when first used.
+#include "db/sqlite.h"
 #include "logger.h"
 #include "states/literal.h"
 #include "states/states.h"
@@ -86,4 +87,10 @@ int states_file::queued_actions(std::vector<queued_action>& out) {
     }
     occupancy_.free_result();
     return 0;
+}
+
+int states_file::actions_queued() {
+    db_lock guard(occupancy_);
+    if (!connect_own()) return -1;
+    return sqlite_count(occupancy_, "select count(*) from actions");
 }

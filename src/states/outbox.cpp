@@ -163,3 +163,9 @@ long states_file::last_posting_number() {
     return sqlite_count(occupancy_,
                         "select coalesce(max(last), -1) from sequence where name='posting'");
 }
+
+int states_file::postings_unanswered() {
+    db_lock guard(occupancy_);
+    if (!connect_own()) return -1;
+    return sqlite_count(occupancy_, "select count(*) from outbox where kind='PS' and waiting=1");
+}

@@ -6,6 +6,7 @@
 
 #include "db/sqlite.h"
 #include "logger.h"
+#include "metrics.h"
 #include "states/literal.h"
 
 namespace {
@@ -86,6 +87,11 @@ constexpr size_t unposted_buffer = 1024;
 
 const char* const waiting_statement =
     "select count(*) from cdrcache where userfield='NULL' or userfield=NULL or userfield=''";
+
+const char* const oldest_waiting_statement =
+    "select coalesce(cast(strftime('%s','now','localtime') as integer) - "
+    "cast(strftime('%s', min(start)) as integer), 0) from cdrcache where userfield='NULL' or "
+    "userfield=NULL or userfield=''";
 
 bool has_quote(std::string_view v) {
     return v.find('\'') != std::string_view::npos;
@@ -221,6 +227,7 @@ int states_file::room_list(std::vector<std::string>& rooms, bool connect_first) 
 
 void states_file::cache_calls(const std::vector<cached_call>& calls) {
     if (calls.empty()) return;
+    metrics::calls_cached(static_cast<unsigned>(calls.size()));
     db_lock guard(main_);
     if (calls.size() > 1) sqlite_begin(main_);
     for (const cached_call& call : calls) {
@@ -314,6 +321,12 @@ bool states_file::connect_own() {
     if (occupancy_.connect(nullptr, 0, nullptr, nullptr, path_.c_str()) != 0) return false;
     if (!own_tuned_) own_tuned_ = occupancy_.query("PRAGMA synchronous=NORMAL") == 0;
     return true;
+}
+
+int states_file::oldest_waiting_call_age() {
+    db_lock guard(occupancy_);
+    if (!connect_own()) return -1;
+    return sqlite_count(occupancy_, oldest_waiting_statement);
 }
 
 int states_file::calls_waiting() {

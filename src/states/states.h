@@ -128,6 +128,13 @@ class states_file {
     // The number of cached calls not yet posted, or -1 when the file cannot
     // be read; nothing is logged.
     int calls_waiting();
+    // How long ago (seconds) the oldest cached call not yet posted started;
+    // 0 when none waits, -1 when the file cannot be read.
+    int oldest_waiting_call_age();
+    // The postings of the outbox waiting for their answers, and the Manager
+    // actions queued; -1 when the file cannot be read (nothing logged).
+    int postings_unanswered();
+    int actions_queued();
 
     // --- occupancy ---------------------------------------------------------------
     // Written by check-in, check-out, guest change, room move and resync, and

@@ -1,0 +1,256 @@
+#include "metrics.h"
+
+#include <prometheus/collectable.h>
+#include <prometheus/counter.h>
+#include <prometheus/gauge.h>
+#include <prometheus/histogram.h>
+#include <prometheus/registry.h>
+
+#include <chrono>
+#include <map>
+#include <mutex>
+
+#include "logger.h"
+#include "thread_annotations.h"
+
+#ifndef ORLANBECK_VERSION
+#define ORLANBECK_VERSION "unknown"
+#endif
+
+namespace metrics {
+namespace {
+
+using prometheus::BuildCounter;
+using prometheus::BuildGauge;
+using prometheus::BuildHistogram;
+using prometheus::Counter;
+using prometheus::Family;
+using prometheus::Gauge;
+using prometheus::Histogram;
+
+// Every metric of the process, made once.
+struct all_metrics {
+    std::shared_ptr<prometheus::Registry> registry = std::make_shared<prometheus::Registry>();
+    prometheus::Registry& r = *registry;
+
+    Counter& link_starts = BuildCounter()
+                               .Name("orlanbeck_pms_link_starts_total")
+                               .Help("PMS link start-ups completed (the PMS's LA)")
+                               .Register(r)
+                               .Add({});
+    Family<Counter>& received = BuildCounter()
+                                    .Name("orlanbeck_fias_records_received_total")
+                                    .Help("Records received from the PMS, by type")
+                                    .Register(r);
+    Family<Counter>& sent = BuildCounter()
+                                .Name("orlanbeck_fias_records_sent_total")
+                                .Help("Records written to the PMS, by type")
+                                .Register(r);
+    Counter& postings_sent =
+        counter("orlanbeck_postings_sent_total", "Postings written to the PMS");
+    Counter& postings_accepted =
+        counter("orlanbeck_postings_accepted_total", "Postings the PMS accepted");
+    Counter& postings_refused =
+        counter("orlanbeck_postings_refused_total", "Postings the PMS refused");
+    Counter& postings_resent = counter("orlanbeck_postings_resent_total",
+                                       "Postings sent again after their answer was lost");
+    Counter& calls_cached =
+        counter("orlanbeck_calls_cached_total", "Calls cached from the Manager's Cdr events");
+    Family<Counter>& calls_filtered = BuildCounter()
+                                          .Name("orlanbeck_calls_filtered_total")
+                                          .Help("Calls not posted, by reason")
+                                          .Register(r);
+    Family<Counter>& actions = BuildCounter()
+                                   .Name("orlanbeck_manager_actions_total")
+                                   .Help("Manager actions, by action and result")
+                                   .Register(r);
+    Family<Counter>& events = BuildCounter()
+                                  .Name("orlanbeck_manager_events_total")
+                                  .Help("Manager events received, by event")
+                                  .Register(r);
+    Counter& wakeup_calls = counter("orlanbeck_wakeup_calls_total", "Wake-up calls placed");
+    Family<Counter>& wakeup_results = BuildCounter()
+                                          .Name("orlanbeck_wakeup_results_total")
+                                          .Help("Wake-up bookings ended, by result")
+                                          .Register(r);
+    Family<Counter>& statements = BuildCounter()
+                                      .Name("orlanbeck_statements_total")
+                                      .Help("Statements run, by database section and result")
+                                      .Register(r);
+    Family<Histogram>& durations = BuildHistogram()
+                                       .Name("orlanbeck_statement_duration_seconds")
+                                       .Help("Time a statement took, by database section")
+                                       .Register(r);
+    Counter& reloads = counter("orlanbeck_reloads_total", "Configuration reloads");
+    Gauge& problems = BuildGauge()
+                          .Name("orlanbeck_config_problems")
+                          .Help("Problems the last configuration load logged")
+                          .Register(r)
+                          .Add({});
+    Gauge& build = BuildGauge()
+                       .Name("orlanbeck_build_info")
+                       .Help("The daemon's version")
+                       .Register(r)
+                       .Add({{"version", ORLANBECK_VERSION}});
+    Gauge& started = BuildGauge()
+                         .Name("orlanbeck_start_time_seconds")
+                         .Help("When the process started, in seconds since the epoch")
+                         .Register(r)
+                         .Add({});
+
+    annotated_mutex mutex;
+    std::function<now_values()> now GUARDED_BY(mutex);
+
+    all_metrics() {
+        build.Set(1);
+        started.Set(static_cast<double>(std::chrono::duration_cast<std::chrono::seconds>(
+                                            std::chrono::system_clock::now().time_since_epoch())
+                                            .count()));
+    }
+
+    Counter& counter(const char* name, const char* help) {
+        return BuildCounter().Name(name).Help(help).Register(r).Add({});
+    }
+};
+
+all_metrics& get() {
+    static all_metrics m;
+    return m;
+}
+
+std::string type_of(const char* record) {
+    if (!record || !record[0] || !record[1]) return "??";
+    return std::string(record, 2);
+}
+
+prometheus::MetricFamily gauge(const char* name, const char* help, double value) {
+    prometheus::MetricFamily f;
+    f.name = name;
+    f.help = help;
+    f.type = prometheus::MetricType::Gauge;
+    prometheus::ClientMetric m;
+    m.gauge.value = value;
+    f.metric.push_back(m);
+    return f;
+}
+
+// The values read at each scrape.
+class now_metrics : public prometheus::Collectable {
+  public:
+    std::vector<prometheus::MetricFamily> Collect() const override {
+        now_values v;
+        {
+            all_metrics& m = get();
+            mutex_lock guard(m.mutex);
+            if (m.now) v = m.now();
+        }
+        std::vector<prometheus::MetricFamily> out = {
+            gauge("orlanbeck_pms_link_up", "1 while the PMS link is active", v.link_up),
+            gauge("orlanbeck_postings_unanswered", "Postings waiting for the PMS's answer",
+                  static_cast<double>(v.postings_unanswered)),
+            gauge("orlanbeck_calls_waiting", "Cached calls not yet posted",
+                  static_cast<double>(v.calls_waiting)),
+            gauge("orlanbeck_oldest_waiting_call_age_seconds",
+                  "Age of the oldest cached call not yet posted (0: none)",
+                  v.oldest_waiting_call_age),
+            gauge("orlanbeck_manager_up", "1 while the Manager session is logged in", v.manager_up),
+            gauge("orlanbeck_manager_actions_queued",
+                  "Manager actions waiting to be sent or answered",
+                  static_cast<double>(v.actions_queued)),
+            gauge("orlanbeck_wakeup_bookings", "Wake-up calls booked",
+                  static_cast<double>(v.wakeup_bookings)),
+            gauge("orlanbeck_wakeup_overdue",
+                  "Wake-up bookings more than 2 minutes past their time without a call",
+                  static_cast<double>(v.wakeup_overdue)),
+        };
+        return out;
+    }
+};
+
+}  // namespace
+
+void link_started() {
+    get().link_starts.Increment();
+}
+void record_received(const char* record) {
+    get().received.Add({{"type", type_of(record)}}).Increment();
+}
+void record_sent(const char* record) {
+    all_metrics& m = get();
+    const std::string type = type_of(record);
+    m.sent.Add({{"type", type}}).Increment();
+    if (type == "PS") m.postings_sent.Increment();
+}
+void posting_accepted() {
+    get().postings_accepted.Increment();
+}
+void posting_refused() {
+    get().postings_refused.Increment();
+}
+void posting_resent() {
+    get().postings_resent.Increment();
+}
+void calls_cached(unsigned n) {
+    get().calls_cached.Increment(n);
+}
+void call_filtered(const char* reason) {
+    get().calls_filtered.Add({{"reason", reason}}).Increment();
+}
+void manager_action(const std::string& action, const char* result) {
+    get().actions.Add({{"action", action}, {"result", result}}).Increment();
+}
+void manager_event(const std::string& event) {
+    get().events.Add({{"event", event}}).Increment();
+}
+void wakeup_call() {
+    get().wakeup_calls.Increment();
+}
+void wakeup_result(const char* result) {
+    get().wakeup_results.Add({{"result", result}}).Increment();
+}
+
+statement_stats* statements_of(const char* section) {
+    all_metrics& m = get();
+    static annotated_mutex mutex;
+    static std::map<std::string, std::unique_ptr<statement_stats>> known;
+    mutex_lock guard(mutex);
+    std::unique_ptr<statement_stats>& s = known[section];
+    if (!s)
+        s = std::make_unique<statement_stats>(statement_stats{
+            &m.statements.Add({{"section", section}, {"result", "ok"}}),
+            &m.statements.Add({{"section", section}, {"result", "failed"}}),
+            &m.durations.Add({{"section", section}},
+                             Histogram::BucketBoundaries{0.0005, 0.001, 0.005, 0.01, 0.05, 0.1, 0.5,
+                                                         1, 5, 30})});
+    return s.get();
+}
+
+void statement(statement_stats* stats, bool ok, double seconds) {
+    if (!stats) return;
+    (ok ? stats->ok : stats->failed)->Increment();
+    stats->duration->Observe(seconds);
+}
+
+void reloaded() {
+    get().reloads.Increment();
+}
+void config_problems(unsigned long problems) {
+    get().problems.Set(static_cast<double>(problems));
+}
+
+void set_now_values(std::function<now_values()> read) {
+    all_metrics& m = get();
+    mutex_lock guard(m.mutex);
+    m.now = std::move(read);
+}
+
+std::shared_ptr<prometheus::Collectable> counters() {
+    return get().registry;
+}
+
+std::shared_ptr<prometheus::Collectable> now_collectable() {
+    static const std::shared_ptr<prometheus::Collectable> now = std::make_shared<now_metrics>();
+    return now;
+}
+
+}  // namespace metrics
