@@ -153,7 +153,6 @@ class now_metrics : public prometheus::Collectable {
             gauge("orlanbeck_oldest_waiting_call_age_seconds",
                   "Age of the oldest cached call not yet posted (0: none)",
                   v.oldest_waiting_call_age),
-            gauge("orlanbeck_manager_up", "1 while the Manager session is logged in", v.manager_up),
             gauge("orlanbeck_manager_actions_queued",
                   "Manager actions waiting to be sent or answered",
                   static_cast<double>(v.actions_queued)),
@@ -163,6 +162,10 @@ class now_metrics : public prometheus::Collectable {
                   "Wake-up bookings more than 2 minutes past their time without a call",
                   static_cast<double>(v.wakeup_overdue)),
         };
+        // Only where a Manager session is used.
+        if (v.manager_used)
+            out.push_back(gauge("orlanbeck_manager_up", "1 while the Manager session is logged in",
+                                v.manager_up));
         return out;
     }
 };

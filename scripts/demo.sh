@@ -147,7 +147,29 @@ wrmark = pbx:update wakeup_results set reported=1 where exten='%exten%'
 [rooms]
 room1 = 101
 room2 = 102
+
+[status]
+listen = 127.0.0.1:$status_port
 CONF
+}
+
+# A loopback port that nothing listens on, for the status endpoint.
+free_port() {
+  local port
+  for _ in $(seq 50); do
+    port=$((20000 + RANDOM % 30000))
+    (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null || { echo "$port"; return 0; }
+  done
+  return 1
+}
+status_port=$(free_port)
+
+# http_get PATH: the answer of the status endpoint (headers and body).
+http_get() {
+  exec 3<>"/dev/tcp/127.0.0.1/$status_port" || return 1
+  printf 'GET %s HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n' "$1" >&3
+  tr -d '\r' <&3
+  exec 3>&-
 }
 
 # start_daemon NAME MANAGER
@@ -262,6 +284,12 @@ show "PBX wakeup_results: $(pbx "select * from wakeup_results")  (reported)"
 
 step "Check-out" "GO|RN101|" "select guest || barred || dnd from extensions where $room" "00" \
   "check-out" extensions "$room"
+
+say "What the status endpoint counted (http://127.0.0.1:$status_port/metrics)"
+metrics=$(http_get /metrics) || fail "the status endpoint did not answer"
+grep -E '^orlanbeck_(pms_link_up|pms_link_starts_total|postings_(sent|accepted)_total|calls_waiting|fias_records_received_total\{type="GI"\}) ' \
+  <<<"$metrics" | sed 's/^/    /'
+show "/health: $(http_get /health | tail -n 1)"
 
 stop_daemon
 echo

@@ -12,6 +12,7 @@
 #include "db/registry.h"
 #include "fias/charset.h"
 #include "logger.h"
+#include "ops/status_server.h"
 #include "templates/templates.h"
 
 namespace {
@@ -227,6 +228,23 @@ void warn_tls_files(const config& cfg) {
         LOG(L_WARNING, "pms:tls_key is set without pms:tls_cert: no client certificate is sent");
 }
 
+// The status endpoint's address; with `bind` (-tt) it is also bound once.
+void warn_status(const config& cfg, bool bind) {
+    if (!cfg.status_listen) return;
+    const std::string& listen = *cfg.status_listen;
+    if (!status_address(listen)) {
+        LOG(L_WARNING,
+            "status:listen = \"%s\" is no address: give a port, an IPv4 address and port, or "
+            "[IPv6 address]:port",
+            listen.c_str());
+        return;
+    }
+    std::string why;
+    if (bind && !status_address_bindable(listen, &why))
+        LOG(L_WARNING, "status:listen = \"%s\" cannot be listened on: %s", listen.c_str(),
+            why.c_str());
+}
+
 }  // namespace
 
 int test_configuration(const std::string& path, int level) {
@@ -242,6 +260,7 @@ int test_configuration(const std::string& path, int level) {
         warn_dead_templates(cfg);
         warn_driverless_sections(cfg);
         warn_tls_files(cfg);
+        warn_status(cfg, level >= 2);
     }
     const unsigned long problems = logger_problem_count();
     if (problems == 0)

@@ -155,7 +155,8 @@ TEST_F(CommandLine, UsageAMissingConfigurationOrStatesFileAndTheConfigurationChe
                         "bareon = nodb:update x set barred=1\n"
                         "cdr_use_manager = yes\nbillcalls = pbx:select 1\n"
                         "checkin.2 = ami:DBPut|Family=X|ActionID=1|Key=%exten%|Val=%name%|bad\n"
-                        "[ami]\ndbdriver = sqlite\n[extensions]\n101 = 2101\n102 = 2101\n");
+                        "[ami]\ndbdriver = sqlite\n[extensions]\n101 = 2101\n102 = 2101\n"
+                        "[status]\nlisten = localhost:99999\n");
     out = run_to_end({bin, "--test-config", "-c", bad}, &status);
     EXPECT_EQ(1, status);
     for (const char* text :
@@ -166,7 +167,7 @@ TEST_F(CommandLine, UsageAMissingConfigurationOrStatesFileAndTheConfigurationChe
           "services:checkin.2 sets an ActionID", "services:checkin.2 has \"bad\", which is no",
           "Service steps send Manager actions, but services:cdr_mgr_host is not set",
           "[ami] is a database section", "extension 2101 is in rooms 101 and 102",
-          "bad.conf: 13 problems"})
+          "status:listen = \"localhost:99999\" is no address", "bad.conf: 14 problems"})
         EXPECT_NE(std::string::npos, out.find(text)) << text << "\n" << out;
     EXPECT_EQ(std::string::npos, out.find("Can not connect")) << out;
     out = run_to_end({bin, "-tt", "-c", bad}, &status);
