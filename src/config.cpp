@@ -203,6 +203,48 @@ std::map<std::string, std::vector<std::string>> read_extensions(const dictionary
     return out;
 }
 
+// A comma-separated list, each item trimmed; empty items are left out.
+std::vector<std::string> split_list(const char* value) {
+    std::vector<std::string> list;
+    std::string item;
+    for (const char* c = value;; ++c) {
+        if (*c == ',' || *c == '\0') {
+            const size_t b = item.find_first_not_of(" \t");
+            if (b != std::string::npos)
+                list.push_back(item.substr(b, item.find_last_not_of(" \t") - b + 1));
+            item.clear();
+            if (*c == '\0') break;
+        } else {
+            item += *c;
+        }
+    }
+    return list;
+}
+
+// [posting] and [dialcodes]: which calls are posted and when, and the
+// Manager UserEvents of the room phone.
+void read_posting(const dictionary* d, config& cfg) {
+    posting_settings& p = cfg.posting;
+    p.post_unanswered = iniparser_getboolean(d, "posting:post_unanswered", 1) != 0;
+    if (const char* text = iniparser_getstring(d, "posting:min_billsec", nullptr)) {
+        char* end = nullptr;
+        const long v = strtol(text, &end, 10);
+        if (end != text && *end == '\0' && v >= 0 && v <= 86400)
+            p.min_billsec = static_cast<int>(v);
+        else
+            LOG(L_WARNING,
+                "posting:min_billsec = \"%s\" is not a number of seconds (0-86400): 0 used", text);
+    }
+    if (const char* text = iniparser_getstring(d, "posting:free_numbers", nullptr))
+        p.free_numbers = split_list(text);
+    p.immediate = iniparser_getboolean(d, "posting:immediate", 0) != 0;
+    for (auto [key, out] : {std::pair{"dialcodes:minibar_event", &cfg.dialcodes.minibar_event},
+                            std::pair{"dialcodes:maid_event", &cfg.dialcodes.maid_event}}) {
+        read_text(d, key, *out);
+        if (*out && out->value().empty()) out->reset();
+    }
+}
+
 // A fresh driver list: the records of this load, newest first, then the
 // records of earlier loads that no new record shadows.
 std::vector<dbdriver_ptr> merge_drivers(std::vector<dbdriver_ptr> fresh,
@@ -305,6 +347,7 @@ bool parse_config_file(const std::string& path, config& cfg) {
 
     cfg.rooms = read_rooms(d);
     cfg.extensions = read_extensions(d);
+    read_posting(d, cfg);
     cfg.fixes = read_fixes(d);
 
     // Deadlines on outside calls: a key that is set applies; without it

@@ -73,6 +73,20 @@ struct fixes_settings {
     std::vector<std::string> unknown;  // keys of the section that are none of the above
 };
 
+// [posting]: which calls reach the PMS, and when (billing/call_filter.h).
+struct posting_settings {
+    bool post_unanswered = true;  // no: a call not ANSWERED or of 0 billable seconds stays out
+    int min_billsec = 0;          // a call with fewer billable seconds stays out
+    std::vector<std::string> free_numbers;  // destination patterns never posted
+    bool immediate = false;                 // a cached call is posted as soon as it is cached
+};
+
+// [dialcodes]: Manager UserEvents from the room phone (dialcodes/dialcodes.h).
+struct dialcodes_settings {
+    opt_text minibar_event;  // its name: a minibar posting ("PS" with PT=M)
+    opt_text maid_event;     // its name: a room status ("RE" with RS)
+};
+
 struct config {
     // [fixes]
     fixes_settings fixes;
@@ -143,12 +157,19 @@ struct config {
     rooms_settings rooms;
     // [extensions]: the extensions that ring in a room, by room.
     std::map<std::string, std::vector<std::string>> extensions;
+    // [posting], [dialcodes]
+    posting_settings posting;
+    dialcodes_settings dialcodes;
 
     // Whether a service step sends a Manager action ("ami:...").
     bool uses_actions() const;
     // Whether records for the PMS go through the outbox of the states file
     // ([fixes] posting; features whose records must reach the PMS add here).
-    bool uses_outbox() const { return fixes.posting; }
+    bool uses_outbox() const { return fixes.posting || uses_dialcodes(); }
+    // Whether Manager UserEvents become records for the PMS ([dialcodes]).
+    bool uses_dialcodes() const {
+        return dialcodes.minibar_event.has_value() || dialcodes.maid_event.has_value();
+    }
     // The extensions of `room` (the room's own number when [extensions] has
     // no line for it), and the room of an extension (itself when none has it).
     std::vector<std::string> extensions_of(const std::string& room) const;

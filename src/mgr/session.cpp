@@ -48,7 +48,7 @@ mgr_session::~mgr_session() {
 }
 
 void mgr_session::subscribe(const std::string& event, std::function<void(const message&)> handler) {
-    handlers_[lower(event)] = std::move(handler);
+    handlers_[lower(event)].push_back(std::move(handler));
 }
 
 void mgr_session::before_start(std::function<bool(std::string&)> hook) {
@@ -233,7 +233,8 @@ void mgr_session::run() {
             if (s->connected != 0) {
                 if (deliver(*msg)) continue;
                 auto handler = handlers_.find(classify_message(*msg).name);
-                if (handler != handlers_.end()) handler->second(*msg);
+                if (handler != handlers_.end())
+                    for (const auto& h : handler->second) h(*msg);
             } else {
                 const char* text = mgr_get_header(*msg, "Message");
                 if (strcmp(text, "Authentication accepted") == 0) {
