@@ -3,6 +3,7 @@
 #include <iniparser.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -235,8 +236,15 @@ void read_posting(const dictionary* d, config& cfg) {
             LOG(L_WARNING,
                 "posting:min_billsec = \"%s\" is not a number of seconds (0-86400): 0 used", text);
     }
-    if (const char* text = iniparser_getstring(d, "posting:free_numbers", nullptr))
-        p.free_numbers = split_list(text);
+    if (const char* text = iniparser_getstring(d, "posting:free_numbers", nullptr)) {
+        std::vector<std::string> bad;
+        p.free_numbers = parse_free_numbers(split_list(text), &bad);
+        for (const std::string& b : bad)
+            LOG(L_WARNING,
+                "posting:free_numbers: \"%s\" is no number, prefix (\"0800*\"), range "
+                "(\"100-199\") or \"rooms\": ignored",
+                b.c_str());
+    }
     p.immediate = iniparser_getboolean(d, "posting:immediate", 0) != 0;
     for (auto [key, out] : {std::pair{"dialcodes:minibar_event", &cfg.dialcodes.minibar_event},
                             std::pair{"dialcodes:maid_event", &cfg.dialcodes.maid_event}}) {
@@ -255,6 +263,64 @@ std::vector<dbdriver_ptr> merge_drivers(std::vector<dbdriver_ptr> fresh,
 }
 
 }  // namespace
+
+namespace {
+
+bool all_digits(std::string_view s) {
+    return !s.empty() &&
+           std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+std::optional<free_number> parse_one(const std::string& text) {
+    if (text.empty()) return std::nullopt;
+    // A pattern holds no blank and no character that a dialled number never has.
+    for (char c : text)
+        if (static_cast<unsigned char>(c) <= ' ' || c == ',' || c == '|') return std::nullopt;
+    if (strcasecmp(text.c_str(), "rooms") == 0) return free_number{free_number::rooms, "", ""};
+    if (text.back() == '*') {
+        std::string prefix = text.substr(0, text.size() - 1);
+        if (prefix.empty()) return std::nullopt;
+        return free_number{free_number::prefix, std::move(prefix), ""};
+    }
+    const size_t dash = text.find('-');
+    if (dash != std::string::npos) {
+        std::string low = text.substr(0, dash), high = text.substr(dash + 1);
+        if (!all_digits(low) || !all_digits(high) || low.size() != high.size() || low > high)
+            return std::nullopt;
+        return free_number{free_number::range, std::move(low), std::move(high)};
+    }
+    return free_number{free_number::exact, text, ""};
+}
+
+}  // namespace
+
+std::vector<free_number> parse_free_numbers(const std::vector<std::string>& patterns,
+                                            std::vector<std::string>* bad) {
+    std::vector<free_number> out;
+    for (const std::string& text : patterns) {
+        if (std::optional<free_number> p = parse_one(text))
+            out.push_back(std::move(*p));
+        else if (bad)
+            bad->push_back(text);
+    }
+    return out;
+}
+
+bool matches_free_number(const free_number& p, std::string_view number) {
+    switch (p.kind) {
+        case free_number::exact:
+            return number == p.low;
+        case free_number::prefix:
+            return number.starts_with(p.low);
+        case free_number::range:
+            // Same length and digits only: text order is number order.
+            return number.size() == p.low.size() && all_digits(number) && number >= p.low &&
+                   number <= p.high;
+        case free_number::rooms:
+            return false;
+    }
+    return false;
+}
 
 bool config::uses_actions() const {
     auto is_action = [](const std::string& service) { return service.rfind("ami:", 0) == 0; };

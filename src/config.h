@@ -22,6 +22,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "db/registry.h"
@@ -73,11 +74,28 @@ struct fixes_settings {
     std::vector<std::string> unknown;  // keys of the section that are none of the above
 };
 
+// One pattern of posting:free_numbers.
+struct free_number {
+    enum kind_t { exact, prefix, range, rooms } kind = exact;
+    std::string low;   // the number, the prefix (without "*"), or the range's low bound
+    std::string high;  // the range's high bound, of the same length as `low`
+};
+
+// Parses the patterns: a number, a prefix ending in "*", a range "100-199"
+// of two digit-only bounds of one length (low not above high), the word
+// "rooms". Patterns that are none of these go to `bad` (when given) and are
+// left out.
+std::vector<free_number> parse_free_numbers(const std::vector<std::string>& patterns,
+                                            std::vector<std::string>* bad = nullptr);
+
+// Whether `number` matches `p` ("rooms" never matches here: see call_filter).
+bool matches_free_number(const free_number& p, std::string_view number);
+
 // [posting]: which calls reach the PMS, and when (billing/call_filter.h).
 struct posting_settings {
     bool post_unanswered = true;  // no: a call not ANSWERED or of 0 billable seconds stays out
     int min_billsec = 0;          // a call with fewer billable seconds stays out
-    std::vector<std::string> free_numbers;  // destination patterns never posted
+    std::vector<free_number> free_numbers;  // destination patterns never posted
     bool immediate = false;                 // a cached call is posted as soon as it is cached
 };
 

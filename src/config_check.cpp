@@ -9,7 +9,6 @@
 #include <cstring>
 #include <map>
 
-#include "billing/call_filter.h"
 #include "db/registry.h"
 #include "fias/charset.h"
 #include "logger.h"
@@ -154,16 +153,9 @@ void warn_extensions(const config& cfg) {
 
 namespace {
 
-// [posting] and [dialcodes]: patterns that mean nothing, and settings that
-// cannot take effect as configured.
+// [posting] and [dialcodes]: settings that cannot take effect as configured
+// (the patterns of posting:free_numbers are checked by the load).
 void warn_posting(const config& cfg) {
-    std::vector<std::string> bad;
-    parse_free_numbers(cfg.posting.free_numbers, &bad);
-    for (const std::string& p : bad)
-        LOG(L_WARNING,
-            "posting:free_numbers: \"%s\" is no number, prefix (\"0800*\"), range (\"100-199\") "
-            "or \"rooms\": ignored",
-            p.c_str());
     if (cfg.posting.immediate && !cfg.use_manager)
         LOG(L_WARNING,
             "posting:immediate = yes is for calls from the Manager (services:cdr_use_manager): "

@@ -228,7 +228,7 @@ TEST_F(BillingCycle, FilteredRowsAreMarkedFreeAndNeverPosted) {
         "calldate='%date%' and calltime='%time%'";
     cfg.posting.post_unanswered = false;
     cfg.posting.min_billsec = 10;
-    cfg.posting.free_numbers = {"112", "rooms"};
+    cfg.posting.free_numbers = parse_free_numbers({"112", "rooms"});
     ASSERT_TRUE(
         exec("insert into calls values ('101','2009-05-14','10:00:00','5551234',125,-1,0),"
              "('101','2009-05-14','10:01:00','112',60,-1,0),"

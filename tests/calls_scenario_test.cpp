@@ -39,7 +39,7 @@ TEST(PostingFilter, PatternsAndReasons) {
     EXPECT_EQ("posted", reason("112", 0, "BUSY"));
     cfg.posting.post_unanswered = false;
     cfg.posting.min_billsec = 5;
-    cfg.posting.free_numbers = {"rooms", "112"};
+    cfg.posting.free_numbers = parse_free_numbers({"rooms", "112"});
     EXPECT_EQ("free number", reason("112", 60, "ANSWERED"));
     EXPECT_EQ("free number", reason("102", 60, "ANSWERED"));   // another room
     EXPECT_EQ("free number", reason("2101", 60, "ANSWERED"));  // an extension

@@ -1,7 +1,6 @@
-// The posting filter ([posting]): which calls a guest pays for. A call kept
-// out is never sent to the PMS; the posting passes take it out of their
-// source (the cache deletes it, services:billcalls rows get their billmark
-// with "FREE") and log it at NOTICE.
+// The posting filter ([posting]; its patterns are read by config.h): which calls a guest pays for.
+// A call kept out is never sent to the PMS; the posting passes take it out of their source (the
+// cache deletes it, services:billcalls rows get their billmark with "FREE") and log it at NOTICE.
 //
 // Contract: pure; a call_filter is made per pass from one configuration and
 // the room list of that pass, and used by one thread.
@@ -14,23 +13,6 @@
 #include <vector>
 
 #include "config.h"
-
-// One pattern of posting:free_numbers.
-struct free_number {
-    enum kind_t { exact, prefix, range, rooms } kind = exact;
-    std::string low;   // the number, the prefix (without "*"), or the range's low bound
-    std::string high;  // the range's high bound, of the same length as `low`
-};
-
-// Parses the patterns: a number, a prefix ending in "*", a range "100-199"
-// of two digit-only bounds of one length (low not above high), the word
-// "rooms". Patterns that are none of these go to `bad` (when given) and are
-// left out.
-std::vector<free_number> parse_free_numbers(const std::vector<std::string>& patterns,
-                                            std::vector<std::string>* bad = nullptr);
-
-// Whether `number` matches `p` ("rooms" never matches here: see call_filter).
-bool matches_free_number(const free_number& p, std::string_view number);
 
 // A call as the filter sees it. `disposition` is absent for rows of
 // services:billcalls, which carry none.
