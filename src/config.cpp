@@ -3,6 +3,7 @@
 #include <iniparser.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -203,6 +204,55 @@ std::map<std::string, std::vector<std::string>> read_extensions(const dictionary
     return out;
 }
 
+// A comma-separated list, each item trimmed; empty items are left out.
+std::vector<std::string> split_list(const char* value) {
+    std::vector<std::string> list;
+    std::string item;
+    for (const char* c = value;; ++c) {
+        if (*c == ',' || *c == '\0') {
+            const size_t b = item.find_first_not_of(" \t");
+            if (b != std::string::npos)
+                list.push_back(item.substr(b, item.find_last_not_of(" \t") - b + 1));
+            item.clear();
+            if (*c == '\0') break;
+        } else {
+            item += *c;
+        }
+    }
+    return list;
+}
+
+// [posting] and [dialcodes]: which calls are posted and when, and the
+// Manager UserEvents of the room phone.
+void read_posting(const dictionary* d, config& cfg) {
+    posting_settings& p = cfg.posting;
+    p.post_unanswered = iniparser_getboolean(d, "posting:post_unanswered", 1) != 0;
+    if (const char* text = iniparser_getstring(d, "posting:min_billsec", nullptr)) {
+        char* end = nullptr;
+        const long v = strtol(text, &end, 10);
+        if (end != text && *end == '\0' && v >= 0 && v <= 86400)
+            p.min_billsec = static_cast<int>(v);
+        else
+            LOG(L_WARNING,
+                "posting:min_billsec = \"%s\" is not a number of seconds (0-86400): 0 used", text);
+    }
+    if (const char* text = iniparser_getstring(d, "posting:free_numbers", nullptr)) {
+        std::vector<std::string> bad;
+        p.free_numbers = parse_free_numbers(split_list(text), &bad);
+        for (const std::string& b : bad)
+            LOG(L_WARNING,
+                "posting:free_numbers: \"%s\" is no number, prefix (\"0800*\"), range "
+                "(\"100-199\") or \"rooms\": ignored",
+                b.c_str());
+    }
+    p.immediate = iniparser_getboolean(d, "posting:immediate", 0) != 0;
+    for (auto [key, out] : {std::pair{"dialcodes:minibar_event", &cfg.dialcodes.minibar_event},
+                            std::pair{"dialcodes:maid_event", &cfg.dialcodes.maid_event}}) {
+        read_text(d, key, *out);
+        if (*out && out->value().empty()) out->reset();
+    }
+}
+
 // A fresh driver list: the records of this load, newest first, then the
 // records of earlier loads that no new record shadows.
 std::vector<dbdriver_ptr> merge_drivers(std::vector<dbdriver_ptr> fresh,
@@ -213,6 +263,64 @@ std::vector<dbdriver_ptr> merge_drivers(std::vector<dbdriver_ptr> fresh,
 }
 
 }  // namespace
+
+namespace {
+
+bool all_digits(std::string_view s) {
+    return !s.empty() &&
+           std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+std::optional<free_number> parse_one(const std::string& text) {
+    if (text.empty()) return std::nullopt;
+    // A pattern holds no blank and no character that a dialled number never has.
+    for (char c : text)
+        if (static_cast<unsigned char>(c) <= ' ' || c == ',' || c == '|') return std::nullopt;
+    if (strcasecmp(text.c_str(), "rooms") == 0) return free_number{free_number::rooms, "", ""};
+    if (text.back() == '*') {
+        std::string prefix = text.substr(0, text.size() - 1);
+        if (prefix.empty()) return std::nullopt;
+        return free_number{free_number::prefix, std::move(prefix), ""};
+    }
+    const size_t dash = text.find('-');
+    if (dash != std::string::npos) {
+        std::string low = text.substr(0, dash), high = text.substr(dash + 1);
+        if (!all_digits(low) || !all_digits(high) || low.size() != high.size() || low > high)
+            return std::nullopt;
+        return free_number{free_number::range, std::move(low), std::move(high)};
+    }
+    return free_number{free_number::exact, text, ""};
+}
+
+}  // namespace
+
+std::vector<free_number> parse_free_numbers(const std::vector<std::string>& patterns,
+                                            std::vector<std::string>* bad) {
+    std::vector<free_number> out;
+    for (const std::string& text : patterns) {
+        if (std::optional<free_number> p = parse_one(text))
+            out.push_back(std::move(*p));
+        else if (bad)
+            bad->push_back(text);
+    }
+    return out;
+}
+
+bool matches_free_number(const free_number& p, std::string_view number) {
+    switch (p.kind) {
+        case free_number::exact:
+            return number == p.low;
+        case free_number::prefix:
+            return number.starts_with(p.low);
+        case free_number::range:
+            // Same length and digits only: text order is number order.
+            return number.size() == p.low.size() && all_digits(number) && number >= p.low &&
+                   number <= p.high;
+        case free_number::rooms:
+            return false;
+    }
+    return false;
+}
 
 bool config::uses_actions() const {
     auto is_action = [](const std::string& service) { return service.rfind("ami:", 0) == 0; };
@@ -306,6 +414,7 @@ bool parse_config_file(const std::string& path, config& cfg) {
 
     cfg.rooms = read_rooms(d);
     cfg.extensions = read_extensions(d);
+    read_posting(d, cfg);
     cfg.fixes = read_fixes(d);
 
     // Deadlines on outside calls: a key that is set applies; without it

@@ -22,6 +22,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "db/registry.h"
@@ -71,6 +72,37 @@ struct fixes_settings {
     bool manager_events = false;   // the login asks for "cdr" when cdr_mgr_events is not set
     bool deadlines = false;        // a deadline on every outside call
     std::vector<std::string> unknown;  // keys of the section that are none of the above
+};
+
+// One pattern of posting:free_numbers.
+struct free_number {
+    enum kind_t { exact, prefix, range, rooms } kind = exact;
+    std::string low;   // the number, the prefix (without "*"), or the range's low bound
+    std::string high;  // the range's high bound, of the same length as `low`
+};
+
+// Parses the patterns: a number, a prefix ending in "*", a range "100-199"
+// of two digit-only bounds of one length (low not above high), the word
+// "rooms". Patterns that are none of these go to `bad` (when given) and are
+// left out.
+std::vector<free_number> parse_free_numbers(const std::vector<std::string>& patterns,
+                                            std::vector<std::string>* bad = nullptr);
+
+// Whether `number` matches `p` ("rooms" never matches here: see call_filter).
+bool matches_free_number(const free_number& p, std::string_view number);
+
+// [posting]: which calls reach the PMS, and when (billing/call_filter.h).
+struct posting_settings {
+    bool post_unanswered = true;  // no: a call not ANSWERED or of 0 billable seconds stays out
+    int min_billsec = 0;          // a call with fewer billable seconds stays out
+    std::vector<free_number> free_numbers;  // destination patterns never posted
+    bool immediate = false;                 // a cached call is posted as soon as it is cached
+};
+
+// [dialcodes]: Manager UserEvents from the room phone (dialcodes/dialcodes.h).
+struct dialcodes_settings {
+    opt_text minibar_event;  // its name: a minibar posting ("PS" with PT=M)
+    opt_text maid_event;     // its name: a room status ("RE" with RS)
 };
 
 struct config {
@@ -145,12 +177,19 @@ struct config {
     rooms_settings rooms;
     // [extensions]: the extensions that ring in a room, by room.
     std::map<std::string, std::vector<std::string>> extensions;
+    // [posting], [dialcodes]
+    posting_settings posting;
+    dialcodes_settings dialcodes;
 
     // Whether a service step sends a Manager action ("ami:...").
     bool uses_actions() const;
     // Whether records for the PMS go through the outbox of the states file
     // ([fixes] posting; features whose records must reach the PMS add here).
-    bool uses_outbox() const { return fixes.posting; }
+    bool uses_outbox() const { return fixes.posting || uses_dialcodes(); }
+    // Whether Manager UserEvents become records for the PMS ([dialcodes]).
+    bool uses_dialcodes() const {
+        return dialcodes.minibar_event.has_value() || dialcodes.maid_event.has_value();
+    }
     // The extensions of `room` (the room's own number when [extensions] has
     // no line for it), and the room of an extension (itself when none has it).
     std::vector<std::string> extensions_of(const std::string& room) const;

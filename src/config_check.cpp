@@ -152,6 +152,31 @@ void warn_extensions(const config& cfg) {
 
 }  // namespace
 
+namespace {
+
+// [posting] and [dialcodes]: settings that cannot take effect as configured
+// (the patterns of posting:free_numbers are checked by the load).
+void warn_posting(const config& cfg) {
+    if (cfg.posting.immediate && !cfg.use_manager)
+        LOG(L_WARNING,
+            "posting:immediate = yes is for calls from the Manager (services:cdr_use_manager): "
+            "ignored");
+    const bool filters = !cfg.posting.post_unanswered || cfg.posting.min_billsec > 0 ||
+                         !cfg.posting.free_numbers.empty();
+    if (filters && !cfg.use_manager && cfg.billcalls && !cfg.billmark)
+        LOG(L_WARNING,
+            "[posting] keeps calls out, but without services:billmark they are read (and logged) "
+            "again every cycle");
+    if (cfg.uses_dialcodes() && cfg.mgr_events_set &&
+        cfg.mgr_events.find("user") == std::string::npos && cfg.mgr_events != "on")
+        LOG(L_WARNING,
+            "[dialcodes] needs the Manager's \"user\" events, which services:cdr_mgr_events = "
+            "\"%s\" does not ask for",
+            cfg.mgr_events.c_str());
+}
+
+}  // namespace
+
 void check_configuration(const config& cfg) {
     for (const std::string& key : cfg.fixes.unknown)
         LOG(L_WARNING, "Unknown key \"%s\" in [fixes]: ignored", key.c_str());
@@ -161,6 +186,7 @@ void check_configuration(const config& cfg) {
             cfg.pmsencoding->c_str());
     warn_service_strings(cfg);
     warn_extensions(cfg);
+    warn_posting(cfg);
 }
 
 namespace {

@@ -26,6 +26,7 @@
 #include "config.h"
 #include "config_check.h"
 #include "daemon.h"
+#include "dialcodes/dialcodes.h"
 #include "fias/link.h"
 #include "handlers/dispatch.h"
 #include "logger.h"
@@ -131,6 +132,9 @@ class daemon_process {
     fixes_settings start_fixes;
     stop_flag stop;  // billing
     owned_thread billing;
+    // What posts to the PMS besides the billing thread ([posting] immediate,
+    // [dialcodes]).
+    const billing_parts* posting = nullptr;
     bool pms_moved = false;  // the link was ended to connect elsewhere
 
     void apply_logger(const config& cfg) {
@@ -176,8 +180,8 @@ class daemon_process {
     // service step sends actions.
     void start_manager(const config_ptr& cfg) {
         const bool actions = cfg->uses_actions();
-        manager_used = cfg->use_manager || actions;
-        if (!cfg->use_manager && !actions) return;
+        manager_used = cfg->use_manager || actions || cfg->uses_dialcodes();
+        if (!manager_used) return;
         // Writing to a connection that was closed must fail, not end the
         // process (the Manager session's own writes never raise the signal).
         signal(SIGPIPE, SIG_IGN);
@@ -194,7 +198,16 @@ class daemon_process {
         s.login_timeout_s = cfg->ami_login_timeout;
         if (!cfg->use_manager) s.stop_prefix = "Manager session stopped";
         auto session = std::make_shared<mgr_session>(s, *states, *notify);
-        if (cfg->use_manager) attach_cdr_capture(*session, cfg, *states);
+        cdr_stored_hook stored;
+        if (cfg->posting.immediate && posting)
+            stored = [cfg, parts = posting](const std::vector<std::string>& rooms,
+                                            const std::vector<std::string>& all) {
+                post_cached_now(*cfg, rooms, all, *parts);
+            };
+        if (cfg->use_manager) attach_cdr_capture(*session, cfg, *states, std::move(stored));
+        // [dialcodes]: minibar and room status from the room phone.
+        if (cfg->uses_dialcodes() && posting && posting->sequence)
+            attach_dialcodes(*session, cfg, {*link, *states, posting->audit}, *posting->sequence);
         notify->running(notify_part::capture);
         session->start();
         manager.set(std::move(session));
@@ -250,8 +263,16 @@ class daemon_process {
     // what the features need.
     static std::string login_events(const config& cfg) {
         if (cfg.mgr_events_set) return cfg.mgr_events;
-        if (!cfg.uses_actions()) return cfg.fixes.manager_events ? "cdr" : cfg.mgr_events;
-        return cfg.use_manager ? "cdr" : "off";
+        std::string events;
+        if (!cfg.use_manager && !cfg.uses_actions())
+            events = "off";  // the session is there for the dial codes alone
+        else if (!cfg.uses_actions())
+            events = cfg.fixes.manager_events ? "cdr" : cfg.mgr_events;
+        else
+            events = cfg.use_manager ? "cdr" : "off";
+        // [dialcodes]: their UserEvents come with the "user" class.
+        if (cfg.uses_dialcodes()) events = events == "off" ? "user" : events + ",user";
+        return events;
     }
 
     static pms_link::options link_options(const config& cfg) {
@@ -326,6 +347,9 @@ class daemon_process {
             before.mgr_port != after->mgr_port || before.mgr_user != after->mgr_user ||
             before.mgr_passwd != after->mgr_passwd || before.mgr_events != after->mgr_events ||
             before.uses_actions() != after->uses_actions() ||
+            before.dialcodes.minibar_event != after->dialcodes.minibar_event ||
+            before.dialcodes.maid_event != after->dialcodes.maid_event ||
+            before.posting.immediate != after->posting.immediate ||
             before.ami_connect_timeout != after->ami_connect_timeout ||
             before.ami_login_timeout != after->ami_login_timeout) {
             LOG(L_NOTICE, "Manager settings changed: starting a new session");
@@ -432,6 +456,7 @@ int main(int argc, char** argv) {
     state.connect_pms();
 
     const billing_parts billing{link, states, audit, extensions, notify, &sequence};
+    state.posting = &billing;
     state.billing.start([&] { service_background(configs, billing, state.stop); });
     state.start_manager(cfg);
     metrics::set_now_values([&state] { return state.now(); });

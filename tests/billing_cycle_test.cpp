@@ -222,4 +222,29 @@ TEST_F(BillingCycle, TheOutboxCarriesPostingsAndMarksAcrossARestart) {
     EXPECT_TRUE(due.empty());
 }
 
+TEST_F(BillingCycle, FilteredRowsAreMarkedFreeAndNeverPosted) {
+    cfg.billmark =
+        "pbx:update calls set posted='%seqno%' where src='%exten%' and "
+        "calldate='%date%' and calltime='%time%'";
+    cfg.posting.post_unanswered = false;
+    cfg.posting.min_billsec = 10;
+    cfg.posting.free_numbers = parse_free_numbers({"112", "rooms"});
+    ASSERT_TRUE(
+        exec("insert into calls values ('101','2009-05-14','10:00:00','5551234',125,-1,0),"
+             "('101','2009-05-14','10:01:00','112',60,-1,0),"
+             "('101','2009-05-14','10:02:00','102',60,-1,0),"
+             "('101','2009-05-14','10:03:00','5551234',0,-1,0),"
+             "('101','2009-05-14','10:04:00','5551234',9,-1,0);"));
+    ASSERT_TRUE(cycle({"101", "102"}));
+    ASSERT_TRUE(cycle({"101", "102"}));
+    EXPECT_EQ((texts{"PS|P#0001|RN101|PTT|DA090514|TI100000|DU000205|DD5551234|"}), frames());
+    EXPECT_EQ((rows{{"0001"}, {"FREE"}, {"FREE"}, {"FREE"}, {"FREE"}}),
+              pbx_rows("select posted from calls order by calltime"));
+    for (const char* line : {"Call of room 101 to 112 not posted: free number",
+                             "Call of room 101 to 102 not posted: free number",
+                             "Call of room 101 to 5551234 not posted: unanswered",
+                             "Call of room 101 to 5551234 not posted: shorter than min_billsec"})
+        EXPECT_EQ(1u, occurrences(log(), line)) << line;
+}
+
 }  // namespace

@@ -16,6 +16,7 @@ ops
 mgr rooms config_check
 steps
 guest billing
+dialcodes
 handlers
 main"
 rank_of() {

@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include "billing/outbox.h"
 #include "logger.h"
 #include "metrics.h"
 
@@ -46,6 +47,16 @@ void do_pa(const record_context& ctx, posting_extensions& extensions) {
         }
     } settled{ctx.states, posting};
     accepted ? metrics::posting_accepted() : metrics::posting_refused();
+    // A minibar posting: the answer settles it and nothing else.
+    if (posting && posting->mark_key == minibar_outbox_key) {
+        if (accepted)
+            LOG(L_NOTICE, "Minibar posting P#%s of room %s accepted", field_text(seq),
+                field_text(rn));
+        else
+            LOG(L_WARNING, "Minibar posting P#%s of room %s refused by the PMS: %s",
+                field_text(seq), field_text(rn), answer ? answer : "(no answer text)");
+        return;
+    }
     if (!accepted) {
         LOG(L_WARNING, "Non-OK answer on Post call. Please check");
         // It stays marked as sent: it is settled on the PMS's side.

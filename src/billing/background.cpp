@@ -10,10 +10,12 @@
 #include <optional>
 #include <thread>
 
+#include "billing/call_filter.h"
 #include "billing/outbox.h"
 #include "db/sqlite.h"
 #include "fias/codec.h"
 #include "logger.h"
+#include "metrics.h"
 #include "process.h"
 #include "templates/templates.h"
 
@@ -226,14 +228,32 @@ bool run_marks(dbdriver_t& drv, const std::vector<std::string>& marks) REQUIRES(
     return ran;
 }
 
-void cache_pass(pass_env& env, const std::vector<std::string>& rooms) {
-    LOG(L_DEBUG, "Cache case: check internal cdrcache values");
+// Whether `filter` keeps the call of `room` out; logged when it does.
+bool kept_out(const call_filter& filter, const std::string& room, const call_row& row) {
+    if (!filter.active()) return false;
+    std::optional<std::string_view> disposition;
+    if (row.has_disposition) disposition = row.disposition;
+    const char* why = filter.reason({room, row.dst, row.billsec, disposition});
+    if (!why) return false;
+    LOG(L_NOTICE, "Call of room %s to %s not posted: %s", room.c_str(), row.dst, why);
+    std::string reason = why;  // as a label: "free_number", "unanswered", ...
+    std::replace(reason.begin(), reason.end(), ' ', '_');
+    metrics::call_filtered(reason.c_str());
+    return true;
+}
+
+// Posts the cached calls of `rooms` (those the filter keeps out leave the
+// cache). `filter_rooms` is the room list the filter's "rooms" stands for.
+void post_cached(pass_env& env, const config& cfg, const std::vector<std::string>& rooms,
+                 const std::vector<std::string>& filter_rooms) {
     states_file& states = env.parts.states;
+    const call_filter filter(cfg, filter_rooms);
     for (const std::string& room : rooms) {
         std::vector<long> outbox_ids;  // whose cache mark is due
         const int marked = states.post_unposted(
             room,
             [&](const call_row& row) -> std::optional<posted_call> {
+                if (kept_out(filter, room, row)) return posted_call{"", "", true};
                 std::string sequence;
                 states_file::outbox_entry entry;
                 entry.mark = "cache";
@@ -247,7 +267,12 @@ void cache_pass(pass_env& env, const std::vector<std::string>& rooms) {
         if (marked == 0)
             for (long id : outbox_ids) states.outbox_marked(id);
     }
-    states.checkpoint();
+}
+
+void cache_pass(pass_env& env, const config& cfg, const std::vector<std::string>& rooms) {
+    LOG(L_DEBUG, "Cache case: check internal cdrcache values");
+    post_cached(env, cfg, rooms, rooms);
+    env.parts.states.checkpoint();
 }
 
 bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>& rooms) {
@@ -256,6 +281,7 @@ bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>
     if (!src.drv) return true;
     std::string billmark = mark_statement(env, *src.drv, cfg.billmark, "billmark");
     dbdriver_t& drv = *src.drv;
+    const call_filter filter(cfg, rooms);
     // With [extensions] the statement runs for every extension of a room;
     // the calls go out as the room's.
     for (const std::string& room : rooms)
@@ -264,9 +290,22 @@ bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>
             open_room_query(drv, room_statement(env, drv, src.statement, extension));
             std::vector<std::string> marks;
             std::vector<long> outbox_ids;  // whose billmark is due
+            auto add_mark = [&](const call_row& row, const char* seq) REQUIRES(drv) {
+                marks.push_back(prepare_query2(&drv, billmark.c_str(), extension.c_str(), row.date,
+                                               row.time, seq, env.fill));
+                if (env.fill.quiet)
+                    LOG(L_DEBUG, "Sending mark query: %s\n", marks.back().c_str());
+                else
+                    printf("Sending mark query: %s\n", marks.back().c_str());
+            };
             while (drv.fetch_row() == 0) {
                 call_row row;
                 if (read_call_row(drv, row) != row_read::ok) break;
+                // A call kept out is marked "FREE", so that it is not read again.
+                if (kept_out(filter, room, row)) {
+                    if (!billmark.empty()) add_mark(row, "FREE");
+                    continue;
+                }
                 std::string sequence;
                 states_file::outbox_entry entry;
                 if (extension != room) entry.extension = extension;
@@ -281,12 +320,7 @@ bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>
                     env.parts.extensions.made_by(sequence, extension);
                 if (!billmark.empty()) {
                     if (env.outbox) outbox_ids.push_back(entry.id);
-                    marks.push_back(prepare_query2(&drv, billmark.c_str(), extension.c_str(),
-                                                   row.date, row.time, sequence.c_str(), env.fill));
-                    if (env.fill.quiet)
-                        LOG(L_DEBUG, "Sending mark query: %s\n", marks.back().c_str());
-                    else
-                        printf("Sending mark query: %s\n", marks.back().c_str());
+                    add_mark(row, sequence.c_str());
                 }
             }
             if (run_marks(drv, marks))
@@ -465,7 +499,7 @@ bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms,
     if (cfg.uses_outbox()) send_outbox({link, parts.states, parts.audit});
     bool posted = false;
     if (cfg.use_manager) {
-        cache_pass(env, rooms);
+        cache_pass(env, cfg, rooms);
         posted = true;
     } else if (cfg.billcalls) {
         if (!query_pass(env, cfg, rooms)) return false;
@@ -482,6 +516,21 @@ bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms,
                                            "remark", rooms, room_status_pass))
         return false;
     return true;
+}
+
+void post_cached_now(const config& cfg, const std::vector<std::string>& rooms,
+                     const std::vector<std::string>& all_rooms, const billing_parts& parts) {
+    if (!parts.link.active() || parts.audit.holds_postings()) return;
+    posting_sequence own;
+    const posting_policy policy(cfg);
+    pass_env env{parts,
+                 parts.sequence ? *parts.sequence : own,
+                 fill_options_of(cfg),
+                 policy,
+                 policy.keeps_outbox(),
+                 {cfg.fixes.numbers},
+                 nullptr};
+    post_cached(env, cfg, rooms, all_rooms);
 }
 
 void service_background(const config_loader& configs, const billing_parts& parts, stop_flag& stop) {

@@ -54,6 +54,14 @@ void service_background(const config_loader& configs, const billing_parts& parts
 // restart may have come between a record's write and its mark).
 void run_due_marks(const config& cfg, states_file& states);
 
+// [posting] immediate: posts the cached calls of `rooms` now, when the link
+// is active and no night audit holds postings (otherwise the next cycle
+// does). Every pass over a room's calls runs under the states file's lock,
+// so a call is posted once and in order also when the cycle runs at the same
+// time. `all_rooms` is what the filter's "rooms" stands for. Any thread.
+void post_cached_now(const config& cfg, const std::vector<std::string>& rooms,
+                     const std::vector<std::string>& all_rooms, const billing_parts& parts);
+
 // One cycle's passes over `rooms` (the cache or query pass, the wake-up pass,
 // the room-status pass). Returns false when a pass's driver is missing.
 bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms,

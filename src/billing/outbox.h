@@ -12,6 +12,10 @@
 #include "fias/link.h"
 #include "states/states.h"
 
+// The mark_key of a minibar posting (dialcodes/dialcodes.h): its answer
+// settles it and runs no services:billok and no cache change.
+inline constexpr const char* minibar_outbox_key = "minibar";
+
 struct outbox_parts {
     pms_link& link;
     states_file& states;

@@ -6,6 +6,9 @@
 
 namespace {
 
+// The slots every record had before fields of features were added.
+constexpr int legacy_slots = 10;
+
 // A two-character pair of a date or time, read with automatic base: a pair
 // with a leading zero is octal, so "08" and "09" read as 0.
 uint8_t read_pair(const char* p, int base) {
@@ -93,9 +96,9 @@ fias_packet_ptr fias_parse_packet(const char* line, int /*packetlen*/,
     if (row->num_fields == 0) return nullptr;
 
     fias_packet_ptr p = fias_packet_from_row(*row);
-    if (!opts.optional_fields)
-        for (int i = 0; i < FIAS_MAX_FIELDS; ++i)
-            if (row->fields[i].optional) p->fields[i].name[0] = p->fields[i].name[1] = '\0';
+    for (int i = 0; i < FIAS_MAX_FIELDS; ++i)
+        if (row->fields[i].feature && !(opts.optional_fields & row->fields[i].feature))
+            p->fields[i].name[0] = p->fields[i].name[1] = '\0';
     // Where each "|" is: a field is found at the first "|" followed by its
     // name (a value never holds a "|"), so the line is walked once.
     constexpr int kMarks = 64;
@@ -106,10 +109,13 @@ fias_packet_ptr fias_parse_packet(const char* line, int /*packetlen*/,
         if (*c == '|' && nbars < kMarks) bars[nbars++] = c;
     const size_t line_len = static_cast<size_t>(c - line);
     const bool all_bars = nbars < kMarks;
-    for (fias_field_t& f : p->fields) {
-        // An unused slot searches for the bare "|" and so picks up the value
-        // of the line's first field; it is never looked up by name.
+    for (int slot = 0; slot < FIAS_MAX_FIELDS; ++slot) {
+        fias_field_t& f = p->fields[slot];
+        // An unused slot of the first ten searches for the bare "|" and so
+        // picks up the value of the line's first field; it is never looked
+        // up by name. Later slots (fields of features) stay empty when unused.
         const bool unused = f.name[0] == '\0';
+        if (unused && slot >= legacy_slots) continue;
         const char* at = nullptr;
         int next = 0;  // the first "|" that can end the value
         if (unused) {

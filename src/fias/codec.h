@@ -14,9 +14,9 @@
 // or time is read with automatic base (a leading zero is octal: "08" is 0).
 struct fias_codec_options {
     bool numbers = false;  // numbers go out as their value; pairs are read in base 10
-    // The optional fields of the catalogue ("ML") are read; without, their
-    // slots are unused, as if the catalogue did not have them.
-    bool optional_fields = false;
+    // The fields of these features are read; the slots of the others are
+    // unused, as if the catalogue did not have them.
+    fias_field_set optional_fields = 0;
 };
 
 // Parses one record text. Null for a null line, an unknown record type, or a

@@ -338,7 +338,8 @@ int pms_link::send_dr() {
     return send_raw(local_time_text("DR|DA%y%m%d|TI%H%M%S|").c_str());
 }
 
-int pms_link::init_connection(const char* iftype, fias_record_set optional, bool optional_fields) {
+int pms_link::init_connection(const char* iftype, fias_record_set optional,
+                              fias_field_set optional_fields) {
     std::string ld = local_time_text("LD|DA%y%m%d|TI%H%M%S|V#1.01|IF");
     if (iftype) ld.append(iftype, strnlen(iftype, 2));
     ld.append("|");
@@ -358,7 +359,8 @@ int pms_link::init_connection(const char* iftype, fias_record_set optional, bool
             continue;
         std::string names;
         for (int i = 0; i < row->num_fields; i++)
-            if (optional_fields || !row->fields[i].optional) names.append(row->fields[i].name);
+            if (!row->fields[i].feature || (optional_fields & row->fields[i].feature))
+                names.append(row->fields[i].name);
         char lr[256];
         snprintf(lr, sizeof lr, "LR|RI%.2s|FL%s|", row->packet, names.c_str());
         write_log(L_DEBUG, __FILE_NAME__, __LINE__, "fias_send_lr", "%s\n", lr);

@@ -119,11 +119,11 @@ class pms_link {
     int send_dr();
     // Sends "LD", one "LR" per record type and "LA". The optional record
     // types (fias_optional_record) are described only when in `optional`,
-    // the optional fields only with `optional_fields`. 0, or -1 when a
+    // the fields of features only when in `optional_fields`. 0, or -1 when a
     // record could not be written: the link is then shut down, and its
     // reader returns -1.
     int init_connection(const char* iftype, fias_record_set optional = 0,
-                        bool optional_fields = false);
+                        fias_field_set optional_fields = 0);
     // The PMS sent "LA": postings may go out.
     void set_active() { pms_connected_ = 1; }
     bool active() const { return pms_connected_ != 0; }

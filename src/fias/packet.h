@@ -60,7 +60,14 @@ enum fias_value_type : uint8_t {
     FIAS_TYPE_BOOL = 4,
 };
 
-constexpr int FIAS_MAX_FIELDS = 10;
+constexpr int FIAS_MAX_FIELDS = 12;
+
+// Fields that belong to a feature: announced in the link description (and
+// read) only when it is configured. One bit per feature.
+using fias_field_set = uint8_t;
+constexpr fias_field_set fias_field_lamp = 1;     // "ML" of "RE": the message lamp
+constexpr fias_field_set fias_field_minibar = 2;  // "MA" and "M#" of "PS": minibar postings
+constexpr fias_field_set fias_field_maid = 4;     // "ID" of "RE": the maid's room status
 
 struct fias_date_t {
     uint8_t year = 0;  // two digits, as on the wire
@@ -141,9 +148,8 @@ struct fias_catalogue_row {
     struct {
         const char* name;
         uint8_t type;
-        // Announced in the link description only with the feature that uses
-        // it (the message lamp, "ML"); always read.
-        bool optional = false;
+        // The feature whose field it is (0: every configuration's).
+        fias_field_set feature = 0;
     } fields[FIAS_MAX_FIELDS];
 };
 

@@ -39,15 +39,24 @@ fias_record_set announced_records(const config& cfg) {
     return out;
 }
 
+// The fields of features that the link description announces: the message
+// lamp with a lamp step, the minibar's and the maid's with their dial codes.
+fias_field_set announced_fields(const config& cfg) {
+    fias_field_set out = 0;
+    if (cfg.mwi_on || cfg.mwi_off) out |= fias_field_lamp;
+    if (cfg.dialcodes.minibar_event) out |= fias_field_minibar;
+    if (cfg.dialcodes.maid_event) out |= fias_field_maid;
+    return out;
+}
+
 // The PMS starts the link: answer with our description and "LA". A night
 // audit or a resync of the previous start-up ends here.
 void do_link_start(const record_context& ctx, const record_parts& parts) {
     parts.audit.close("new link start-up");
     parts.sync.link_started();
     const opt_text& interface = ctx.cfg->pmsinterface;
-    // The message lamp field with a lamp step.
     ctx.link.init_connection(interface ? interface->c_str() : "", announced_records(*ctx.cfg),
-                             ctx.cfg->mwi_on || ctx.cfg->mwi_off);
+                             announced_fields(*ctx.cfg));
 }
 
 // The PMS's "LA": postings may go out; with pms:resync the PMS is asked for
@@ -133,8 +142,9 @@ record_dispatcher::~record_dispatcher() {
 
 void record_dispatcher::process_fias_packet(const std::string& data) const {
     const config_ptr cfg = parts_.configs.current();
-    fias_packet_ptr p = fias_parse_packet(data.c_str(), static_cast<int>(data.size()),
-                                          {cfg->fixes.numbers, cfg->mwi_on || cfg->mwi_off});
+    fias_packet_ptr p = fias_parse_packet(
+        data.c_str(), static_cast<int>(data.size()),
+        {cfg->fixes.numbers, cfg->mwi_on || cfg->mwi_off ? fias_field_lamp : fias_field_set{0}});
     if (!p || !record_known(*cfg, p->packet_code)) {
         LOG(L_WARNING, "Can not parse FIAS packet %s", fias_shown(data.c_str()).c_str());
         return;

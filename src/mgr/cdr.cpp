@@ -75,10 +75,14 @@ cached_call make_insert(const message& m, bool escape, const std::string* room =
 // The insert of `m` when its source is one of `rooms`, with the DEBUG lines
 // of the test (which are not made when they would not be written: the sorted
 // list then answers it).
-std::optional<cached_call> room_call(const message& m, const cdr_rooms& rooms, bool escape) {
+// `room`, when given, gets the room of the call.
+std::optional<cached_call> room_call(const message& m, const cdr_rooms& rooms, bool escape,
+                                     std::string* room_of_call = nullptr) {
     const char* src = mgr_get_header(m, "Source");
+    if (room_of_call) *room_of_call = src;
     if (const std::string* room = rooms.extension_room(src)) {
         LOG(L_DEBUG, "'%s' is an extension of room '%s'\n", src, room->c_str());
+        if (room_of_call) *room_of_call = *room;
         return make_insert(m, escape, room);
     }
     if (!log_wanted(L_DEBUG)) {
@@ -118,21 +122,34 @@ class insert_batch {
     static constexpr size_t kBatch = 256;
 
     explicit insert_batch(states_file& states) : states_(states) {}
-    ~insert_batch() { store(); }
+    ~insert_batch() { write(); }
 
-    void add(cached_call call) {
+    void add(cached_call call, const std::string& room) {
         pending_.push_back(std::move(call));
-        if (pending_.size() >= kBatch) store();
+        if (std::find(rooms_.begin(), rooms_.end(), room) == rooms_.end()) rooms_.push_back(room);
+        if (pending_.size() >= kBatch) write();
     }
 
-    void store() {
+    // Stores what is pending; then the rooms of the calls stored since the
+    // last time go to `stored` (when set).
+    void store(const cdr_stored_hook& stored = {}, const std::vector<std::string>& all = {}) {
+        write();
+        if (rooms_.empty()) return;
+        std::vector<std::string> rooms = std::move(rooms_);
+        rooms_.clear();
+        if (stored) stored(rooms, all);
+    }
+
+  private:
+    void write() {
+        if (pending_.empty()) return;
         states_.cache_calls(pending_);
         pending_.clear();
     }
 
-  private:
     states_file& states_;
     std::vector<cached_call> pending_;
+    std::vector<std::string> rooms_;  // of the pending calls
 };
 
 }  // namespace
@@ -152,9 +169,12 @@ std::map<std::string, std::string, std::less<>> extension_rooms(const config& cf
 
 // What the capture keeps while its session runs.
 struct capture_state {
-    capture_state(config_ptr c, states_file& s) : cfg(std::move(c)), states(s), batch(s) {}
+    capture_state(config_ptr c, states_file& s, cdr_stored_hook h)
+        : cfg(std::move(c)), states(s), stored(std::move(h)), batch(s) {}
+    void store() { batch.store(stored, rooms.list); }
     config_ptr cfg;
     states_file& states;
+    cdr_stored_hook stored;
     unsigned version = 0;
     cdr_rooms rooms{{}};
     insert_batch batch;
@@ -162,8 +182,9 @@ struct capture_state {
 
 }  // namespace
 
-void attach_cdr_capture(mgr_session& session, config_ptr cfg, states_file& states) {
-    auto c = std::make_shared<capture_state>(std::move(cfg), states);
+void attach_cdr_capture(mgr_session& session, config_ptr cfg, states_file& states,
+                        cdr_stored_hook stored) {
+    auto c = std::make_shared<capture_state>(std::move(cfg), states, std::move(stored));
     session.before_start([c](std::string& why) {
         c->version = c->states.rooms_version();
         std::vector<std::string> list;
@@ -177,7 +198,7 @@ void attach_cdr_capture(mgr_session& session, config_ptr cfg, states_file& state
         c->rooms = cdr_rooms(std::move(list), extension_rooms(*c->cfg));
         return true;
     });
-    session.before_wait([c] { c->batch.store(); });
+    session.before_wait([c] { c->store(); });
     session.subscribe("Cdr", [c](const message& m) {
         // With [fixes] reload a call is matched against the rooms of the
         // table as it is now.
@@ -187,8 +208,9 @@ void attach_cdr_capture(mgr_session& session, config_ptr cfg, states_file& state
             if (c->states.room_list(now) == 0)
                 c->rooms = cdr_rooms(std::move(now), extension_rooms(*c->cfg));
         }
+        std::string room;
         if (std::optional<cached_call> call =
-                room_call(m, c->rooms, fill_options_of(*c->cfg).escape))
-            c->batch.add(std::move(*call));
+                room_call(m, c->rooms, fill_options_of(*c->cfg).escape, &room))
+            c->batch.add(std::move(*call), room);
     });
 }

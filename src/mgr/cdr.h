@@ -15,6 +15,7 @@
 //    session waits for anything.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -24,7 +25,14 @@
 #include "mgr/session.h"
 #include "states/states.h"
 
-void attach_cdr_capture(mgr_session& session, config_ptr cfg, states_file& states);
+// Called in the session's thread after calls were stored, with the rooms
+// they belong to (each once, in the order of their first call) and the
+// capture's whole room list ([posting] immediate).
+using cdr_stored_hook = std::function<void(const std::vector<std::string>& rooms,
+                                           const std::vector<std::string>& all_rooms)>;
+
+void attach_cdr_capture(mgr_session& session, config_ptr cfg, states_file& states,
+                        cdr_stored_hook stored = {});
 
 // The rooms whose calls are cached: in the order of the `rooms` table (the
 // order in which a call's source is compared with them, one DEBUG line each),

@@ -49,7 +49,7 @@ mgr_session::~mgr_session() {
 }
 
 void mgr_session::subscribe(const std::string& event, std::function<void(const message&)> handler) {
-    handlers_[lower(event)] = std::move(handler);
+    handlers_[lower(event)].push_back(std::move(handler));
 }
 
 void mgr_session::before_start(std::function<bool(std::string&)> hook) {
@@ -247,7 +247,8 @@ void mgr_session::run() {
                 if (const char* event = mgr_get_header(*msg, "Event"); *event)
                     metrics::manager_event(event);
                 auto handler = handlers_.find(classify_message(*msg).name);
-                if (handler != handlers_.end()) handler->second(*msg);
+                if (handler != handlers_.end())
+                    for (const auto& h : handler->second) h(*msg);
             } else {
                 const char* text = mgr_get_header(*msg, "Message");
                 if (strcmp(text, "Authentication accepted") == 0) {

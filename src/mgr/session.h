@@ -76,7 +76,8 @@ class mgr_session {
     mgr_session(const mgr_session&) = delete;
     mgr_session& operator=(const mgr_session&) = delete;
 
-    // Before start(): `handler` gets every event named `event` (any case).
+    // Before start(): `handler` gets every event named `event` (any case);
+    // several handlers of one event run in the order they subscribed.
     void subscribe(const std::string& event, std::function<void(const message&)> handler);
     // Before start(): runs first in the reader thread; false ends the session
     // (with `why` in STATUS).
@@ -115,7 +116,8 @@ class mgr_session {
     const settings settings_;
     states_file& states_;
     notifier& notify_;
-    std::map<std::string, std::function<void(const message&)>> handlers_;  // by lower-case name
+    // By lower-case name.
+    std::map<std::string, std::vector<std::function<void(const message&)>>> handlers_;
     std::function<bool(std::string&)> before_start_;
     std::function<void()> before_wait_;
     stop_flag stop_;

@@ -10,6 +10,11 @@ struct call_row {
     char dst[256] = "";
     int billsec = 0;
     int callcost = -1;
+    // From the call cache only: the call's disposition ("ANSWERED", "BUSY",
+    // ...) and its row.
+    char disposition[48] = "";
+    bool has_disposition = false;
+    long long cache_row = 0;
 };
 
 // How the call cache gives a call's date and time.

@@ -1,6 +1,7 @@
 #include "states/states.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
@@ -66,14 +67,15 @@ const char* const insert_format =
     "'%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', '%s', "
     "'%s','%s','')";
 const char* const unposted_format =
-    "select date(start),time(start),dst,billsec,-1 from cdrcache where src='%s' and "
+    "select date(start),time(start),dst,billsec,-1,disposition,rowid from cdrcache where src='%s' "
+    "and "
     "(userfield='NULL' or userfield=NULL or userfield='')";
 
 // The same statements with parameters, prepared once per connection. They
 // run whenever the values give the same text as the statement above would:
 // no value holds a quote, and the text is not cut at its buffer's end.
 const char* const unposted_bound =
-    "select date(start),time(start),dst,billsec,-1 from cdrcache where src=? and "
+    "select date(start),time(start),dst,billsec,-1,disposition,rowid from cdrcache where src=? and "
     "(userfield='NULL' or userfield=NULL or userfield='')";
 const char* const mark_bound =
     "update cdrcache set userfield=? where src=? and date(start)=? and time(start)=?";
@@ -254,6 +256,7 @@ int states_file::post_unposted(
         call_row row;
     };
     std::vector<mark> marks;
+    std::vector<long long> drops;  // rows of calls never to be posted
     db_lock guard(main_);
     char text[unposted_buffer];
     snprintf(text, sizeof text, unposted_format, room.c_str());
@@ -265,18 +268,29 @@ int states_file::post_unposted(
         LOG(L_DEBUG, "Have something in cache for room %s\n", room.c_str());
         call_row row;
         if (read_call_row(main_, row) != row_read::ok) break;
+        row.has_disposition =
+            main_.fetch_char_field(5, row.disposition, sizeof row.disposition - 1) >= 0;
+        char rowid[32] = "";
+        if (main_.fetch_char_field(6, rowid, sizeof rowid - 1) >= 0)
+            row.cache_row = strtoll(rowid, nullptr, 10);
         std::optional<posted_call> done = post(row);
         if (!done) continue;
+        if (done->dropped) {
+            if (row.cache_row > 0) drops.push_back(row.cache_row);
+            continue;
+        }
         std::string statement =
             prepare_query3(&main_, mark_template, done->record.c_str(), room.c_str(), row.date,
                            row.time, done->seq.c_str(), fill);
         LOG(L_DEBUG, "Sending mark query: %s\n", statement.c_str());
         marks.push_back({std::move(statement), std::move(done->record), row});
     }
-    if (marks.empty()) return 0;
+    if (marks.empty() && drops.empty()) return 0;
     // The room's marks are committed together (see the durability note of
     // open()). A value with a quote runs as the text its template made.
     sqlite_begin(main_);
+    for (long long id : drops)
+        main_.query(("delete from cdrcache where rowid=" + std::to_string(id)).c_str());
     for (const mark& m : marks) {
         if (has_quote(m.param) || has_quote(room) || has_quote(m.row.date) || has_quote(m.row.time))
             main_.query(m.statement.c_str());

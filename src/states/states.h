@@ -71,10 +71,12 @@ enum class accepted_call {
 };
 
 // What posting one cached call gave: the record text and its "P#", which
-// mark the call as posted.
+// mark the call as posted; or, with `dropped`, a call that is never to be
+// posted ([posting]), which leaves the cache.
 struct posted_call {
     std::string record;
     std::string seq;
+    bool dropped = false;
 };
 
 class states_file {
@@ -112,10 +114,10 @@ class states_file {
     void cache_calls(const std::vector<cached_call>& calls);
     // Offers each cached call of `room` not yet posted to `post`, in the
     // cache's order; a call that `post` posted is marked with its record
-    // (the mark's statement echoed under `fill`). The room's marks are
-    // committed together after its last call. An unreadable column ends the
-    // room's calls (logged). `post` may use the outbox operations. 0, or -1
-    // when the marks were not committed.
+    // (the mark's statement echoed under `fill`), a call that `post` dropped
+    // is deleted. The room's marks are committed together after its last call. An unreadable column
+    // ends the room's calls (logged). `post` may use the outbox operations. 0, or -1 when the marks
+    // were not committed.
     int post_unposted(const std::string& room,
                       const std::function<std::optional<posted_call>(const call_row&)>& post,
                       const fill_options& fill);

@@ -61,8 +61,9 @@ std::string now_text() {
     return buf;
 }
 
-// The Cdr filter of a login's "Events:" value (absent: every event class).
-bool wants_cdr(const std::string* events) {
+// Whether a login's "Events:" value asks for event class `cls` (absent:
+// every event class).
+bool wants_class(const std::string* events, const char* cls) {
     if (!events) return true;
     std::string v = lower(trim(*events));
     if (v == "on" || v == "yes" || v == "true" || v == "all") return true;
@@ -70,7 +71,7 @@ bool wants_cdr(const std::string* events) {
     while (pos <= v.size()) {
         size_t comma = v.find(',', pos);
         if (comma == std::string::npos) comma = v.size();
-        if (trim(v.substr(pos, comma - pos)) == "cdr") return true;
+        if (trim(v.substr(pos, comma - pos)) == cls) return true;
         pos = comma + 1;
     }
     return false;
@@ -391,7 +392,8 @@ void mgr_sim::on_action(const session_ptr& s, const std::string& block) {
                 // Marked before the answer is written, under the write lock: an
                 // event sent by another thread can only follow the answer.
                 mutex_lock w(s->write_mutex);
-                s->cdr_wanted = wants_cdr(find("events"));
+                s->cdr_wanted = wants_class(find("events"), "cdr");
+                s->user_wanted = wants_class(find("events"), "user");
                 s->authenticated = true;
                 send_locked(s, "Response: Success\r\n" + action_id + answer_accepted, nullptr);
             }
@@ -578,6 +580,28 @@ int mgr_sim::send_cdr(const mgr_cdr_event& ev) {
     return n;
 }
 
+int mgr_sim::send_user_event(const std::string& name,
+                             const std::vector<std::pair<std::string, std::string>>& headers) {
+    // The channel's own headers first, the dialplan's last, as the exchange
+    // sends them.
+    std::string text =
+        "Event: UserEvent\r\nPrivilege: user,all\r\n"
+        "Channel: Local/codes@codes-00000004;2\r\nContext: codes\r\n"
+        "Uniqueid: " +
+        std::to_string(1700000000 + unique_counter_++) + ".1\r\nUserEvent: " + name + "\r\n";
+    for (const auto& [header, value] : headers) text += header + ": " + value + "\r\n";
+    text += "\r\n";
+    bool filter;
+    {
+        mutex_lock g(mutex_);
+        filter = opts_.filter;
+    }
+    int n = 0;
+    for (const session_ptr& s : snapshot(false))
+        if (s->authenticated && (!filter || s->user_wanted)) n += send_to(s, text) ? 1 : 0;
+    return n;
+}
+
 int mgr_sim::send_burst(const mgr_cdr_event& ev, int count) {
     const std::string base = ev.get("UniqueID");
     mgr_cdr_event copy = ev;
@@ -713,6 +737,17 @@ int mgr_sim::run_line(const std::string& line, std::string* error) {
             send_cdr(ev);
         else
             send_burst(ev, static_cast<int>(count));
+        return 0;
+    }
+    if (cmd == "userevent") {
+        if (w.size() < 2) return fail("userevent needs NAME");
+        std::vector<std::pair<std::string, std::string>> headers;
+        for (size_t i = 2; i < w.size(); ++i) {
+            size_t eq = w[i].find('=');
+            if (eq == std::string::npos || eq == 0) return fail("expected Header=value: " + w[i]);
+            headers.emplace_back(w[i].substr(0, eq), w[i].substr(eq + 1));
+        }
+        send_user_event(w[1], headers);
         return 0;
     }
     if (cmd == "raw") {

@@ -44,6 +44,11 @@
 //        "now". Header=value replaces a header of that name or appends one
 //        (From, To, Cost, CallClass, FaxData ...); Header= makes it empty;
 //        -Header removes it.
+//        Disposition=BUSY (NO ANSWER, FAILED, CONGESTION) gives a call of
+//        any outcome.
+//    userevent NAME [Header=value ...]
+//        one UserEvent named NAME with these headers last (Room=101
+//        Article=12 ...), to sessions that asked for the "user" class.
 //    burst N SRC DST START BILLSEC [Header=value ...]
 //        N such events, each with its own UniqueID, as fast as possible.
 //    raw TEXT         TEXT with \r \n \t \\ escapes, to every open session.
@@ -143,6 +148,11 @@ class mgr_sim {
     // `n` copies of `ev`, the UniqueID of each made unique ("<base>.<i>").
     int send_burst(const mgr_cdr_event& ev, int n);
     int send_raw(const std::string& text);
+    // A UserEvent named `name` (as the dialplan's UserEvent(name,...) sends
+    // it) with `headers` last, to logged-in sessions whose login asked for
+    // the "user" class (or every class) while the filter is on.
+    int send_user_event(const std::string& name,
+                        const std::vector<std::pair<std::string, std::string>>& headers);
     // Closes every open connection (the server keeps listening).
     void drop();
 
@@ -178,6 +188,7 @@ class mgr_sim {
         annotated_mutex write_mutex;  // one writer of fd at a time
         std::atomic<bool> authenticated{false};
         std::atomic<bool> cdr_wanted{true};
+        std::atomic<bool> user_wanted{true};
         std::atomic<bool> closed{false};
         ~session();
     };

@@ -348,6 +348,16 @@ void pms_sim::handle_frame(const std::string& text) {
         }
     }
 
+    // Minibar postings and room status, as the front desk would see them.
+    auto value = [&](const char* name) { return field_value(text, name).value_or(""); };
+    if (starts_with(text, "PS") && value("PT") == "M")
+        note("minibar posting P#" + value("P#") + ": room " + value("RN") + ", article " +
+             value("MA") + ", quantity " + value("M#") +
+             (value("TA").empty() ? "" : ", amount " + value("TA")));
+    else if (starts_with(text, "RE") && !value("RS").empty())
+        note("room status: room " + value("RN") + " is " + value("RS") +
+             (value("ID").empty() ? "" : " (maid " + value("ID") + ")"));
+
     if (starts_with(text, "PS") && mode != answer_mode::none) {
         std::string pa =
             "PA|AS" + (mode == answer_mode::ok ? std::string("OK") : refuse_text) + "|";
