@@ -125,6 +125,7 @@ class daemon_process {
     states_file* states = nullptr;
     notifier* notify = nullptr;
     record_dispatcher* records = nullptr;
+    wakeup_dialer* wakeup = nullptr;
     // The corrections in force for the whole run, from the first load.
     fixes_settings start_fixes;
     stop_flag stop;  // billing
@@ -141,7 +142,8 @@ class daemon_process {
     // service step sends actions.
     void start_manager(const config_ptr& cfg) {
         const bool actions = cfg->uses_actions();
-        if (!cfg->use_manager && !actions) return;
+        const bool dialer = wakeup != nullptr;
+        if (!cfg->use_manager && !actions && !dialer) return;
         // Writing to a connection that was closed must fail, not end the
         // process (the Manager session's own writes never raise the signal).
         signal(SIGPIPE, SIG_IGN);
@@ -153,12 +155,13 @@ class daemon_process {
         s.events = login_events(*cfg);
         // With [fixes] private_files the secret never reaches the log.
         s.hide_secret = cfg->fixes.private_files;
-        s.actions = actions;
+        s.actions = actions || dialer;
         s.connect_timeout_s = cfg->ami_connect_timeout;
         s.login_timeout_s = cfg->ami_login_timeout;
         if (!cfg->use_manager) s.stop_prefix = "Manager session stopped";
         auto session = std::make_shared<mgr_session>(s, *states, *notify);
         if (cfg->use_manager) attach_cdr_capture(*session, cfg, *states);
+        if (dialer) wakeup->attach(*session);
         notify->running(notify_part::capture);
         session->start();
         manager.set(std::move(session));
@@ -214,8 +217,23 @@ class daemon_process {
     // what the features need.
     static std::string login_events(const config& cfg) {
         if (cfg.mgr_events_set) return cfg.mgr_events;
-        if (!cfg.uses_actions()) return cfg.fixes.manager_events ? "cdr" : cfg.mgr_events;
-        return cfg.use_manager ? "cdr" : "off";
+        const std::string events = !cfg.uses_actions()
+                                       ? (cfg.fixes.manager_events ? "cdr" : cfg.mgr_events)
+                                   : cfg.use_manager ? "cdr"
+                                                     : "off";
+        return cfg.wakeup.call ? with_wakeup_events(events) : events;
+    }
+
+    // The wake-up dialer's classes added: "call" for the outcomes of its
+    // calls, "user" for the snooze key.
+    static std::string with_wakeup_events(const std::string& events) {
+        if (events == "off" || events.empty()) return "call,user";
+        if (events == "on") return events;
+        std::string out = events;
+        for (const char* wanted : {"call", "user"})
+            if (("," + events + ",").find(std::string(",") + wanted + ",") == std::string::npos)
+                out += std::string(",") + wanted;
+        return out;
     }
 
     static pms_link::options link_options(const config& cfg) {
@@ -248,6 +266,7 @@ class daemon_process {
         notify->finish();
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
         bool joined = billing.join_until(deadline);
+        if (wakeup) joined = wakeup->stop(deadline) && joined;
         joined = stop_manager(deadline) && joined;
         joined = records->stop(deadline) && joined;
         link->drop();
@@ -382,9 +401,13 @@ int main(int argc, char** argv) {
     posting_sequence sequence;
     if (cfg->uses_outbox())
         sequence.last = static_cast<unsigned>(std::max(0L, states.last_posting_number()));
-    record_dispatcher records(
-        {configs, link, states, sync, audit, extensions, state.manager, sequence},
-        state.start_fixes.ordered_records);
+    // Wake-up calls placed by the daemon, when configured at start.
+    wakeup_dialer dialer({configs, link, states, audit, notify, state.manager});
+    if (cfg->wakeup.call) state.wakeup = &dialer;
+    record_parts handler_parts{configs, link, states, sync, audit, extensions, state.manager,
+                               sequence};
+    handler_parts.wakeup = state.wakeup;
+    record_dispatcher records(handler_parts, state.start_fixes.ordered_records);
     state.records = &records;
     notify.start(link, states, cfg->use_manager);
     state.connect_pms();
@@ -392,6 +415,7 @@ int main(int argc, char** argv) {
     const billing_parts billing{link, states, audit, extensions, notify, &sequence};
     state.billing.start([&] { service_background(configs, billing, state.stop); });
     state.start_manager(cfg);
+    if (state.wakeup) dialer.start();
     cfg.reset();
     notify.ready();
 
