@@ -99,8 +99,7 @@ TEST(Wakeup, ThreeRoomsRetriesResultsAndAlertsEachOnce) {
     // A second "WR" for the same room and time changes nothing.
     ASSERT_TRUE(run.pms.send_record("WR|RN101|DA" + da + "|TI" + ti + "|"));
 
-    for (const char* result : {"ASOK", "ASBY", "ASNR"})
-        ASSERT_TRUE(run.pms.wait_for_count("WA|", 3, 20s)) << result << run.log();
+    ASSERT_TRUE(run.pms.wait_for_count("WA|", 3, 20s)) << run.log();
     std::this_thread::sleep_for(1s);
     EXPECT_EQ(1u, run.pms.count_frames("WA|RN101|DA" + da + "|TI" + ti + "|ASOK|"));
     EXPECT_EQ(1u, run.pms.count_frames("WA|RN102|DA" + da + "|TI" + ti + "|ASBY|"));
@@ -168,6 +167,7 @@ TEST(Wakeup, BookingsSurviveRestartsAndResultsWaitForTheLink) {
     run.use_wakeup();
     run.mgr.set_originate("301", {originate_outcome::answer, 1500ms});
     run.set("wakeup", "snooze_window", "1").set("wakeup", "late_limit", "60");
+    run.set("fixes", "link_end", "yes");  // a PMS that went away is noticed
     ASSERT_TRUE(run.start()) << run.log();
     auto [da, ti] = in_seconds(2);
     ASSERT_TRUE(run.play({"WR|RN301|DA" + da + "|TI" + ti + "|"}, "Wake-up for room 301 booked"));
