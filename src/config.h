@@ -75,9 +75,9 @@ struct fixes_settings {
 
 // [wakeup]: wake-up calls placed by the daemon through the Manager session.
 struct wakeup_settings {
-    bool call = false;                          // wakeup:call
-    std::string channel = "PJSIP/%exten%";      // %exten%: the room's first extension
-    std::string context = "hotel-wakeup";       // where an answered call goes
+    bool call = false;                      // wakeup:call
+    std::string channel = "PJSIP/%exten%";  // %exten%: the room's first extension
+    std::string context = "hotel-wakeup";   // where an answered call goes
     std::string exten = "s";
     std::string priority = "1";
     std::string caller_id = "Wake-up <%room%>";

@@ -160,8 +160,9 @@ void warn_wakeup(const config& cfg) {
             "cdr_mgr_password): no wake-up call can be placed");
     if (w.channel.find("%exten%") == std::string::npos &&
         w.channel.find("%room%") == std::string::npos)
-        LOG(L_WARNING, "wakeup:channel = \"%s\" has no %%exten%% or %%room%%: every call rings "
-                       "the same phone",
+        LOG(L_WARNING,
+            "wakeup:channel = \"%s\" has no %%exten%% or %%room%%: every call rings "
+            "the same phone",
             w.channel.c_str());
     if (w.attempts < 1)
         LOG(L_WARNING, "wakeup:attempts = %d is less than 1: one call is placed", w.attempts);

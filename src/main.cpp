@@ -404,8 +404,8 @@ int main(int argc, char** argv) {
     // Wake-up calls placed by the daemon, when configured at start.
     wakeup_dialer dialer({configs, link, states, audit, notify, state.manager});
     if (cfg->wakeup.call) state.wakeup = &dialer;
-    record_parts handler_parts{configs, link, states, sync, audit, extensions, state.manager,
-                               sequence};
+    record_parts handler_parts{configs, link,       states,        sync,
+                               audit,   extensions, state.manager, sequence};
     handler_parts.wakeup = state.wakeup;
     record_dispatcher records(handler_parts, state.start_fixes.ordered_records);
     state.records = &records;

@@ -94,8 +94,8 @@ TEST(Wakeup, ThreeRoomsRetriesResultsAndAlertsEachOnce) {
     EXPECT_NE(std::string::npos, run.mgr.login_texts().back().find("Events: call,user"));
     const auto [da, ti] = in_seconds(3);
     for (const char* room : {"101", "102", "103"})
-        ASSERT_TRUE(run.pms.send_record("WR|RN" + std::string(room) + "|DA" + da + "|TI" + ti +
-                                        "|"));
+        ASSERT_TRUE(
+            run.pms.send_record("WR|RN" + std::string(room) + "|DA" + da + "|TI" + ti + "|"));
     // A second "WR" for the same room and time changes nothing.
     ASSERT_TRUE(run.pms.send_record("WR|RN101|DA" + da + "|TI" + ti + "|"));
 
@@ -145,8 +145,7 @@ TEST(Wakeup, SnoozeCancelCheckOutAndAnHourReadInBaseTen) {
     ASSERT_TRUE(run.play({"WR|RN201|TI0830|", "WR|RN202|TI0830|", "WR|RN203|TI0830|",
                           "WC|RN202|TI0830|", "GO|RN203|"},
                          "Checkout"));
-    ASSERT_TRUE(run.wait_log("Wake-up call for room 201 (attempt 1 of 3): answered"))
-        << run.log();
+    ASSERT_TRUE(run.wait_log("Wake-up call for room 201 (attempt 1 of 3): answered")) << run.log();
     EXPECT_EQ(0u, run.count_log("booked already"));
     // The guest presses the snooze key: called again one (shortened) minute later.
     ASSERT_EQ(1, run.mgr.send_user_event("WakeupSnooze", {{"Room", "201"}, {"Minutes", "1"}}));

@@ -80,8 +80,7 @@ class mgr_session {
     void subscribe(const std::string& event, std::function<void(const message&)> handler);
     // Before start(): `handler` gets every answer whose ActionID starts with
     // `prefix` (answers to send_now()).
-    void subscribe_answers(const std::string& prefix,
-                           std::function<void(const message&)> handler);
+    void subscribe_answers(const std::string& prefix, std::function<void(const message&)> handler);
     // Before start(): runs first in the reader thread; false ends the session
     // (with `why` in STATUS).
     void before_start(std::function<bool(std::string& why)> hook);

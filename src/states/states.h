@@ -214,15 +214,15 @@ class states_file {
     // restarts on the connection that no operation closes. Any thread may
     // call; -1 when the file cannot be written.
     struct wakeup_booking {
-        long id = 0;       // 0 until stored; the call's WAKEUP_ID
+        long id = 0;  // 0 until stored; the call's WAKEUP_ID
         std::string room;
         std::string date;  // "DA" and "TI" as the PMS sent them ("" when absent)
         std::string time;
-        long due = 0;      // the booked moment (seconds since the epoch)
-        long next = 0;     // when the dialer acts on it next
-        int attempt = 0;   // calls placed since the booking or its last snooze
-        int state = 0;     // the dialer's (waiting, ringing, answered)
-        int last = 0;      // the outcome of the last call
+        long due = 0;            // the booked moment (seconds since the epoch)
+        long next = 0;           // when the dialer acts on it next
+        int attempt = 0;         // calls placed since the booking or its last snooze
+        int state = 0;           // the dialer's (waiting, ringing, answered)
+        int last = 0;            // the outcome of the last call
         bool all_failed = true;  // no call could be created so far
         long answered = 0;       // when the last answered call was answered
     };

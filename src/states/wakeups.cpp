@@ -36,11 +36,10 @@ int states_file::wakeup_save(std::vector<wakeup_booking*>& bookings) {
     for (wakeup_booking* b : bookings) {
         const std::string columns =
             "(room, date, time, due, next, attempt, state, last, all_failed, answered)";
-        std::string sql = b->id > 0 ? "replace into wakeups (id, " + columns.substr(1) +
-                                          " values (" + std::to_string(b->id) + "," +
-                                          values_of(*b) + ")"
-                                    : "insert into wakeups " + columns + " values (" +
-                                          values_of(*b) + ")";
+        std::string sql =
+            b->id > 0 ? "replace into wakeups (id, " + columns.substr(1) + " values (" +
+                            std::to_string(b->id) + "," + values_of(*b) + ")"
+                      : "insert into wakeups " + columns + " values (" + values_of(*b) + ")";
         if (occupancy_.query(sql.c_str()) != 0) {
             occupancy_.query("rollback");
             return -1;

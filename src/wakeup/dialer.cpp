@@ -306,8 +306,8 @@ void wakeup_dialer::end(booking& b, const config& cfg, work& w) {
                          : b.all_failed      ? "UR"
                          : b.last == busy    ? "BY"
                                              : "NR";
-    LOG(L_NOTICE, "Wake-up for room %s at %s ended: %s", b.room.c_str(),
-        shown_time(b.time).c_str(), result);
+    LOG(L_NOTICE, "Wake-up for room %s at %s ended: %s", b.room.c_str(), shown_time(b.time).c_str(),
+        result);
     (void)cfg;
     w.ends.push_back({b, result});
 }
@@ -448,12 +448,11 @@ void wakeup_dialer::run_alert(const ended& e, const config& cfg) {
     const std::string where = alert.substr(0, colon);
     auto fill = [&](const std::string& text, auto escape) {
         std::string out = text;
-        for (const auto& [token, value] :
-             {std::pair<const char*, std::string>{"%room%", e.b.room},
-              {"%exten%", exten},
-              {"%date%", local_text(e.b.due, "%Y-%m-%d")},
-              {"%time%", local_text(e.b.due, "%H:%M:%S")},
-              {"%result%", e.result}})
+        for (const auto& [token, value] : {std::pair<const char*, std::string>{"%room%", e.b.room},
+                                           {"%exten%", exten},
+                                           {"%date%", local_text(e.b.due, "%Y-%m-%d")},
+                                           {"%time%", local_text(e.b.due, "%H:%M:%S")},
+                                           {"%result%", e.result}})
             out = replaced(out, token, escape(value));
         return out;
     };
@@ -475,8 +474,8 @@ void wakeup_dialer::run_alert(const ended& e, const config& cfg) {
                 fields.emplace_back(pieces[i].substr(0, eq),
                                     fill(pieces[i].substr(eq + 1), one_line));
         const std::string name = one_line(pieces.front());
-        const auto a = session->action(e.b.room, name, fields,
-                                       std::chrono::seconds(cfg.ami_timeout));
+        const auto a =
+            session->action(e.b.room, name, fields, std::chrono::seconds(cfg.ami_timeout));
         log_action_answer(e.b.room, name, a, cfg.ami_timeout);
         return;
     }
@@ -487,10 +486,9 @@ void wakeup_dialer::run_alert(const ended& e, const config& cfg) {
     }
     db_lock guard(*drv);
     if (drv->is_connected()) drv->reconnect();
-    const std::string statement = fill(alert.substr(colon + 1), [&](const std::string& v)
-                                                                    REQUIRES(*drv) {
-                                                                        return drv->dbhandle->escape(v);
-                                                                    });
+    const std::string statement =
+        fill(alert.substr(colon + 1),
+             [&](const std::string& v) REQUIRES(*drv) { return drv->dbhandle->escape(v); });
     LOG(L_NOTICE, "Wake-up alert for room %s: %s", e.b.room.c_str(), statement.c_str());
     drv->query(statement.c_str());
 }

@@ -114,9 +114,9 @@ class wakeup_dialer {
     std::condition_variable_any changed_;
     bool stopping_ GUARDED_BY(mutex_) = false;
     bool started_ GUARDED_BY(mutex_) = false;
-    bool logged_in_ GUARDED_BY(mutex_) = false;  // a login since the last pass
-    std::map<long, booking> bookings_ GUARDED_BY(mutex_);            // by id
-    std::map<std::string, long> placed_ GUARDED_BY(mutex_);          // booking by ActionID
+    bool logged_in_ GUARDED_BY(mutex_) = false;              // a login since the last pass
+    std::map<long, booking> bookings_ GUARDED_BY(mutex_);    // by id
+    std::map<std::string, long> placed_ GUARDED_BY(mutex_);  // booking by ActionID
     // Bookings whose call could not be placed, and since when they wait.
     std::map<long, long> late_since_ GUARDED_BY(mutex_);
     std::deque<outcome> outcomes_ GUARDED_BY(mutex_);

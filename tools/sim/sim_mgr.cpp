@@ -461,17 +461,17 @@ void mgr_sim::schedule_originate_response(
     if (outcome.kind == originate_outcome::silent) return;
     // As a stock Asterisk reports it (see the header).
     const bool answered = outcome.kind == originate_outcome::answer;
-    const char* reason = answered                                     ? "4"
-                         : outcome.kind == originate_outcome::busy    ? "5"
+    const char* reason = answered                                       ? "4"
+                         : outcome.kind == originate_outcome::busy      ? "5"
                          : outcome.kind == originate_outcome::no_answer ? "3"
                                                                         : "0";
     const long n = ++unique_counter_;
     const std::string caller = get("callerid");
     const std::string text =
         "Event: OriginateResponse\r\nPrivilege: call,all\r\nActionID: " + action_id +
-        "\r\nResponse: " + (answered ? "Success" : "Failure") + "\r\nChannel: " +
-        (answered ? channel + "-" + std::to_string(n) : channel) + "\r\nContext: " +
-        get("context") + "\r\nExten: " + get("exten") + "\r\nReason: " + reason +
+        "\r\nResponse: " + (answered ? "Success" : "Failure") +
+        "\r\nChannel: " + (answered ? channel + "-" + std::to_string(n) : channel) +
+        "\r\nContext: " + get("context") + "\r\nExten: " + get("exten") + "\r\nReason: " + reason +
         "\r\nUniqueid: " +
         (outcome.kind == originate_outcome::no_channel ? std::string("<unknown>")
                                                        : "1795547467." + std::to_string(n)) +
@@ -885,8 +885,10 @@ int mgr_sim::run_line(const std::string& line, std::string* error) {
     if (cmd == "originate") {
         // originate EXTEN answer|busy|noanswer|nochannel|silent [DELAY_MS]
         static const std::map<std::string, originate_outcome::kind_t> kinds = {
-            {"answer", originate_outcome::answer},       {"busy", originate_outcome::busy},
-            {"noanswer", originate_outcome::no_answer},  {"nochannel", originate_outcome::no_channel},
+            {"answer", originate_outcome::answer},
+            {"busy", originate_outcome::busy},
+            {"noanswer", originate_outcome::no_answer},
+            {"nochannel", originate_outcome::no_channel},
             {"silent", originate_outcome::silent}};
         long delay = 100;
         if (w.size() < 3 || !kinds.count(lower(w[2])) ||
