@@ -16,6 +16,7 @@ ops
 mgr rooms config_check
 steps
 guest billing
+wakeup
 handlers
 main"
 rank_of() {
