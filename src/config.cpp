@@ -116,6 +116,24 @@ std::vector<db_settings> read_databases(const dictionary* d) {
 
 constexpr int max_rooms = 10000;  // rooms:room1 .. rooms:room9999
 
+// [wakeup]: the dialer's settings (their limits are checked by -t).
+wakeup_settings read_wakeup(const dictionary* d) {
+    wakeup_settings w;
+    w.call = iniparser_getboolean(d, "wakeup:call", 0) != 0;
+    read_text(d, "wakeup:channel", w.channel);
+    read_text(d, "wakeup:context", w.context);
+    read_text(d, "wakeup:exten", w.exten);
+    read_text(d, "wakeup:priority", w.priority);
+    read_text(d, "wakeup:caller_id", w.caller_id);
+    w.ring_time = iniparser_getint(d, "wakeup:ring_time", w.ring_time);
+    w.attempts = iniparser_getint(d, "wakeup:attempts", w.attempts);
+    w.retry_interval = iniparser_getint(d, "wakeup:retry_interval", w.retry_interval);
+    w.late_limit = iniparser_getint(d, "wakeup:late_limit", w.late_limit);
+    w.snooze_window = iniparser_getint(d, "wakeup:snooze_window", w.snooze_window);
+    read_text(d, "wakeup:alert", w.alert);
+    return w;
+}
+
 rooms_settings read_rooms(const dictionary* d) {
     rooms_settings r;
     r.type = get_text(d, "rooms:type");
@@ -412,6 +430,7 @@ bool parse_config_file(const std::string& path, config& cfg) {
                     get_text(d, "services:" + std::string(key) + "." + std::to_string(n)))
                 cfg.more_steps[key].push_back(std::move(*step));
 
+    cfg.wakeup = read_wakeup(d);
     cfg.rooms = read_rooms(d);
     cfg.extensions = read_extensions(d);
     read_posting(d, cfg);

@@ -105,6 +105,22 @@ struct dialcodes_settings {
     opt_text maid_event;     // its name: a room status ("RE" with RS)
 };
 
+// [wakeup]: wake-up calls placed by the daemon through the Manager session.
+struct wakeup_settings {
+    bool call = false;                      // wakeup:call
+    std::string channel = "PJSIP/%exten%";  // %exten%: the room's first extension
+    std::string context = "hotel-wakeup";   // where an answered call goes
+    std::string exten = "s";
+    std::string priority = "1";
+    std::string caller_id = "Wake-up <%room%>";
+    int ring_time = 45;        // seconds a call rings
+    int attempts = 3;          // calls per booking
+    int retry_interval = 300;  // seconds between two calls of a booking
+    int late_limit = 900;      // seconds a booking may be late at start-up
+    int snooze_window = 120;   // seconds after an answer in which a snooze may come
+    opt_text alert;            // run once when a booking ends without an answer
+};
+
 struct config {
     // [fixes]
     fixes_settings fixes;
@@ -173,6 +189,8 @@ struct config {
     // for as long as it takes).
     int ami_connect_timeout = 0;  // services:ami_connect_timeout
     int ami_login_timeout = 0;    // services:ami_login_timeout
+    // [wakeup]
+    wakeup_settings wakeup;
     // [rooms]
     rooms_settings rooms;
     // [extensions]: the extensions that ring in a room, by room.
@@ -185,7 +203,7 @@ struct config {
     bool uses_actions() const;
     // Whether records for the PMS go through the outbox of the states file
     // ([fixes] posting; features whose records must reach the PMS add here).
-    bool uses_outbox() const { return fixes.posting || uses_dialcodes(); }
+    bool uses_outbox() const { return fixes.posting || uses_dialcodes() || wakeup.call; }
     // Whether Manager UserEvents become records for the PMS ([dialcodes]).
     bool uses_dialcodes() const {
         return dialcodes.minibar_event.has_value() || dialcodes.maid_event.has_value();

@@ -150,6 +150,42 @@ void warn_extensions(const config& cfg) {
     }
 }
 
+// [wakeup]: what keeps the dialer from working as configured (only with
+// call = yes).
+void warn_wakeup(const config& cfg) {
+    const wakeup_settings& w = cfg.wakeup;
+    if (!w.call) return;
+    if (!cfg.mgr_host || !cfg.mgr_user)
+        LOG(L_WARNING,
+            "wakeup:call = yes needs a Manager login (services:cdr_mgr_host, cdr_mgr_user, "
+            "cdr_mgr_password): no wake-up call can be placed");
+    if (w.channel.find("%exten%") == std::string::npos &&
+        w.channel.find("%room%") == std::string::npos)
+        LOG(L_WARNING,
+            "wakeup:channel = \"%s\" has no %%exten%% or %%room%%: every call rings "
+            "the same phone",
+            w.channel.c_str());
+    if (w.attempts < 1)
+        LOG(L_WARNING, "wakeup:attempts = %d is less than 1: one call is placed", w.attempts);
+    if (w.retry_interval < 1)
+        LOG(L_WARNING, "wakeup:retry_interval = %d is less than 1: 1 s is used", w.retry_interval);
+    if (w.ring_time < 5 || w.ring_time > 300)
+        LOG(L_WARNING, "wakeup:ring_time = %d is outside 5-300: %d s is used", w.ring_time,
+            w.ring_time < 5 ? 5 : 300);
+    if (cfg.wakeup_result)
+        LOG(L_WARNING,
+            "services:wakeup_result is set together with wakeup:call = yes: the PMS gets wake-up "
+            "results (\"WA\") from both");
+    if (w.alert) {
+        const service_string a = split_service(*w.alert);
+        if (!a.has_statement)
+            LOG(L_WARNING, "wakeup:alert = \"%s\" has no \":\": it is never run", w.alert->c_str());
+        else if (a.driver != "ami" && !find_dbdriver_in(cfg.dbdrivers, a.driver.c_str()))
+            LOG(L_WARNING, "wakeup:alert names the database \"%s\", which no section defines",
+                a.driver.c_str());
+    }
+}
+
 }  // namespace
 
 namespace {
@@ -187,6 +223,7 @@ void check_configuration(const config& cfg) {
     warn_service_strings(cfg);
     warn_extensions(cfg);
     warn_posting(cfg);
+    warn_wakeup(cfg);
 }
 
 namespace {

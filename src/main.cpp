@@ -128,6 +128,7 @@ class daemon_process {
     states_file* states = nullptr;
     notifier* notify = nullptr;
     record_dispatcher* records = nullptr;
+    wakeup_dialer* wakeup = nullptr;
     // The corrections in force for the whole run, from the first load.
     fixes_settings start_fixes;
     stop_flag stop;  // billing
@@ -173,6 +174,11 @@ class daemon_process {
         v.calls_waiting = std::max(0, states->calls_waiting());
         v.oldest_waiting_call_age = std::max(0, states->oldest_waiting_call_age());
         v.actions_queued = std::max(0, states->actions_queued());
+        if (wakeup) {
+            const wakeup_dialer::counts_t c = wakeup->counts();
+            v.wakeup_bookings = c.bookings;
+            v.wakeup_overdue = c.overdue;
+        }
         return v;
     }
 
@@ -180,7 +186,8 @@ class daemon_process {
     // service step sends actions.
     void start_manager(const config_ptr& cfg) {
         const bool actions = cfg->uses_actions();
-        manager_used = cfg->use_manager || actions || cfg->uses_dialcodes();
+        const bool dialer = wakeup != nullptr;
+        manager_used = cfg->use_manager || actions || cfg->uses_dialcodes() || dialer;
         if (!manager_used) return;
         // Writing to a connection that was closed must fail, not end the
         // process (the Manager session's own writes never raise the signal).
@@ -193,7 +200,7 @@ class daemon_process {
         s.events = login_events(*cfg);
         // With [fixes] private_files the secret never reaches the log.
         s.hide_secret = cfg->fixes.private_files;
-        s.actions = actions;
+        s.actions = actions || dialer;
         s.connect_timeout_s = cfg->ami_connect_timeout;
         s.login_timeout_s = cfg->ami_login_timeout;
         if (!cfg->use_manager) s.stop_prefix = "Manager session stopped";
@@ -208,6 +215,7 @@ class daemon_process {
         // [dialcodes]: minibar and room status from the room phone.
         if (cfg->uses_dialcodes() && posting && posting->sequence)
             attach_dialcodes(*session, cfg, {*link, *states, posting->audit}, *posting->sequence);
+        if (dialer) wakeup->attach(*session);
         notify->running(notify_part::capture);
         session->start();
         manager.set(std::move(session));
@@ -265,14 +273,28 @@ class daemon_process {
         if (cfg.mgr_events_set) return cfg.mgr_events;
         std::string events;
         if (!cfg.use_manager && !cfg.uses_actions())
-            events = "off";  // the session is there for the dial codes alone
+            events = "off";  // the session is there for the dial codes or the dialer alone
         else if (!cfg.uses_actions())
             events = cfg.fixes.manager_events ? "cdr" : cfg.mgr_events;
         else
             events = cfg.use_manager ? "cdr" : "off";
         // [dialcodes]: their UserEvents come with the "user" class.
-        if (cfg.uses_dialcodes()) events = events == "off" ? "user" : events + ",user";
+        if (cfg.uses_dialcodes()) events = with_classes(events, {"user"});
+        // The wake-up dialer: "call" for the outcomes of its calls, "user"
+        // for the snooze key.
+        if (cfg.wakeup.call) events = with_classes(events, {"call", "user"});
         return events;
+    }
+
+    // `events` with the classes `wanted` added (a login for "on" has them all).
+    static std::string with_classes(const std::string& events,
+                                    std::initializer_list<const char*> wanted) {
+        if (events == "on") return events;
+        std::string out = events == "off" ? "" : events;
+        for (const char* w : wanted)
+            if (("," + out + ",").find(std::string(",") + w + ",") == std::string::npos)
+                out += (out.empty() ? "" : ",") + std::string(w);
+        return out.empty() ? "off" : out;
     }
 
     static pms_link::options link_options(const config& cfg) {
@@ -307,6 +329,7 @@ class daemon_process {
         notify->finish();
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
         bool joined = billing.join_until(deadline);
+        if (wakeup) joined = wakeup->stop(deadline) && joined;
         joined = stop_manager(deadline) && joined;
         joined = records->stop(deadline) && joined;
         link->drop();
@@ -448,9 +471,13 @@ int main(int argc, char** argv) {
     posting_sequence sequence;
     if (cfg->uses_outbox())
         sequence.last = static_cast<unsigned>(std::max(0L, states.last_posting_number()));
-    record_dispatcher records(
-        {configs, link, states, sync, audit, extensions, state.manager, sequence},
-        state.start_fixes.ordered_records);
+    // Wake-up calls placed by the daemon, when configured at start.
+    wakeup_dialer dialer({configs, link, states, audit, notify, state.manager});
+    if (cfg->wakeup.call) state.wakeup = &dialer;
+    record_parts handler_parts{configs, link,       states,        sync,
+                               audit,   extensions, state.manager, sequence};
+    handler_parts.wakeup = state.wakeup;
+    record_dispatcher records(handler_parts, state.start_fixes.ordered_records);
     state.records = &records;
     notify.start(link, states, cfg->use_manager);
     state.connect_pms();
@@ -459,6 +486,7 @@ int main(int argc, char** argv) {
     state.posting = &billing;
     state.billing.start([&] { service_background(configs, billing, state.stop); });
     state.start_manager(cfg);
+    if (state.wakeup) dialer.start();
     metrics::set_now_values([&state] { return state.now(); });
     metrics::config_problems(logger_problem_count());
     state.apply_status(*cfg);

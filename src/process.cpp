@@ -56,3 +56,20 @@ std::chrono::milliseconds manager_retry_period() {
         from_environment("ORLANBECK_TEST_MANAGER_RETRY_MS", std::chrono::seconds(60));
     return period;
 }
+
+std::chrono::seconds test_clock_offset() {
+    static const auto offset = [] {
+        const char* text = std::getenv("ORLANBECK_TEST_CLOCK_OFFSET_S");
+        if (!text || !*text) return std::chrono::seconds(0);
+        char* end = nullptr;
+        const long long s = std::strtoll(text, &end, 10);
+        return *end ? std::chrono::seconds(0) : std::chrono::seconds(s);
+    }();
+    return offset;
+}
+
+std::chrono::milliseconds wakeup_minute() {
+    static const auto minute =
+        from_environment("ORLANBECK_TEST_WAKEUP_MINUTE_MS", std::chrono::minutes(1));
+    return minute;
+}

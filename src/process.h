@@ -30,3 +30,9 @@ std::chrono::milliseconds billing_wedge_after();
 // again, when service steps send actions (60 s; ORLANBECK_TEST_MANAGER_RETRY_MS
 // for tests).
 std::chrono::milliseconds manager_retry_period();
+
+// The wake-up dialer's clock: the system's, moved by
+// ORLANBECK_TEST_CLOCK_OFFSET_S seconds (either sign) for tests; and its
+// minute (a snooze's unit): 60 s, ORLANBECK_TEST_WAKEUP_MINUTE_MS for tests.
+std::chrono::seconds test_clock_offset();
+std::chrono::milliseconds wakeup_minute();

@@ -16,7 +16,7 @@ ops
 mgr rooms config_check
 steps
 guest billing
-dialcodes
+dialcodes wakeup
 handlers
 main"
 rank_of() {

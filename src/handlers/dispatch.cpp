@@ -17,7 +17,7 @@ namespace {
 bool record_known(const config& cfg, int code) {
     switch (code) {
         case FIAS_GC:
-            return cfg.guest_change || cfg.room_move;
+            return cfg.guest_change || cfg.room_move || cfg.wakeup.call;
         case FIAS_DS:
         case FIAS_DE:
             return cfg.resync;
@@ -47,6 +47,43 @@ fias_field_set announced_fields(const config& cfg) {
     if (cfg.dialcodes.minibar_event) out |= fias_field_minibar;
     if (cfg.dialcodes.maid_event) out |= fias_field_maid;
     return out;
+}
+
+// The text of field `name` of a record as it came (for values whose parsed
+// form depends on [fixes]); "" when absent.
+std::string raw_field(const std::string& data, const char* name) {
+    for (size_t bar = data.find('|'); bar != std::string::npos; bar = data.find('|', bar + 1)) {
+        if (data.compare(bar + 1, 2, name) != 0) continue;
+        const size_t from = bar + 3;
+        const size_t to = data.find_first_of("|\x03", from);
+        return data.substr(from, to == std::string::npos ? std::string::npos : to - from);
+    }
+    return "";
+}
+
+// The dialer's part of a record ([wakeup] call): bookings, cancellations,
+// check-outs and room moves.
+void tell_dialer(wakeup_dialer& dialer, fias_packet_t& p, const std::string& data) {
+    const std::string room = field_text(fias_get_field(&p, "RN"));
+    if (room.empty()) return;
+    switch (p.packet_code) {
+        case FIAS_WR:
+            dialer.book(room, raw_field(data, "DA"), raw_field(data, "TI"));
+            break;
+        case FIAS_WC:
+            dialer.cancel(room, raw_field(data, "DA"), raw_field(data, "TI"));
+            break;
+        case FIAS_GO:
+            dialer.check_out(room);
+            break;
+        case FIAS_GC: {
+            const std::string old = field_text(fias_get_field(&p, "RO"));
+            if (!old.empty() && old != room) dialer.move(old, room);
+            break;
+        }
+        default:
+            break;
+    }
 }
 
 // The PMS starts the link: answer with our description and "LA". A night
@@ -155,6 +192,7 @@ void record_dispatcher::process_fias_packet(const std::string& data) const {
     if (fill_options_of(*cfg).escape && cfg->pmsencoding)
         for (fias_field_t& f : p->fields)
             if (f.value && f.value->str) f.value->str = to_utf8(*f.value->str, *cfg->pmsencoding);
+    if (cfg->wakeup.call && parts_.wakeup) tell_dialer(*parts_.wakeup, *p, data);
     for (const handler_entry& e : handlers) {
         if (e.code != p->packet_code) continue;
         const fias_field_t* rn = fias_get_field(p.get(), "RN");

@@ -35,6 +35,7 @@
 #include "owned_thread.h"
 #include "states/states.h"
 #include "thread_annotations.h"
+#include "wakeup/dialer.h"
 
 // The process's objects that the handlers work with.
 struct record_parts {
@@ -47,6 +48,7 @@ struct record_parts {
     const mgr_session_slot& manager;
     posting_sequence& sequence;              // the process's posting numbers
     resync::room_runner for_room = nullptr;  // set by the dispatcher
+    wakeup_dialer* wakeup = nullptr;         // told of wake-up records, check-outs and moves
 };
 
 struct record_context;

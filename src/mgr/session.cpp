@@ -52,12 +52,30 @@ void mgr_session::subscribe(const std::string& event, std::function<void(const m
     handlers_[lower(event)].push_back(std::move(handler));
 }
 
+void mgr_session::subscribe_answers(const std::string& prefix,
+                                    std::function<void(const message&)> handler) {
+    answer_handlers_.emplace_back(prefix, std::move(handler));
+}
+
+bool mgr_session::send_now(const std::string& name, const std::string& action_id,
+                           const headers& fields) {
+    std::string text = "Action: " + name + "\r\nActionID: " + action_id + "\r\n";
+    for (const auto& [header, value] : fields) text += header + ": " + value + "\r\n";
+    text += "\r\n";
+    mutex_lock guard(mutex_);
+    return fd_ >= 0 && __mgr_write(fd_, text.data(), text.size(), write_wait_ms) == 0;
+}
+
 void mgr_session::before_start(std::function<bool(std::string&)> hook) {
     before_start_ = std::move(hook);
 }
 
 void mgr_session::before_wait(std::function<void()> hook) {
     before_wait_ = std::move(hook);
+}
+
+void mgr_session::after_login(std::function<void()> hook) {
+    after_login_ = std::move(hook);
 }
 
 void mgr_session::start() {
@@ -115,15 +133,19 @@ mgr_message_kind classify_message(const message& m) {
     mgr_message_kind k;
     const char* response = mgr_get_header(m, "Response");
     const char* action_id = mgr_get_header(m, "ActionID");
+    // An event may carry an ActionID and a Response of its own
+    // (OriginateResponse): it is an event all the same.
+    k.name = lower(mgr_get_header(m, "Event"));
+    if (!k.name.empty()) {
+        k.kind = mgr_message_kind::event;
+        return k;
+    }
     if (*response && strncmp(action_id, action_id_prefix, strlen(action_id_prefix)) == 0) {
         char* end = nullptr;
         k.action = strtol(action_id + strlen(action_id_prefix), &end, 10);
         if (k.action > 0 && *end == '\0') k.kind = mgr_message_kind::answer;
         return k;
     }
-    if (*response) return k;
-    k.name = lower(mgr_get_header(m, "Event"));
-    if (!k.name.empty()) k.kind = mgr_message_kind::event;
     return k;
 }
 
@@ -244,11 +266,17 @@ void mgr_session::run() {
                     LOG(L_DEBUG, "%s got: %s", addr, shown_header(msg->headers[i]).c_str());
             if (s->connected != 0) {
                 if (deliver(*msg)) continue;
-                if (const char* event = mgr_get_header(*msg, "Event"); *event)
-                    metrics::manager_event(event);
-                auto handler = handlers_.find(classify_message(*msg).name);
-                if (handler != handlers_.end())
-                    for (const auto& h : handler->second) h(*msg);
+                const mgr_message_kind k = classify_message(*msg);
+                if (k.kind == mgr_message_kind::event) {
+                    metrics::manager_event(mgr_get_header(*msg, "Event"));
+                    auto handlers = handlers_.find(k.name);
+                    if (handlers != handlers_.end())
+                        for (const auto& handler : handlers->second) handler(*msg);
+                    continue;
+                }
+                const char* id = mgr_get_header(*msg, "ActionID");
+                for (const auto& [prefix, handler] : answer_handlers_)
+                    if (strncmp(id, prefix.c_str(), prefix.size()) == 0) handler(*msg);
             } else {
                 const char* text = mgr_get_header(*msg, "Message");
                 if (strcmp(text, "Authentication accepted") == 0) {
@@ -256,6 +284,7 @@ void mgr_session::run() {
                     s->answer_by = {};
                     LOG(L_DEBUG, "%s: connected successfully!", addr);
                     logged_in(*s, addr);
+                    if (after_login_) after_login_();
                 } else if (strcmp(text, "Authentication failed") == 0) {
                     s->connected = -1;
                     s->answer_by = {};

@@ -77,14 +77,19 @@ class mgr_session {
     mgr_session& operator=(const mgr_session&) = delete;
 
     // Before start(): `handler` gets every event named `event` (any case);
-    // several handlers of one event run in the order they subscribed.
+    // several handlers of one event each get it, in the order subscribed.
     void subscribe(const std::string& event, std::function<void(const message&)> handler);
+    // Before start(): `handler` gets every answer whose ActionID starts with
+    // `prefix` (answers to send_now()).
+    void subscribe_answers(const std::string& prefix, std::function<void(const message&)> handler);
     // Before start(): runs first in the reader thread; false ends the session
     // (with `why` in STATUS).
     void before_start(std::function<bool(std::string& why)> hook);
     // Before start(): runs whenever the reader is about to wait for the
     // Manager, and when the connection was lost.
     void before_wait(std::function<void()> hook);
+    // Before start(): runs in the reader thread after each accepted login.
+    void after_login(std::function<void()> hook);
 
     void start();
     // Ends the reader thread; true when it ended before `deadline`.
@@ -99,6 +104,12 @@ class mgr_session {
     // Sends `action` with `fields` for `room` and waits for its answer.
     answer action(const std::string& room, const std::string& action, const headers& fields,
                   std::chrono::milliseconds timeout);
+
+    // Writes `action` with `fields` and the ActionID `action_id` at once,
+    // without the queue and without waiting for its answer; false when the
+    // session is not logged in or the write failed. For actions that are
+    // worth nothing later (a call placed now).
+    bool send_now(const std::string& action, const std::string& action_id, const headers& fields);
 
   private:
     struct waiter {
@@ -116,10 +127,12 @@ class mgr_session {
     const settings settings_;
     states_file& states_;
     notifier& notify_;
-    // By lower-case name.
+    // by lower-case name
     std::map<std::string, std::vector<std::function<void(const message&)>>> handlers_;
+    std::vector<std::pair<std::string, std::function<void(const message&)>>> answer_handlers_;
     std::function<bool(std::string&)> before_start_;
     std::function<void()> before_wait_;
+    std::function<void()> after_login_;
     stop_flag stop_;
     owned_thread thread_;
 

@@ -69,6 +69,7 @@ std::string notifier::compose_status() {
         text = "Starting";
     if (calls >= 0)
         text += ", " + std::to_string(calls) + (calls == 1 ? " call" : " calls") + " waiting";
+    if (const int w = wakeups_.load(); w >= 0) text += ", wake-ups waiting: " + std::to_string(w);
     if (!last_record_.empty()) text += ", last record " + last_record_;
     for (const std::string& why : stopped_)
         if (!why.empty()) text += "; " + why;

@@ -70,6 +70,8 @@ class notifier {
     void pms_connect(const std::string& host, int port, bool ok);
     void manager(bool manager);
     void record(const char* record);
+    // The wake-up bookings not yet ended ([wakeup] call; -1: no count shown).
+    void wakeups(int waiting) { wakeups_ = waiting; }
 
   private:
     static constexpr int part_count = 3;
@@ -85,6 +87,7 @@ class notifier {
     std::atomic<int64_t> beat_[part_count] = {};
     std::atomic<bool> waiting_[part_count] = {};
     std::atomic<bool> manager_{false};
+    std::atomic<int> wakeups_{-1};
 
     annotated_mutex mutex_;
     std::string stopped_[part_count] GUARDED_BY(mutex_);

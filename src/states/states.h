@@ -218,6 +218,29 @@ class states_file {
     };
     int mark_cached(const std::string& room, const std::vector<cache_mark>& marks);
 
+    // --- wake-up bookings -------------------------------------------------------
+    // The wake-up calls the daemon places ([wakeup] call), kept across
+    // restarts on the connection that no operation closes. Any thread may
+    // call; -1 when the file cannot be written.
+    struct wakeup_booking {
+        long id = 0;  // 0 until stored; the call's WAKEUP_ID
+        std::string room;
+        std::string date;  // "DA" and "TI" as the PMS sent them ("" when absent)
+        std::string time;
+        long due = 0;            // the booked moment (seconds since the epoch)
+        long next = 0;           // when the dialer acts on it next
+        int attempt = 0;         // calls placed since the booking or its last snooze
+        int state = 0;           // the dialer's (waiting, ringing, answered)
+        int last = 0;            // the outcome of the last call
+        bool all_failed = true;  // no call could be created so far
+        long answered = 0;       // when the last answered call was answered
+    };
+    // Stores new bookings (id 0: given their id) and changed ones together.
+    int wakeup_save(std::vector<wakeup_booking*>& bookings);
+    int wakeup_remove(long id);
+    // Every booking, by id.
+    int wakeup_bookings(std::vector<wakeup_booking>& out);
+
     // Closes the connections whose lock is free (the process ends).
     void close_idle();
 
@@ -244,6 +267,8 @@ class states_file {
     bool open_actions() REQUIRES(occupancy_);
     bool open_outbox() REQUIRES(occupancy_);
     bool outbox_checked_ GUARDED_BY(occupancy_) = false;
+    bool open_wakeups() REQUIRES(occupancy_);
+    bool wakeups_checked_ GUARDED_BY(occupancy_) = false;
     unsigned outbox_warned_ GUARDED_BY(occupancy_) = 0;  // the link last warned about
     int read_outbox(const std::string& where, std::vector<outbox_entry>& out);
     bool connect_own() REQUIRES(occupancy_);

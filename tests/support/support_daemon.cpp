@@ -47,6 +47,15 @@ void daemon_run::use_manager() {
         .set("services", "cdr_mgr_events", "cdr");
 }
 
+void daemon_run::use_wakeup() {
+    manager_ = mgr.start();
+    set("services", "cdr_mgr_host", "127.0.0.1")
+        .set("services", "cdr_mgr_port", std::to_string(mgr.port()))
+        .set("services", "cdr_mgr_user", "orlanbeck")
+        .set("services", "cdr_mgr_password", "secret")
+        .set("wakeup", "call", "yes");
+}
+
 void daemon_run::use_log_templates() {
     sqlite_exec(pbx_file(), "create table log (what text, exten text, a text, b text, c text)");
     for (const char* key : {"checkin", "checkout", "bareon", "bareoff", "dndon", "dndoff",

@@ -47,6 +47,9 @@ class daemon_run {
     void write_config() const;
     // Starts the Manager simulator and has the daemon cache its calls.
     void use_manager();
+    // Starts the Manager simulator and has the daemon place wake-up calls
+    // through it ([wakeup] call, no call capture).
+    void use_wakeup();
     // Guest templates (checkin, checkout, bareon, bareoff, dndon, dndoff,
     // wakeup_set, wakeup_clear) that insert into the PBX table `log`.
     void use_log_templates();

@@ -61,9 +61,9 @@ std::string now_text() {
     return buf;
 }
 
-// Whether a login's "Events:" value asks for event class `cls` (absent:
-// every event class).
-bool wants_class(const std::string* events, const char* cls) {
+// Whether a login's "Events:" value (absent: every event class) asks for
+// the class `wanted`.
+bool wants_class(const std::string* events, const char* wanted) {
     if (!events) return true;
     std::string v = lower(trim(*events));
     if (v == "on" || v == "yes" || v == "true" || v == "all") return true;
@@ -71,10 +71,18 @@ bool wants_class(const std::string* events, const char* cls) {
     while (pos <= v.size()) {
         size_t comma = v.find(',', pos);
         if (comma == std::string::npos) comma = v.size();
-        if (trim(v.substr(pos, comma - pos)) == cls) return true;
+        if (trim(v.substr(pos, comma - pos)) == wanted) return true;
         pos = comma + 1;
     }
     return false;
+}
+
+// The extension an Originate's channel names ("PJSIP/2101" -> "2101",
+// "Local/2101@phones" -> "2101").
+std::string channel_extension(const std::string& channel) {
+    const size_t slash = channel.find('/');
+    std::string rest = slash == std::string::npos ? channel : channel.substr(slash + 1);
+    return rest.substr(0, rest.find('@'));
 }
 
 // \r \n \t \\ (and \<any> as that character) of a script text.
@@ -273,7 +281,7 @@ void mgr_sim::serve() {
                 polled.push_back(s);
             }
         }
-        int n = poll(fds.data(), fds.size(), -1);
+        int n = poll(fds.data(), fds.size(), poll_timeout_ms());
         if (n < 0) {
             if (errno == EINTR) continue;
             return;
@@ -284,6 +292,8 @@ void mgr_sim::serve() {
             (void)r;
         }
         if (stop_) return;
+        send_due_events();
+        if (n == 0) continue;
         if (fds[1].revents & POLLIN) accept_one();
         for (size_t i = 0; i < polled.size(); ++i)
             if (fds[i + 2].revents) on_readable(polled[i]);
@@ -393,6 +403,7 @@ void mgr_sim::on_action(const session_ptr& s, const std::string& block) {
                 // event sent by another thread can only follow the answer.
                 mutex_lock w(s->write_mutex);
                 s->cdr_wanted = wants_class(find("events"), "cdr");
+                s->call_wanted = wants_class(find("events"), "call");
                 s->user_wanted = wants_class(find("events"), "user");
                 s->authenticated = true;
                 send_locked(s, "Response: Success\r\n" + action_id + answer_accepted, nullptr);
@@ -425,7 +436,83 @@ void mgr_sim::on_action(const session_ptr& s, const std::string& block) {
         changed_.notify_all();
         const std::string answer = answer_action(act, action_id, hdrs);
         if (!answer.empty()) send_to(s, answer);
+        if (act == "originate" && answer.find("Response: Success") == 0)
+            schedule_originate_response(id ? *id : "", hdrs);
     }
+}
+
+void mgr_sim::schedule_originate_response(
+    const std::string& action_id, const std::vector<std::pair<std::string, std::string>>& hdrs) {
+    auto get = [&](const char* name) {
+        for (const auto& h : hdrs)
+            if (h.first == name) return h.second;
+        return std::string();
+    };
+    const std::string channel = get("channel");
+    originate_outcome outcome;
+    {
+        mutex_lock g(mutex_);
+        auto it = originate_outcomes_.find(channel_extension(channel));
+        if (it != originate_outcomes_.end()) outcome = it->second;
+    }
+    if (outcome.kind == originate_outcome::silent) return;
+    // As a stock Asterisk reports it (see the header).
+    const bool answered = outcome.kind == originate_outcome::answer;
+    const char* reason = answered                                       ? "4"
+                         : outcome.kind == originate_outcome::busy      ? "5"
+                         : outcome.kind == originate_outcome::no_answer ? "3"
+                                                                        : "0";
+    const long n = ++unique_counter_;
+    const std::string caller = get("callerid");
+    const std::string text =
+        "Event: OriginateResponse\r\nPrivilege: call,all\r\nActionID: " + action_id +
+        "\r\nResponse: " + (answered ? "Success" : "Failure") +
+        "\r\nChannel: " + (answered ? channel + "-" + std::to_string(n) : channel) +
+        "\r\nContext: " + get("context") + "\r\nExten: " + get("exten") + "\r\nReason: " + reason +
+        "\r\nUniqueid: " +
+        (outcome.kind == originate_outcome::no_channel ? std::string("<unknown>")
+                                                       : "1795547467." + std::to_string(n)) +
+        "\r\nCallerIDNum: <unknown>\r\nCallerIDName: " + (caller.empty() ? "<unknown>" : caller) +
+        "\r\n\r\n";
+    {
+        mutex_lock g(mutex_);
+        delayed_.push_back({std::chrono::steady_clock::now() + outcome.delay, text});
+    }
+    wake();
+}
+
+void mgr_sim::set_originate(const std::string& extension, originate_outcome outcome) {
+    mutex_lock g(mutex_);
+    originate_outcomes_[extension] = outcome;
+}
+
+void mgr_sim::send_due_events() {
+    std::vector<std::string> due;
+    {
+        mutex_lock g(mutex_);
+        const auto now = std::chrono::steady_clock::now();
+        for (auto it = delayed_.begin(); it != delayed_.end();) {
+            if (it->first > now) {
+                ++it;
+                continue;
+            }
+            due.push_back(std::move(it->second));
+            it = delayed_.erase(it);
+        }
+    }
+    for (const std::string& text : due)
+        for (const session_ptr& s : snapshot(false))
+            if (s->authenticated && (!opts_.filter || s->call_wanted)) send_to(s, text);
+}
+
+int mgr_sim::poll_timeout_ms() const {
+    mutex_lock g(mutex_);
+    if (delayed_.empty()) return -1;
+    auto first = delayed_.front().first;
+    for (const auto& d : delayed_) first = std::min(first, d.first);
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        first - std::chrono::steady_clock::now());
+    return static_cast<int>(std::max<long>(0, left.count() + 1));
 }
 
 std::string mgr_sim::answer_action(const std::string& act, const std::string& action_id,
@@ -480,6 +567,7 @@ std::string mgr_sim::answer_action(const std::string& act, const std::string& ac
         return answer("Success", "Key tree deleted successfully");
     }
     if (act == "mwiupdate") return answer("Success", "");
+    if (act == "originate") return answer("Success", "Originate successfully queued");
     return answer("Error", "Invalid/unknown command");
 }
 
@@ -808,6 +896,21 @@ int mgr_sim::run_line(const std::string& line, std::string* error) {
         double secs = w.size() == 2 ? strtod(w[1].c_str(), &end) : -1;
         if (w.size() != 2 || *end || secs < 0) return fail("sleep needs seconds");
         std::this_thread::sleep_for(std::chrono::milliseconds(static_cast<long>(secs * 1000)));
+        return 0;
+    }
+    if (cmd == "originate") {
+        // originate EXTEN answer|busy|noanswer|nochannel|silent [DELAY_MS]
+        static const std::map<std::string, originate_outcome::kind_t> kinds = {
+            {"answer", originate_outcome::answer},
+            {"busy", originate_outcome::busy},
+            {"noanswer", originate_outcome::no_answer},
+            {"nochannel", originate_outcome::no_channel},
+            {"silent", originate_outcome::silent}};
+        long delay = 100;
+        if (w.size() < 3 || !kinds.count(lower(w[2])) ||
+            (w.size() > 3 && (!parse_int(w[3], &delay) || delay < 0)))
+            return fail("originate needs EXTEN answer|busy|noanswer|nochannel|silent [DELAY_MS]");
+        set_originate(w[1], {kinds.at(lower(w[2])), std::chrono::milliseconds(delay)});
         return 0;
     }
     if (cmd == "quit") return 1;

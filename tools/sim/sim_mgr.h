@@ -30,6 +30,12 @@
 //    all), a list holding "cdr", or no Events header at all, as the exchange
 //    does. The default login of the daemon ("Events: call") gets none unless
 //    the filter is switched off.
+//  - Originate is answered "Success", "Originate successfully queued"; its
+//    OriginateResponse follows after the delay chosen for the channel's
+//    extension, with the Response and Reason of a stock Asterisk (answer: 4,
+//    busy: 5, no answer: 3, no channel: 0 and Uniqueid "<unknown>"), to every
+//    session whose login asked for the "call" class; "silent" sends none.
+//    UserEvents go to the sessions that asked for "user" (the filter on).
 //  - Raw text goes to every open session, logged in or not.
 //  - A session counts as logged in from the moment its answer is written:
 //    an event sent once wait_logins() saw the login (or once the client read
@@ -61,6 +67,8 @@
 //    error ACTION off          answered as usual again.
 //    silent ACTION on|off      ACTION gets no answer (or gets one again).
 //    dbput FAMILY KEY VALUE    a key in the simulated database.
+//    originate EXTEN answer|busy|noanswer|nochannel|silent [DELAY_MS]
+//                     how an Originate to EXTEN ends (default: answered after 100 ms).
 //    wait-login [N] [SECONDS]  waits until N logins (default 1) have been
 //                         accepted in total (default 10 s).
 //    sleep SECONDS    pauses (fractions allowed).
@@ -113,6 +121,12 @@ struct mgr_action {
     std::string get(const std::string& name) const;
 };
 
+// How an Originate to one extension ends, and after how long.
+struct originate_outcome {
+    enum kind_t { answer, busy, no_answer, no_channel, silent } kind = answer;
+    std::chrono::milliseconds delay{100};
+};
+
 struct mgr_sim_options {
     int port = 0;         // 0: pick a free port
     bool refuse = false;  // refuse every login
@@ -153,6 +167,8 @@ class mgr_sim {
     // the "user" class (or every class) while the filter is on.
     int send_user_event(const std::string& name,
                         const std::vector<std::pair<std::string, std::string>>& headers);
+    // How Originates to `extension` end from now on.
+    void set_originate(const std::string& extension, originate_outcome outcome);
     // Closes every open connection (the server keeps listening).
     void drop();
 
@@ -188,6 +204,7 @@ class mgr_sim {
         annotated_mutex write_mutex;  // one writer of fd at a time
         std::atomic<bool> authenticated{false};
         std::atomic<bool> cdr_wanted{true};
+        std::atomic<bool> call_wanted{true};
         std::atomic<bool> user_wanted{true};
         std::atomic<bool> closed{false};
         ~session();
@@ -206,6 +223,10 @@ class mgr_sim {
     bool send_locked(const session_ptr& s, const std::string& text, const char* what)
         REQUIRES(s->write_mutex);
     std::vector<session_ptr> snapshot(bool cdr_only) const;
+    void schedule_originate_response(const std::string& action_id,
+                                     const std::vector<std::pair<std::string, std::string>>& hdrs);
+    void send_due_events();
+    int poll_timeout_ms() const;
     void note(int id, const char* dir, const std::string& text);
     void wake();
 
@@ -229,6 +250,10 @@ class mgr_sim {
     std::vector<mgr_action> actions_ GUARDED_BY(mutex_);
     std::map<std::string, std::string> action_errors_ GUARDED_BY(mutex_);  // by lower-case name
     std::set<std::string> silent_actions_ GUARDED_BY(mutex_);
+    std::map<std::string, originate_outcome> originate_outcomes_ GUARDED_BY(mutex_);
+    // Events to be sent later (OriginateResponse), by when.
+    std::vector<std::pair<std::chrono::steady_clock::time_point, std::string>> delayed_
+        GUARDED_BY(mutex_);
     std::map<std::pair<std::string, std::string>, std::string> db_ GUARDED_BY(mutex_);
     annotated_mutex transcript_mutex_;  // one opts_.transcript call at a time
     std::atomic<long> unique_counter_{0};
