@@ -15,13 +15,13 @@ jobs=$(nproc 2>/dev/null || echo 2)
 bash scripts/setup.sh
 cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DORLANBECK_TESTS=OFF \
       -DORLANBECK_BENCH=ON >/dev/null
-cmake --build build-bench -j"$jobs" --target orlanbeck fias_bench logger_bench mgr_bench billing_bench actions_bench calls_bench >/dev/null
+cmake --build build-bench -j"$jobs" --target orlanbeck fias_bench logger_bench mgr_bench billing_bench actions_bench calls_bench wakeup_bench >/dev/null
 
 out=build-bench/results
 rm -rf "$out"
 mkdir -p "$out"
 for run in $(seq 1 "$runs"); do
-  for b in fias_bench logger_bench mgr_bench billing_bench actions_bench calls_bench; do
+  for b in fias_bench logger_bench mgr_bench billing_bench actions_bench calls_bench wakeup_bench; do
     echo "bench: $b, run $run of $runs" >&2
     "build-bench/bench/$b" --benchmark_out="$out/$b.$run.csv" --benchmark_out_format=csv \
       >/dev/null 2>"$out/$b.$run.log" || echo "bench: $b failed (see $out/$b.$run.log)" >&2
@@ -45,6 +45,7 @@ BM_ReaderToRoomTest/level:5/|  the same at log_level 5, 2,000 rooms logged per e
 BM_ResyncWithActionSteps|resync of 2,000 rooms, three Manager actions per check-in ([fixes] ordered_records)|real|1|ms|min|< 5000 ms
 BM_ImmediatePosting/20/|[posting] immediate: Cdr event to its "PS" on the wire, 1,000 calls over 20 s, p99|p99_ms|1|ms|min|< 1000 ms (goal < 100 ms)
 BM_ImmediatePosting/20/|  the same, median (for information)|p50_ms|1|ms|min|-
+BM_WakeupsForOneSecond|500 wake-up calls booked for one second: the last Originate after the booked second|real|1|ms|min|< 2000 ms
 BM_ParseGuestCheckin|parse a "GI" record|cpu|1|ns|min|< 100 ns
 BM_ParsePosting|parse a "PS" record|cpu|1|ns|min|< 150 ns
 BM_LogLineToFile/|a log line written to the file|cpu|1|ns|min|< 2000 ns

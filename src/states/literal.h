@@ -15,5 +15,10 @@ inline std::string sqlite_escaped(std::string_view text) {
 
 // `text` between quotes, escaped.
 inline std::string quoted(std::string_view text) {
-    return "'" + sqlite_escaped(text) + "'";
+    std::string out;
+    out.reserve(text.size() + 2);
+    out.push_back('\'');
+    for (char c : text) out.append(c == '\'' ? 2 : 1, c);
+    out.push_back('\'');
+    return out;
 }

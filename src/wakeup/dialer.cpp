@@ -490,7 +490,7 @@ void wakeup_dialer::run_alert(const ended& e, const config& cfg) {
     if (drv->is_connected()) drv->reconnect();
     const std::string statement =
         fill(alert.substr(colon + 1),
-             [&](const std::string& v) REQUIRES(*drv) { return drv->dbhandle->escape(v); });
+             [&](const std::string& v) { return drv->dbhandle->escape(v); });
     LOG(L_NOTICE, "Wake-up alert for room %s: %s", e.b.room.c_str(), statement.c_str());
     drv->query(statement.c_str());
 }
