@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -97,11 +98,18 @@ TEST(Status, MetricsAndHealthFollowPostingsAndTheLink) {
             << scrape;
     }
 
+    // A reload that changes the address moves the endpoint.
+    const int moved = pick_free_port();
+    run.set("status", "listen", "127.0.0.1:" + std::to_string(moved)).write_config();
+    run.process().signal(SIGHUP);
+    ASSERT_TRUE(wait_until([&] { return http_get(moved, "/health").first == 200; })) << run.log();
+    EXPECT_EQ(0, http_get(port, "/health").first);
+
     // Only the address named is listened on.
     const int other = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in sin{};
     sin.sin_family = AF_INET;
-    sin.sin_port = htons(static_cast<uint16_t>(port));
+    sin.sin_port = htons(static_cast<uint16_t>(moved));
     inet_pton(AF_INET, "127.0.0.2", &sin.sin_addr);
     EXPECT_NE(0, connect(other, reinterpret_cast<sockaddr*>(&sin), sizeof sin));
     close(other);
