@@ -25,18 +25,6 @@ namespace {
 constexpr int kRooms = 2000;
 constexpr int kStepsPerRoom = 3;
 
-pid_t start_daemon(const std::string& config) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        freopen("/dev/null", "w", stdout);
-        freopen("/dev/null", "w", stderr);
-        execl(ORLANBECK_BINARY, ORLANBECK_BINARY, "-f", "-c", config.c_str(),
-              static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    return pid;
-}
-
 void BM_ResyncWithActionSteps(benchmark::State& state) {
     const std::string dir = work_dir() + "/resync";
     mkdir(dir.c_str(), 0700);
@@ -61,7 +49,7 @@ void BM_ResyncWithActionSteps(benchmark::State& state) {
         << "checkin.3 = ami:DBDel|Family=HOTEL/%exten%|Key=dnd\n";
     const size_t total = static_cast<size_t>(kRooms) * kStepsPerRoom;
     for (auto _ : state) {
-        const pid_t daemon = start_daemon(dir + "/orlanbeck.conf");
+        const pid_t daemon = start_daemon(ORLANBECK_BINARY, dir + "/orlanbeck.conf");
         const bool linked = pms.wait_link_active(std::chrono::seconds(30));
         const auto from = std::chrono::steady_clock::now();
         const bool done = linked && mgr.wait_actions(total, std::chrono::seconds(120));

@@ -4,6 +4,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -12,6 +14,19 @@
 
 #include "db/sqlite.h"
 #include "logger.h"
+
+// The daemon's binary `binary` in the foreground on `config`, its output
+// discarded; its pid.
+inline pid_t start_daemon(const char* binary, const std::string& config) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        freopen("/dev/null", "w", stdout);
+        freopen("/dev/null", "w", stderr);
+        execl(binary, binary, "-f", "-c", config.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    return pid;
+}
 
 // A fresh folder under $TMPDIR (or /tmp), made on first use.
 inline std::string work_dir() {

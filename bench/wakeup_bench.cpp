@@ -25,18 +25,6 @@ namespace {
 
 constexpr int kRooms = 500;
 
-pid_t start_daemon(const std::string& config) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        freopen("/dev/null", "w", stdout);
-        freopen("/dev/null", "w", stderr);
-        execl(ORLANBECK_BINARY, ORLANBECK_BINARY, "-f", "-c", config.c_str(),
-              static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    return pid;
-}
-
 size_t originates(const mgr_sim& mgr) {
     size_t n = 0;
     for (const mgr_action& a : mgr.actions()) n += a.get("Action") == "Originate";
@@ -60,7 +48,7 @@ void BM_WakeupsForOneSecond(benchmark::State& state) {
         << "cdr_mgr_password = secret\n[wakeup]\ncall = yes\nattempts = 1\n";
     for (auto _ : state) {
         unlink((dir + "/states.db").c_str());
-        const pid_t daemon = start_daemon(dir + "/orlanbeck.conf");
+        const pid_t daemon = start_daemon(ORLANBECK_BINARY, dir + "/orlanbeck.conf");
         bool ok = pms.wait_link_active(std::chrono::seconds(30)) &&
                   mgr.wait_logins(1, std::chrono::seconds(30));
         // The booked second: far enough ahead for the 500 bookings to arrive.

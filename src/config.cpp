@@ -197,31 +197,6 @@ fixes_settings read_fixes(const dictionary* d) {
 }
 
 // [extensions]: "101 = 2101, 2102", one line per room.
-std::map<std::string, std::vector<std::string>> read_extensions(const dictionary* d) {
-    std::map<std::string, std::vector<std::string>> out;
-    const int n = iniparser_getsecnkeys(d, "extensions");
-    if (n <= 0) return out;
-    std::vector<const char*> names(static_cast<size_t>(n));
-    if (!iniparser_getseckeys(d, "extensions", names.data())) return out;
-    for (const char* full : names) {
-        const char* value = iniparser_getstring(d, full, "");
-        std::vector<std::string>& list = out[full + strlen("extensions:")];
-        std::string item;
-        for (const char* c = value;; ++c) {
-            if (*c == ',' || *c == '\0') {
-                const size_t b = item.find_first_not_of(" \t");
-                if (b != std::string::npos)
-                    list.push_back(item.substr(b, item.find_last_not_of(" \t") - b + 1));
-                item.clear();
-                if (*c == '\0') break;
-            } else {
-                item += *c;
-            }
-        }
-    }
-    return out;
-}
-
 // A comma-separated list, each item trimmed; empty items are left out.
 std::vector<std::string> split_list(const char* value) {
     std::vector<std::string> list;
@@ -238,6 +213,17 @@ std::vector<std::string> split_list(const char* value) {
         }
     }
     return list;
+}
+
+std::map<std::string, std::vector<std::string>> read_extensions(const dictionary* d) {
+    std::map<std::string, std::vector<std::string>> out;
+    const int n = iniparser_getsecnkeys(d, "extensions");
+    if (n <= 0) return out;
+    std::vector<const char*> names(static_cast<size_t>(n));
+    if (!iniparser_getseckeys(d, "extensions", names.data())) return out;
+    for (const char* full : names)
+        out[full + strlen("extensions:")] = split_list(iniparser_getstring(d, full, ""));
+    return out;
 }
 
 // [posting] and [dialcodes]: which calls are posted and when, and the
