@@ -34,19 +34,12 @@ struct all_metrics {
     std::shared_ptr<prometheus::Registry> registry = std::make_shared<prometheus::Registry>();
     prometheus::Registry& r = *registry;
 
-    Counter& link_starts = BuildCounter()
-                               .Name("orlanbeck_pms_link_starts_total")
-                               .Help("PMS link start-ups completed (the PMS's LA)")
-                               .Register(r)
-                               .Add({});
-    Family<Counter>& received = BuildCounter()
-                                    .Name("orlanbeck_fias_records_received_total")
-                                    .Help("Records received from the PMS, by type")
-                                    .Register(r);
-    Family<Counter>& sent = BuildCounter()
-                                .Name("orlanbeck_fias_records_sent_total")
-                                .Help("Records written to the PMS, by type")
-                                .Register(r);
+    Counter& link_starts =
+        counter("orlanbeck_pms_link_starts_total", "PMS link start-ups completed (the PMS's LA)");
+    Family<Counter>& received =
+        family("orlanbeck_fias_records_received_total", "Records received from the PMS, by type");
+    Family<Counter>& sent =
+        family("orlanbeck_fias_records_sent_total", "Records written to the PMS, by type");
     Counter& postings_sent =
         counter("orlanbeck_postings_sent_total", "Postings written to the PMS");
     Counter& postings_accepted =
@@ -57,47 +50,28 @@ struct all_metrics {
                                        "Postings sent again after their answer was lost");
     Counter& calls_cached =
         counter("orlanbeck_calls_cached_total", "Calls cached from the Manager's Cdr events");
-    Family<Counter>& calls_filtered = BuildCounter()
-                                          .Name("orlanbeck_calls_filtered_total")
-                                          .Help("Calls not posted, by reason")
-                                          .Register(r);
-    Family<Counter>& actions = BuildCounter()
-                                   .Name("orlanbeck_manager_actions_total")
-                                   .Help("Manager actions, by action and result")
-                                   .Register(r);
-    Family<Counter>& events = BuildCounter()
-                                  .Name("orlanbeck_manager_events_total")
-                                  .Help("Manager events received, by event")
-                                  .Register(r);
+    Family<Counter>& calls_filtered =
+        family("orlanbeck_calls_filtered_total", "Calls not posted, by reason");
+    Family<Counter>& actions =
+        family("orlanbeck_manager_actions_total", "Manager actions, by action and result");
+    Family<Counter>& events =
+        family("orlanbeck_manager_events_total", "Manager events received, by event");
     Counter& wakeup_calls = counter("orlanbeck_wakeup_calls_total", "Wake-up calls placed");
-    Family<Counter>& wakeup_results = BuildCounter()
-                                          .Name("orlanbeck_wakeup_results_total")
-                                          .Help("Wake-up bookings ended, by result")
-                                          .Register(r);
-    Family<Counter>& statements = BuildCounter()
-                                      .Name("orlanbeck_statements_total")
-                                      .Help("Statements run, by database section and result")
-                                      .Register(r);
+    Family<Counter>& wakeup_results =
+        family("orlanbeck_wakeup_results_total", "Wake-up bookings ended, by result");
+    Family<Counter>& statements =
+        family("orlanbeck_statements_total", "Statements run, by database section and result");
     Family<Histogram>& durations = BuildHistogram()
                                        .Name("orlanbeck_statement_duration_seconds")
                                        .Help("Time a statement took, by database section")
                                        .Register(r);
     Counter& reloads = counter("orlanbeck_reloads_total", "Configuration reloads");
-    Gauge& problems = BuildGauge()
-                          .Name("orlanbeck_config_problems")
-                          .Help("Problems the last configuration load logged")
-                          .Register(r)
-                          .Add({});
-    Gauge& build = BuildGauge()
-                       .Name("orlanbeck_build_info")
-                       .Help("The daemon's version")
-                       .Register(r)
-                       .Add({{"version", ORLANBECK_VERSION}});
-    Gauge& started = BuildGauge()
-                         .Name("orlanbeck_start_time_seconds")
-                         .Help("When the process started, in seconds since the epoch")
-                         .Register(r)
-                         .Add({});
+    Gauge& problems =
+        gauge_of("orlanbeck_config_problems", "Problems the last configuration load logged", {});
+    Gauge& build =
+        gauge_of("orlanbeck_build_info", "The daemon's version", {{"version", ORLANBECK_VERSION}});
+    Gauge& started = gauge_of("orlanbeck_start_time_seconds",
+                              "When the process started, in seconds since the epoch", {});
 
     annotated_mutex mutex;
     std::function<now_values()> now GUARDED_BY(mutex);
@@ -109,8 +83,12 @@ struct all_metrics {
                                             .count()));
     }
 
-    Counter& counter(const char* name, const char* help) {
-        return BuildCounter().Name(name).Help(help).Register(r).Add({});
+    Family<Counter>& family(const char* name, const char* help) {
+        return BuildCounter().Name(name).Help(help).Register(r);
+    }
+    Counter& counter(const char* name, const char* help) { return family(name, help).Add({}); }
+    Gauge& gauge_of(const char* name, const char* help, const prometheus::Labels& labels) {
+        return BuildGauge().Name(name).Help(help).Register(r).Add(labels);
     }
 };
 

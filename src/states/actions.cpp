@@ -90,7 +90,5 @@ int states_file::queued_actions(std::vector<queued_action>& out) {
 }
 
 int states_file::actions_queued() {
-    db_lock guard(occupancy_);
-    if (!connect_own()) return -1;
-    return sqlite_count(occupancy_, "select count(*) from actions");
+    return count_own("select count(*) from actions");
 }

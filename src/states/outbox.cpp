@@ -165,7 +165,5 @@ long states_file::last_posting_number() {
 }
 
 int states_file::postings_unanswered() {
-    db_lock guard(occupancy_);
-    if (!connect_own()) return -1;
-    return sqlite_count(occupancy_, "select count(*) from outbox where kind='PS' and waiting=1");
+    return count_own("select count(*) from outbox where kind='PS' and waiting=1");
 }

@@ -337,16 +337,18 @@ bool states_file::connect_own() {
     return true;
 }
 
-int states_file::oldest_waiting_call_age() {
+int states_file::count_own(const char* statement) {
     db_lock guard(occupancy_);
     if (!connect_own()) return -1;
-    return sqlite_count(occupancy_, oldest_waiting_statement);
+    return sqlite_count(occupancy_, statement);
+}
+
+int states_file::oldest_waiting_call_age() {
+    return count_own(oldest_waiting_statement);
 }
 
 int states_file::calls_waiting() {
-    db_lock guard(occupancy_);
-    if (!connect_own()) return -1;
-    return sqlite_count(occupancy_, waiting_statement);
+    return count_own(waiting_statement);
 }
 
 void states_file::close_idle() {

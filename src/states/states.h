@@ -258,6 +258,9 @@ class states_file {
     bool open_occupancy() REQUIRES(occupancy_);
     int read_guests(const std::string& statement, std::vector<occupant>& out);
     int run_occupancy(const std::string& statement);
+    // The first column of `statement`'s first row on the connection no
+    // operation closes; -1 when it cannot be read (nothing logged).
+    int count_own(const char* statement);
 
     std::string path_;
     dbdriver_t main_;
