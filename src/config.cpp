@@ -84,6 +84,29 @@ int read_seconds(const dictionary* d, const char* key, int def) {
     return ms > 0 ? ms : 1;
 }
 
+// A whole number in [low, high]; `def` when absent, and with a WARNING when
+// it is anything else.
+int read_int_in(const dictionary* d, const char* key, int low, int high, int def) {
+    const char* text = iniparser_getstring(d, key, nullptr);
+    if (!text) return def;
+    char* end = nullptr;
+    const long v = strtol(text, &end, 10);
+    if (end != text && *end == '\0' && v >= low && v <= high) return static_cast<int>(v);
+    LOG(L_WARNING, "%s = \"%s\" is not a whole number from %d to %d: %d used", key, text, low, high,
+        def);
+    return def;
+}
+
+// pms:plus_prefix: digits only, at most 8.
+std::string read_plus_prefix(const dictionary* d) {
+    const char* text = iniparser_getstring(d, "pms:plus_prefix", nullptr);
+    if (!text) return "00";
+    const std::string v = text;
+    if (v.size() <= 8 && v.find_first_not_of("0123456789") == std::string::npos) return v;
+    LOG(L_WARNING, "pms:plus_prefix = \"%s\" is not up to 8 digits: \"00\" used", text);
+    return "00";
+}
+
 // Every section with a dbdriver key, in file order.
 std::vector<db_settings> read_databases(const dictionary* d) {
     std::vector<db_settings> out;
@@ -179,7 +202,8 @@ fixes_settings read_fixes(const dictionary* d) {
                 {"posting", f.posting},
                 {"mysql", f.mysql},
                 {"manager_events", f.manager_events},
-                {"deadlines", f.deadlines}};
+                {"deadlines", f.deadlines},
+                {"room_numbers", f.room_numbers}};
     for (const auto& k : keys)
         k.value = iniparser_getboolean(d, ("fixes:" + std::string(k.key)).c_str(), all) != 0;
 
@@ -371,6 +395,8 @@ bool parse_config_file(const std::string& path, config& cfg) {
     read_text(d, "pms:tls_server_name", cfg.pms_tls_server_name);
     cfg.pms_connect_timeout_ms = read_seconds(d, "pms:connect_timeout", 5000);
     cfg.pms_write_timeout_ms = read_seconds(d, "pms:write_timeout", 10000);
+    cfg.plus_prefix = read_plus_prefix(d);
+    cfg.room_max_length = read_int_in(d, "pms:room_max_length", 1, 64, 8);
     if (opt_text t = get_text(d, "logger:log_type"))
         cfg.logtype = strcasestr(t->c_str(), "syslog") ? 0 : 1;
     cfg.loglevel = static_cast<uint16_t>(iniparser_getint(d, "logger:log_level", 5));

@@ -71,6 +71,7 @@ struct fixes_settings {
     bool mysql = false;            // dbdriver = mysql makes a MySQL record
     bool manager_events = false;   // the login asks for "cdr" when cdr_mgr_events is not set
     bool deadlines = false;        // a deadline on every outside call
+    bool room_numbers = false;     // a record's room number empty or too long: no step runs
     std::vector<std::string> unknown;  // keys of the section that are none of the above
 };
 
@@ -141,6 +142,8 @@ struct config {
     opt_text pms_tls_server_name;  // absent: pmshost
     int pms_connect_timeout_ms = 5000;
     int pms_write_timeout_ms = 10000;
+    std::string plus_prefix = "00";  // pms:plus_prefix, for a leading "+" of a dialled number
+    int room_max_length = 8;         // pms:room_max_length ([fixes] room_numbers), 1-64
     // [logger]
     uint8_t logtype = 0;  // 1 = copy log lines to the system log
     uint16_t loglevel = 5;

@@ -301,7 +301,7 @@ class daemon_process {
         pms_link::options o;
         o.link_end = cfg.fixes.link_end;
         o.quiet = cfg.fixes.quiet;
-        o.codec = fias_codec_options{cfg.fixes.numbers};
+        o.codec = fias_codec_options{cfg.fixes.numbers, 0, cfg.plus_prefix};
         // TLS is always bounded: its handshake and writes wait on a
         // non-blocking socket.
         if (cfg.fixes.deadlines || cfg.pms_tls) {

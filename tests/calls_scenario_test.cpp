@@ -100,6 +100,30 @@ TEST(Calls, OnlyTheAnsweredExternalCallsArePostedEachOnceAndTheOthersLeaveTheCac
     EXPECT_EQ(1u, run.pms.count_frames("LR|RIRE|FLRNRSCSDN|"));
 }
 
+// What a guest dials is one field: it cannot add a room or an amount to the
+// posting, nor end the record.
+TEST(Calls, ADialledNumberAddsNoFieldToItsPosting) {
+    daemon_run run;
+    manager_rooms(run);
+    run.set("fixes", "all", "yes").set("pms", "plus_prefix", "011");
+    ASSERT_TRUE(run.start()) << run.log();
+    ASSERT_EQ(1, run.mgr.send_cdr(call("101", "555|RN102|TA1", 60, 1)));
+    ASSERT_EQ(1, run.mgr.send_cdr(call("101",
+                                       "+44 20\x03\x02"
+                                       "7946",
+                                       60, 2)));
+    ASSERT_TRUE(run.pms.wait_for_count("PS|", 2, 15s)) << run.log();
+    std::string dialled;
+    for (const std::string& ps : run.pms.frames("PS|")) {
+        EXPECT_TRUE(ps.starts_with("PS|P#000")) << ps;
+        EXPECT_EQ(std::string::npos, ps.find("RN102")) << ps;
+        EXPECT_EQ(std::string::npos, ps.find("|TA")) << ps;
+        dialled += ps.substr(ps.find("|DD"));
+    }
+    EXPECT_EQ("|DD5551021||DD01144207946|", dialled);
+    EXPECT_EQ(2u, run.count_log("has characters that a posting cannot carry: they are dropped"));
+}
+
 TEST(Calls, ImmediatePostingDoesNotWaitForTheCycle) {
     daemon_run run;
     manager_rooms(run);

@@ -124,4 +124,30 @@ TEST(FixesValues, CallsDueWhileTheLinkIsDownAreAcceptedExactlyOnce) {
     EXPECT_EQ(1u, run.count_log("Unable to find DB driver nosuch"));
 }
 
+// [fixes] room_numbers: a record whose room number is missing, empty or
+// longer than pms:room_max_length runs no step; one that fits does.
+TEST(FixesValues, ARecordWithoutAFittingRoomNumberRunsNoStep) {
+    daemon_run run;
+    run.use_log_templates();
+    run.set("fixes", "room_numbers", "yes")
+        .set("fixes", "ordered_records", "yes")
+        .set("pms", "room_max_length", "4")
+        .set("services", "guest_change",
+             "pbx:insert into log values ('change','%exten%','%name%','','')");
+    ASSERT_TRUE(run.start()) << run.log();
+    ASSERT_TRUE(run.play({"GI|GNSmith|", "GI|RN|GNSmith|", "GO|RN12345|", "RE|RN12345|DNY|",
+                          "WR|RN12345|DA261125|TI063000|", "GC|RN101|GNSmith|RO12345|",
+                          "GC|RN12345|GNSmith|", "GI|RN1234|GNJones|"},
+                         "Checkin"))
+        << run.log();
+    ASSERT_TRUE(wait_until([&] { return run.pbx_log().size() == 1; })) << run.log();
+    EXPECT_EQ((sql_rows{{"checkin", "1234", "Jones", "", "0"}}), run.pbx_log());
+    EXPECT_EQ(2u, run.count_log("GI record without a room number: no step runs"));
+    for (const char* type : {"GO", "RE", "WR", "GC"})
+        EXPECT_EQ(type == std::string("GC") ? 2u : 1u,
+                  run.count_log(std::string(type) + " record whose room number"))
+            << type;
+    EXPECT_EQ(1u, run.count_log("(RO) is longer than pms:room_max_length = 4: no step runs"));
+}
+
 }  // namespace

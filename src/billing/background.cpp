@@ -111,6 +111,11 @@ fias_packet_ptr post_call(pass_env& env, const std::string& room, const call_row
     } else {
         set_field(rec.get(), "PT", text_value("T"));
     }
+    if (fias_check_values(rec.get(), env.codec).dialled_dropped)
+        LOG(L_WARNING,
+            "The dialled number of call \"%s\" (room %s, posting %s) has characters that a "
+            "posting cannot carry: they are dropped",
+            row.uniqueid.c_str(), room.c_str(), sequence->c_str());
     entry.kind = "PS";
     entry.seq = *sequence;
     entry.room = room;
@@ -490,9 +495,13 @@ void run_due_marks(const config& cfg, states_file& states) {
 bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms,
                    const billing_parts& parts, posting_sequence& sequence, billing_memory* memory) {
     const posting_policy policy(cfg);
-    pass_env env{
-        parts, sequence, fill_options_of(cfg), policy, policy.keeps_outbox(), {cfg.fixes.numbers},
-        memory};
+    pass_env env{parts,
+                 sequence,
+                 fill_options_of(cfg),
+                 policy,
+                 policy.keeps_outbox(),
+                 {cfg.fixes.numbers, 0, cfg.plus_prefix},
+                 memory};
     pms_link& link = parts.link;
     if (cfg.uses_outbox()) run_due_marks(cfg, parts.states);
     if (!link.active() || parts.audit.holds_postings()) return true;
@@ -528,7 +537,7 @@ void post_cached_now(const config& cfg, const std::vector<std::string>& rooms,
                  fill_options_of(cfg),
                  policy,
                  policy.keeps_outbox(),
-                 {cfg.fixes.numbers},
+                 {cfg.fixes.numbers, 0, cfg.plus_prefix},
                  nullptr};
     post_cached(env, cfg, rooms, all_rooms);
 }

@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "logger.h"
+
 namespace {
 
 // The slots every record had before fields of features were added.
@@ -56,10 +58,87 @@ void read_value(fias_field_t& f, const char* begin, const char* end,
     }
 }
 
-// The value text of one field as it goes on the wire, or nothing when a text
-// slot has no text.
-std::optional<std::string> value_text(const fias_field_t& f, const fias_codec_options& opts) {
+// A byte that no field may carry: the separator and the link's control bytes.
+bool unsendable(unsigned char c) {
+    return c < 0x20 || c == 0x7f || c == '|';
+}
+
+bool is_number(const std::string& text) {
+    size_t at = !text.empty() && text[0] == '-' ? 1 : 0;
+    if (at == text.size()) return false;
+    for (; at < text.size(); ++at)
+        if (text[at] < '0' || text[at] > '9') return false;
+    return true;
+}
+
+// Dialled digits as they may go out; empty when nothing is left.
+std::string dialled(const std::string& text, const fias_codec_options& opts, bool& dropped) {
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        if (unsendable(static_cast<unsigned char>(c)))
+            dropped = true;
+        else
+            out += c;
+    }
+    if (!opts.numbers) return out;
+    constexpr size_t max_digits = 20;
+    std::string digits;
+    size_t at = 0;
+    if (!out.empty() && out[0] == '+') {
+        digits = opts.plus_prefix;
+        at = 1;
+    }
+    for (; at < out.size(); ++at) {
+        if (out[at] >= '0' && out[at] <= '9')
+            digits += out[at];
+        else
+            dropped = true;
+    }
+    if (digits.size() > max_digits) digits.resize(max_digits);
+    return digits;
+}
+
+// `text`, the text value of field `f` of a record of type `type`, as it may
+// go on the wire; nothing when the field is to be left out. `dropped` tells
+// whether dialled digits lost characters.
+std::optional<std::string> checked_text(const char* type, const fias_field_t& f,
+                                        const std::string& text, const fias_codec_options& opts,
+                                        bool& dropped) {
+    switch (f.type) {
+        case FIAS_TYPE_DIALLED: {
+            std::string out = dialled(text, opts, dropped);
+            if (out.empty()) return std::nullopt;
+            return out;
+        }
+        case FIAS_TYPE_DIGITS:
+        case FIAS_TYPE_DATE:
+        case FIAS_TYPE_TIME:
+            if (is_number(text)) return text;
+            LOG(L_ERROR, "Field %.2s of a %.2s record is not a number: it is left out", f.name,
+                type);
+            return std::nullopt;
+        default: {
+            std::string out = text;
+            for (char& c : out)
+                if (unsendable(static_cast<unsigned char>(c))) c = ' ';
+            return out;
+        }
+    }
+}
+
+// Whether the field's value goes out as its text: text types, and a date or
+// time given as text (a number or flag is written from its number).
+bool written_as_text(const fias_field_t& f) {
+    return f.value && f.value->str && f.type != FIAS_TYPE_INT && f.type != FIAS_TYPE_BOOL;
+}
+
+// The value text of one field as it goes on the wire, or nothing when it is
+// left out (a text slot without text, a value that cannot be sent).
+std::optional<std::string> value_text(const char* type, const fias_field_t& f,
+                                      const fias_codec_options& opts, bool& dropped) {
     const fias_value_t& v = *f.value;
+    if (written_as_text(f)) return checked_text(type, f, *v.str, opts, dropped);
     char buf[32];
     switch (f.type) {
         case FIAS_TYPE_DATE:
@@ -78,7 +157,7 @@ std::optional<std::string> value_text(const fias_field_t& f, const fias_codec_op
             return buf;
         }
         default:
-            return v.str;
+            return std::nullopt;
     }
 }
 
@@ -153,14 +232,30 @@ fias_packet_ptr fias_parse_packet(const char* line, int /*packetlen*/,
     return p;
 }
 
+fias_value_notes fias_check_values(fias_packet_t* p, const fias_codec_options& opts) {
+    fias_value_notes notes;
+    if (!p) return notes;
+    for (fias_field_t& f : p->fields) {
+        if (!written_as_text(f)) continue;
+        std::optional<std::string> text =
+            checked_text(p->packet, f, *f.value->str, opts, notes.dialled_dropped);
+        if (!text)
+            f.value.reset();
+        else
+            f.value->str = std::move(*text);
+    }
+    return notes;
+}
+
 std::string fias_packet_to_str(const fias_packet_t* p, const fias_codec_options& opts) {
     if (!p) return {};
     std::string out;
     out.reserve(64);
     out.append(p->packet).append("|");
+    bool dropped = false;  // reported by fias_check_values()
     for (const fias_field_t& f : p->fields) {
         if (!f.value) continue;
-        std::optional<std::string> text = value_text(f, opts);
+        std::optional<std::string> text = value_text(p->packet, f, opts, dropped);
         if (!text) continue;
         out.append(f.name).append(*text).append("|");
     }

@@ -58,6 +58,12 @@ enum fias_value_type : uint8_t {
     FIAS_TYPE_DATE = 2,
     FIAS_TYPE_TIME = 3,
     FIAS_TYPE_BOOL = 4,
+    // Text values that hold a number (FIAS type N): read as text; written
+    // only when they are one ("-" and digits), else left out.
+    FIAS_TYPE_DIGITS = 5,
+    // Dialled digits ("DD"): read as text; written without the bytes a field
+    // cannot carry, and in the form of fias_codec_options::numbers.
+    FIAS_TYPE_DIALLED = 6,
 };
 
 constexpr int FIAS_MAX_FIELDS = 12;

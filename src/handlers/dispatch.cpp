@@ -49,6 +49,37 @@ fias_field_set announced_fields(const config& cfg) {
     return out;
 }
 
+// [fixes] room_numbers: whether a record's room number cannot be meant (empty,
+// or longer than pms:room_max_length in the PMS's own characters); logged.
+// A guest change's old room counts when it is given (an empty "RO" is no move).
+bool room_refused(const config& cfg, fias_packet_t& p) {
+    if (!cfg.fixes.room_numbers) return false;
+    switch (p.packet_code) {
+        case FIAS_GI:
+        case FIAS_GO:
+        case FIAS_GC:
+        case FIAS_RE:
+        case FIAS_WR:
+        case FIAS_WC:
+            break;
+        default:
+            return false;
+    }
+    const size_t max = static_cast<size_t>(cfg.room_max_length);
+    const std::string room = field_text(fias_get_field(&p, "RN"));
+    const std::string old = p.packet_code == FIAS_GC ? field_text(fias_get_field(&p, "RO")) : "";
+    if (room.empty())
+        LOG(L_ERROR, "%s record without a room number: no step runs", p.packet);
+    else if (room.size() > max || old.size() > max)
+        LOG(L_ERROR,
+            "%s record whose room number (%s) is longer than pms:room_max_length = %zu: no step "
+            "runs",
+            p.packet, room.size() > max ? "RN" : "RO", max);
+    else
+        return false;
+    return true;
+}
+
 // The text of field `name` of a record as it came (for values whose parsed
 // form depends on [fixes]); "" when absent.
 std::string raw_field(const std::string& data, const char* name) {
@@ -187,6 +218,7 @@ void record_dispatcher::process_fias_packet(const std::string& data) const {
         return;
     }
     LOG(L_NOTICE, "Received %s packet from PMS", p->desc);
+    if (room_refused(*cfg, *p)) return;
     // Texts of a PMS with a character set of its own reach the statements as
     // UTF-8 when values are escaped.
     if (fill_options_of(*cfg).escape && cfg->pmsencoding)

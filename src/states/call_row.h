@@ -15,6 +15,7 @@ struct call_row {
     char disposition[48] = "";
     bool has_disposition = false;
     long long cache_row = 0;
+    std::string uniqueid;
 };
 
 // How the call cache gives a call's date and time.

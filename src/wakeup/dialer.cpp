@@ -10,6 +10,7 @@
 
 #include "billing/outbox.h"
 #include "db/registry.h"
+#include "fias/codec.h"
 #include "logger.h"
 #include "metrics.h"
 #include "process.h"
@@ -431,9 +432,19 @@ void wakeup_dialer::report(const ended& e, const config& cfg) {
     entry.room = e.b.room;
     entry.date = e.b.date;
     entry.time = e.b.time;
-    entry.record = "WA|RN" + e.b.room + "|";
-    if (!e.b.date.empty()) entry.record += "DA" + e.b.date + "|";
-    entry.record += "TI" + e.b.time + "|AS" + e.result + "|";
+    // Date and time go back as the "WR" gave them, so that the PMS links the
+    // result to its request.
+    fias_packet_ptr rec = fias_create_packet(FIAS_WA);
+    for (const auto& [name, text] : {std::pair<const char*, const std::string&>{"RN", e.b.room},
+                                     {"DA", e.b.date},
+                                     {"TI", e.b.time},
+                                     {"AS", e.result}}) {
+        if (text.empty()) continue;
+        fias_value_t v;
+        v.str = text;
+        fias_set_packet_field(rec.get(), name, &v);
+    }
+    entry.record = fias_packet_to_str(rec.get());
     deliver({parts_.link, parts_.states, parts_.audit}, entry);
     if (e.result != "OK" && cfg.wakeup.alert) run_alert(e, cfg);
 }
@@ -488,9 +499,8 @@ void wakeup_dialer::run_alert(const ended& e, const config& cfg) {
     }
     db_lock guard(*drv);
     if (drv->is_connected()) drv->reconnect();
-    const std::string statement =
-        fill(alert.substr(colon + 1),
-             [&](const std::string& v) { return drv->dbhandle->escape(v); });
+    const std::string statement = fill(
+        alert.substr(colon + 1), [&](const std::string& v) { return drv->dbhandle->escape(v); });
     LOG(L_NOTICE, "Wake-up alert for room %s: %s", e.b.room.c_str(), statement.c_str());
     drv->query(statement.c_str());
 }
