@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <string>
 #include <vector>
 
 #include "thread_annotations.h"
@@ -122,6 +123,41 @@ int format_prefix(char* buf, size_t size, int level, const char* file, int line,
     if (level == L_VERBOSE) return snprintf(buf, size, " VERBOSE[%ld]: ", pid_now());
     return snprintf(buf, size, " %s[%ld]: %s:%d in %s: ", levels[level], pid_now(),
                     file ? file : "", line, function ? function : "");
+}
+
+// Whether `c` is shown as an escape: control bytes but the tab, and DEL.
+bool shown_escaped(unsigned char c) {
+    return (c < 0x20 && c != '\t') || c == 0x7f;
+}
+
+// Shows the control bytes of the line `buf` (of at most kLineSize - 1
+// characters) visibly, "\n", "\r" and "\ooo" as vis(3) does, so that no value
+// can end a line or begin a forged one. The last `keep` bytes (the newlines
+// that the format itself ends with) stay as they are.
+void make_visible(char* buf, size_t keep) {
+    const size_t len = strlen(buf);
+    if (keep > len) keep = len;
+    size_t first = 0;
+    while (first < len - keep && !shown_escaped(static_cast<unsigned char>(buf[first]))) first++;
+    if (first == len - keep) return;  // the usual case: nothing to show
+    std::string out(buf, first);
+    for (size_t i = first; i < len - keep; ++i) {
+        const unsigned char c = static_cast<unsigned char>(buf[i]);
+        if (!shown_escaped(c)) {
+            out += static_cast<char>(c);
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else {
+            const char octal[] = {'\\', static_cast<char>('0' + (c >> 6)),
+                                  static_cast<char>('0' + ((c >> 3) & 7)),
+                                  static_cast<char>('0' + (c & 7))};
+            out.append(octal, sizeof octal);
+        }
+    }
+    out.append(buf + len - keep, keep);
+    snprintf(buf, kLineSize, "%s", out.c_str());
 }
 
 // --- the signal-safe path: no locale, no allocation, no locks -------------
@@ -261,16 +297,22 @@ void write_log(int level, const char* file, int line, const char* function, cons
     char* buf = out + len;
     int n = format_prefix(buf, kLineSize, level, file, line, function);
     if (n < 0) n = 0;
+    bool whole = false;  // the message was not cut
     if (static_cast<size_t>(n) < kLineSize) {
         va_list ap;
         va_start(ap, format);
-        vsnprintf(buf + n, kLineSize - n, format, ap);
+        const int m = vsnprintf(buf + n, kLineSize - n, format, ap);
         va_end(ap);
+        whole = m >= 0 && static_cast<size_t>(m) < kLineSize - n;
     }
     if (logger_hides_names() && !names_in_scope.empty()) {
         const std::string shown = masked_names(buf);
         snprintf(buf, kLineSize, "%s", shown.c_str());
     }
+    size_t own_newlines = 0;  // that the format ends with
+    if (whole)
+        for (size_t f = strlen(format); f > 0 && format[f - 1] == '\n'; --f) own_newlines++;
+    make_visible(buf, own_newlines);
     if (log_to_syslog) syslog(syslog_level_map[level], "%s", buf);
     len += strlen(buf);
     out[len++] = '\n';

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <map>
 #include <mutex>
+#include <string_view>
 #include <unordered_map>
 
 #include "logger.h"
@@ -97,6 +98,42 @@ all_metrics& get() {
     return m;
 }
 
+// `value` as valid UTF-8: a byte that starts no well-formed sequence becomes
+// U+FFFD. (The exposition's escapes of "\\", "\"" and the newline are the
+// serialiser's.)
+std::string label_value(std::string_view value) {
+    std::string out;
+    out.reserve(value.size());
+    const auto cont = [&](size_t at) {
+        return at < value.size() && (static_cast<unsigned char>(value[at]) & 0xc0) == 0x80;
+    };
+    for (size_t i = 0; i < value.size();) {
+        const unsigned char c = static_cast<unsigned char>(value[i]);
+        size_t n = 0;  // length of a well-formed sequence starting here
+        if (c < 0x80) {
+            n = 1;
+        } else if (c >= 0xc2 && c <= 0xdf) {
+            n = cont(i + 1) ? 2 : 0;
+        } else if (c >= 0xe0 && c <= 0xef && cont(i + 1) && cont(i + 2)) {
+            const unsigned char c1 = static_cast<unsigned char>(value[i + 1]);
+            const bool ok = (c != 0xe0 || c1 >= 0xa0) && (c != 0xed || c1 < 0xa0);
+            n = ok ? 3 : 0;
+        } else if (c >= 0xf0 && c <= 0xf4 && cont(i + 1) && cont(i + 2) && cont(i + 3)) {
+            const unsigned char c1 = static_cast<unsigned char>(value[i + 1]);
+            const bool ok = (c != 0xf0 || c1 >= 0x90) && (c != 0xf4 || c1 < 0x90);
+            n = ok ? 4 : 0;
+        }
+        if (n == 0) {
+            out += "\xef\xbf\xbd";
+            i++;
+        } else {
+            out.append(value.substr(i, n));
+            i += n;
+        }
+    }
+    return out;
+}
+
 // The series of `family` whose label `label` is `value`, found once per
 // thread and kept (a family's series are never removed), so that counting a
 // Manager event or a record costs a hash lookup, not the family's lock. At
@@ -105,13 +142,15 @@ Counter& labelled(Family<Counter>& family, const char* label, const std::string&
     thread_local std::unordered_map<const void*, std::unordered_map<std::string, Counter*>> known;
     std::unordered_map<std::string, Counter*>& of = known[&family];
     if (auto it = of.find(value); it != of.end()) return *it->second;
-    Counter& c = family.Add({{label, value}});
+    Counter& c = family.Add({{label, label_value(value)}});
     if (of.size() < 256) of.emplace(value, &c);
     return c;
 }
 
+// A record's type as a label: two of A-Z and 0-9, else "other".
 std::string type_of(const char* record) {
-    if (!record || !record[0] || !record[1]) return "??";
+    const auto plain = [](char c) { return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'); };
+    if (!record || !plain(record[0]) || !plain(record[1])) return "other";
     return std::string(record, 2);
 }
 
@@ -189,10 +228,12 @@ void calls_cached(unsigned n) {
     get().calls_cached.Increment(n);
 }
 void call_filtered(const char* reason) {
-    get().calls_filtered.Add({{"reason", reason}}).Increment();
+    get().calls_filtered.Add({{"reason", label_value(reason)}}).Increment();
 }
 void manager_action(const std::string& action, const char* result) {
-    get().actions.Add({{"action", action}, {"result", result}}).Increment();
+    get()
+        .actions.Add({{"action", label_value(action)}, {"result", label_value(result)}})
+        .Increment();
 }
 void manager_event(const std::string& event) {
     labelled(get().events, "event", event).Increment();
@@ -201,7 +242,7 @@ void wakeup_call() {
     get().wakeup_calls.Increment();
 }
 void wakeup_result(const char* result) {
-    get().wakeup_results.Add({{"result", result}}).Increment();
+    get().wakeup_results.Add({{"result", label_value(result)}}).Increment();
 }
 
 statement_stats* statements_of(const char* section) {
@@ -210,11 +251,12 @@ statement_stats* statements_of(const char* section) {
     static std::map<std::string, std::unique_ptr<statement_stats>> known;
     mutex_lock guard(mutex);
     std::unique_ptr<statement_stats>& s = known[section];
+    const std::string label = label_value(section);
     if (!s)
         s = std::make_unique<statement_stats>(statement_stats{
-            &m.statements.Add({{"section", section}, {"result", "ok"}}),
-            &m.statements.Add({{"section", section}, {"result", "failed"}}),
-            &m.durations.Add({{"section", section}},
+            &m.statements.Add({{"section", label}, {"result", "ok"}}),
+            &m.statements.Add({{"section", label}, {"result", "failed"}}),
+            &m.durations.Add({{"section", label}},
                              Histogram::BucketBoundaries{0.0005, 0.001, 0.005, 0.01, 0.05, 0.1, 0.5,
                                                          1, 5, 30})});
     return s.get();

@@ -103,6 +103,19 @@ TEST_F(Logger, ConsoleFallbackAndLinesCutAt1023Characters) {
     }
 }
 
+// Control bytes of a value are shown (as \n, \r, \033), so that no value
+// can end its line or forge the next; the format's own tab and closing
+// newlines stay.
+TEST_F(Logger, AValueCannotBreakOrForgeALine) {
+    logger_init(path().c_str(), 5, 0, 0);
+    write_log(L_NOTICE, "f.cpp", 1, "fn", "\tRoom %s\n",
+              "101\n01/01/26 00:00:00:  ERROR[1]: forged\r\x1b[31m\t\x7f\n");
+    EXPECT_EQ(":  NOTICE[" + pid_ +
+                  "]: f.cpp:1 in fn: \tRoom 101\\n01/01/26 00:00:00:  ERROR[1]: "
+                  "forged\\r\\033[31m\t\\177\\n\n\n",
+              log().substr(17));
+}
+
 TEST_F(Logger, AFileMovedAwayIsLeftAfterAReopenOrASecond) {
     logger_init(path().c_str(), 5, 0, 0);
     write_log(L_NOTICE, "f.cpp", 1, "fn", "first");

@@ -29,6 +29,14 @@ TEST(Notify, ReadyStatusPingsAndAWedgedBillingThreadStopsThePings) {
     EXPECT_TRUE(has_line_like(systemd.all(),
                               "STATUS=PMS link active since ##:##, last record GI 101 at ##:##"))
         << systemd.all();
+    // A room number with line breaks adds no assignment: STATUS holds
+    // printable ASCII, and 16 characters of the room number at most.
+    ASSERT_TRUE(run.pms.send_record("GI|RN102\nMAINPID=1\nWATCHDOG=trigger|GNSmith|"));
+    ASSERT_TRUE(systemd.wait("last record GI 102?MAINPID=1?WA at ", 10s)) << systemd.all();
+    for (const std::string& m : systemd.messages())
+        for (const std::string& line : lines_of(m))
+            EXPECT_TRUE(line.starts_with("STATUS=") || line == "READY=1" || line == "WATCHDOG=1")
+                << line;
     ASSERT_TRUE(wait_until([&] { return systemd.count("WATCHDOG=1") >= 2; })) << systemd.all();
 
     // Hung at 2 s: its last beat counts for one watchdog period more.

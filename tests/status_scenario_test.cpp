@@ -66,6 +66,17 @@ TEST(Status, MetricsAndHealthFollowPostingsAndTheLink) {
     };
     for (int i = 0; i < 5; ++i) ASSERT_EQ(1, call(i));
     ASSERT_TRUE(wait_until([&] { return accepted() == 5; })) << run.log();
+    // Label values from outside: record types that are not two of A-Z and
+    // 0-9 count as "other"; an event name is escaped and made valid UTF-8.
+    for (const char* r : {"\xc3\xa9|RN1|", "a\"|RN1|", "\xff|RN1|"})
+        ASSERT_TRUE(run.pms.send_record(r));
+    ASSERT_EQ(1, run.mgr.send_raw("Event: Odd\"\\\xff\r\nPrivilege: user,all\r\n\r\n"));
+    ASSERT_TRUE(wait_until([&] {
+        const std::string m = http_get(port, "/metrics").second;
+        return value_of(m, "orlanbeck_fias_records_received_total{type=\"other\"}") == 3 &&
+               value_of(m, "orlanbeck_manager_events_total{event=\"Odd\\\"\\\\\xef\xbf\xbd\"}") ==
+                   1;
+    })) << http_get(port, "/metrics").second;
     const double starts =
         value_of(http_get(port, "/metrics").second, "orlanbeck_pms_link_starts_total");
 

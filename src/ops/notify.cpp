@@ -36,6 +36,14 @@ std::string clock_text(time_t when) {
     return text;
 }
 
+// `text` as printable ASCII: any other byte becomes "?", so that no value
+// can end the STATUS line and add an assignment of its own.
+std::string printable(std::string text) {
+    for (char& c : text)
+        if (static_cast<unsigned char>(c) < 0x20 || static_cast<unsigned char>(c) > 0x7e) c = '?';
+    return text;
+}
+
 }  // namespace
 
 bool notifier::alive(notify_part part, int64_t now) {
@@ -73,7 +81,7 @@ std::string notifier::compose_status() {
     if (!last_record_.empty()) text += ", last record " + last_record_;
     for (const std::string& why : stopped_)
         if (!why.empty()) text += "; " + why;
-    return text;
+    return printable(std::move(text));
 }
 
 void notifier::send_status(const char* extra) {
@@ -170,7 +178,8 @@ void notifier::record(const char* record) {
     std::string text(record, strnlen(record, 2));
     if (const char* rn = strstr(record, "|RN")) {
         rn += 3;
-        text.append(" ").append(rn, strcspn(rn, "|\x03"));
+        constexpr size_t shown_room = 16;  // characters of the room number at most
+        text.append(" ").append(rn, std::min(strcspn(rn, "|\x03"), shown_room));
     }
     text.append(" at ").append(clock_text(time(nullptr)));
     mutex_lock guard(mutex_);
