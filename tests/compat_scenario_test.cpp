@@ -91,14 +91,15 @@ TEST(Compatibility, DatesCostsDoNotDisturbAndTemplatesThatCannotRun) {
         return run.pbx("select posted, billed from calls") == sql_rows{{"1", "0001"}};
     })) << run.log();
 
-    // Records that cannot be parsed are warnings, shown with their end byte.
+    // Records that cannot be parsed are warnings, shown with their end byte
+    // (made visible, as every control byte in the log).
     ASSERT_TRUE(run.play({"WA|RN1|", "ZZ|RN1|", "GI|RN103|GNSmith"},
                          "Can not parse FIAS packet GI|RN103|GNSmith"));
     EXPECT_TRUE(run.wait_log("Received Wakeup answer packet from PMS"));
     EXPECT_TRUE(wait_until([&] {
         return has_line_like(run.log(), kStamp +
                                             ":  WARNING[@]: dispatch.cpp:@ in process_fias_"
-                                            "packet: Can not parse FIAS packet ZZ|RN1|\x03");
+                                            "packet: Can not parse FIAS packet ZZ|RN1|\\003");
     })) << run.log();
     // Templates that cannot run are only logged; the check-in's row is written all the same.
     ASSERT_TRUE(run.play({"GI|RN103|GNSmith|"}, "Unable to find DB driver nosuch"));
