@@ -27,6 +27,8 @@ const struct setting {
     {"logger", "log_type = file", "1", NUMBER(logtype)},
     {"logger", "disable_log = yes", "1", NUMBER(disable_log)},
     {"services", "cdr_mgr_events = cdr", "cdr", TEXT(mgr_events)},
+    {"pms", "room_max_length = 64", "64", NUMBER(room_max_length)},
+    {"pms", "plus_prefix = 011", "011", TEXT(plus_prefix)},
 };
 
 class Config : public ::testing::Test {
@@ -74,11 +76,16 @@ TEST_F(Config, KeysLandInTheirSettingsAndAReloadWithoutThemGivesTheDefaults) {
     ASSERT_EQ(load("; nothing but a comment\n"), 0);
     for (const setting& s : kSettings) EXPECT_EQ(s.get(cfg()), s.get(config{})) << s.line;
 
-    ASSERT_EQ(load("[logger]\nlog_type = SysLog-only\n[pms]\nport = 70000\n"), 0);
+    ASSERT_EQ(load("[logger]\nlog_type = SysLog-only\n[pms]\nport = 70000\nroom_max_length = "
+                   "65\nplus_prefix = +\n"),
+              0);
     EXPECT_EQ(cfg().logtype, 0);
     EXPECT_EQ(cfg().pmsport, 4464);
-    EXPECT_EQ(log_lines_with({"WARNING["}), 1u) << log_text();
+    EXPECT_EQ(cfg().room_max_length, 8);
+    EXPECT_EQ(cfg().plus_prefix, "00");
+    EXPECT_EQ(log_lines_with({"WARNING["}), 3u) << log_text();
     EXPECT_EQ(log_lines_with({"WARNING[", "pms:port = 70000"}), 1u) << log_text();
+    EXPECT_EQ(log_lines_with({"WARNING[", "pms:room_max_length = \"65\"", "8 used"}), 1u);
 }
 
 TEST_F(Config, ServiceStringsThatCannotWorkAreReportedOnce) {
