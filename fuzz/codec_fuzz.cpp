@@ -42,7 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fias_packet_ptr p = fias_packet_from_row(row);
     for (fias_field_t& f : p->fields) {
         if (!f.name[0] || at >= size) continue;
-        const size_t len = std::min<size_t>(data[at++], size - at);
+        const size_t want = data[at++];
+        const size_t len = std::min(want, size - at);
         const std::string value(reinterpret_cast<const char*>(data + at), len);
         at += len;
         fias_value_t v;
