@@ -13,6 +13,7 @@
 #include <cstring>
 #include <ctime>
 #include <thread>
+#include <utility>
 
 #include "fias/codec.h"
 #include "logger.h"
@@ -340,10 +341,20 @@ int pms_link::send_dr() {
 
 int pms_link::init_connection(const char* iftype, fias_record_set optional,
                               fias_field_set optional_fields) {
-    std::string ld = local_time_text("LD|DA%y%m%d|TI%H%M%S|V#1.01|IF");
-    if (iftype) ld.append(iftype, strnlen(iftype, 2));
-    ld.append("|");
-    send_raw(ld.c_str());
+    // A packet like every record with a value from outside (the interface
+    // type is the configuration's).
+    const std::string now = local_time_text("%y%m%d%H%M%S");
+    fias_packet_ptr ld = fias_create_packet(FIAS_LD);
+    for (const auto& [name, text] :
+         {std::pair<const char*, std::string>{"DA", now.substr(0, 6)},
+          {"TI", now.substr(6)},
+          {"V#", "1.01"},
+          {"IF", iftype ? std::string(iftype, strnlen(iftype, 2)) : ""}}) {
+        fias_value_t v;
+        v.str = text;
+        fias_set_packet_field(ld.get(), name, &v);
+    }
+    send_raw(fias_packet_to_str(ld.get()).c_str());
 
     // Only shut down here: the descriptor stays allocated until the reading
     // thread drops it, so the reader never touches a closed or reused number.
