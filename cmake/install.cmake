@@ -5,6 +5,8 @@
 #                                             absolute paths; an existing file
 #                                             is never overwritten
 #   lib/systemd/system/orlanbeck.service      the systemd unit
+#   lib/systemd/system/orlanbeck@.service     its template, one instance per
+#                                             property (<sysconfdir>/orlanbeck/<name>.conf)
 #   <mandir>/man8/orlanbeck.8                 the manual page
 #   <docdir>/README.md, <docdir>/*.md         the operator documentation
 #
@@ -71,7 +73,7 @@ install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/docs/configu
 # The values known now, handed to the install-time code below.
 install(CODE "
 set(_orlanbeck_conf_built [[${ORLANBECK_CONF_BUILT}]])
-set(_orlanbeck_unit_template [[${PROJECT_SOURCE_DIR}/etc/orlanbeck.service]])
+set(_orlanbeck_unit_templates [[${PROJECT_SOURCE_DIR}/etc/orlanbeck.service;${PROJECT_SOURCE_DIR}/etc/orlanbeck@.service]])
 set(_orlanbeck_work [[${CMAKE_CURRENT_BINARY_DIR}/install-time]])
 set(_orlanbeck_sbindir [[${CMAKE_INSTALL_SBINDIR}]])
 set(_orlanbeck_sysconfdir [[${CMAKE_INSTALL_SYSCONFDIR}]])
@@ -111,8 +113,11 @@ else()
        FILES "${_orlanbeck_conf_built}")
 endif()
 
-# The unit, with the paths of this install (without DESTDIR).
-configure_file("${_orlanbeck_unit_template}" "${_orlanbeck_work}/orlanbeck.service" @ONLY)
-file(INSTALL DESTINATION "${_orlanbeck_prefix}/lib/systemd/system" TYPE FILE
-     FILES "${_orlanbeck_work}/orlanbeck.service")
+# The units, with the paths of this install (without DESTDIR).
+foreach(_unit IN LISTS _orlanbeck_unit_templates)
+  get_filename_component(_name "${_unit}" NAME)
+  configure_file("${_unit}" "${_orlanbeck_work}/${_name}" @ONLY)
+  file(INSTALL DESTINATION "${_orlanbeck_prefix}/lib/systemd/system" TYPE FILE
+       FILES "${_orlanbeck_work}/${_name}")
+endforeach()
 ]])

@@ -2,7 +2,8 @@
 # orlanbeck_<version>-<release>_amd64.deb from what `cmake --install` installs
 # with the prefix /usr (the configuration then goes to /etc), plus:
 #   /etc/logrotate.d/orlanbeck     rotation of the log, reloading the daemon
-#   /lib/systemd/system/           the unit (moved there from /usr/lib)
+#   /lib/systemd/system/           the unit and its template orlanbeck@.service
+#                                  (moved there from /usr/lib)
 #   the manual page with the paths of the package, gzipped; the copyright
 #   file and changelog.Debian.gz
 # /etc/orlanbeck.conf (mode 0640) and the logrotate file are conffiles. The

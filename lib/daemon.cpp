@@ -79,7 +79,9 @@ int write_pidfile(const char* name) {
     }
 
     mutex_lock guard(daemon_mutex);
-    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    // Never through a symbolic link, and never cut before the lock is ours:
+    // a second daemon leaves a locked file exactly as it is.
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
     if (fd < 0) return -1;
     struct flock lk {};
     lk.l_type = F_WRLCK;
@@ -94,7 +96,7 @@ int write_pidfile(const char* name) {
 
     char text[32];
     int len = snprintf(text, sizeof text, "%d\n", static_cast<int>(getpid()));
-    if (pwrite(fd, text, len, 0) != len) {
+    if (ftruncate(fd, 0) != 0 || pwrite(fd, text, len, 0) != len) {
         remove_pidfile_locked();
         return -1;
     }
@@ -188,7 +190,8 @@ int daemon_init(const char* name) {
         setsid();
     }
     if (chdir("/") < 0) return -1;
-    umask(0);
+    // Nothing the daemon creates is writable by its group or by others.
+    umask(S_IWGRP | S_IWOTH);
 
     long limit = sysconf(_SC_OPEN_MAX);
     if (limit <= 0) limit = 1024;
@@ -212,6 +215,14 @@ int daemon_init(const char* name) {
 
     if (!name) return 0;
     return write_pidfile(name);
+}
+
+int daemon_write_pid_file(const char* path) {
+    if (!path || path[0] != '/') {
+        errno = EINVAL;
+        return -1;
+    }
+    return write_pidfile(path);
 }
 
 int daemon_close() {

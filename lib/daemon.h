@@ -8,8 +8,10 @@
 //  - signal_handle_all() runs, in the calling thread (the main thread), the
 //    handler of every signal counted since its last call, once per signal.
 //  - daemon_init() detaches (fork + new session unless started by init or
-//    inetd), moves to "/", redirects 0-2 to /dev/null and writes and locks the
-//    pid file. Descriptors that this program opened for itself (all of them
+//    inetd), moves to "/", sets the umask to 022, redirects 0-2 to /dev/null
+//    and locks the pid file, then empties it and writes the pid. A pid file
+//    path that is a symbolic link is refused; a file locked by another
+//    process is left as it is. Descriptors that this program opened for itself (all of them
 //    close-on-exec) survive; every descriptor inherited from the parent
 //    (never close-on-exec, since exec drops those) is closed. The pid file
 //    descriptor stays open so that its lock lasts as long as the process.
@@ -38,6 +40,11 @@ void signal_handle_all();
 // Returns 0 on success, -1 on failure. name: absolute pid file path, or a name
 // turned into /var/run/<name>.pid (superuser) or /tmp/<name>.pid (others).
 int daemon_init(const char* name);
+
+// Writes and locks the pid file at the absolute `path` as daemon_init() does,
+// without detaching. Returns 0, or -1 (a file locked by another process, a
+// symbolic link, a relative path).
+int daemon_write_pid_file(const char* path);
 
 // Removes the pid file, if one was written. Returns 0.
 int daemon_close();

@@ -30,6 +30,8 @@ constexpr size_t kLineSize = 1024;
 std::atomic<int> log_to_syslog{1};
 std::atomic<int> dont_log{0};
 std::atomic<unsigned> file_mode{0};
+// A log file is created readable by its group at most, whatever the umask.
+constexpr unsigned kCreateMode = 0640;
 std::atomic<unsigned long> problem_count{0};
 std::atomic<bool> hide_names{false};
 // The names announced by this thread's hidden_name scopes, innermost last.
@@ -69,7 +71,8 @@ bool log_file_ready() REQUIRES(path_mutex) {
     }
     if (log_fd >= 0) return true;
     const unsigned mode = file_mode;
-    log_fd = open(logfile_path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, mode ? mode : 0666);
+    log_fd =
+        open(logfile_path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, mode ? mode : kCreateMode);
     if (log_fd < 0) return false;
     if (fstat(log_fd, &st) == 0) {
         // Log files get exactly the mode asked for, whatever the umask.
@@ -356,9 +359,9 @@ void write_log_async_safe(int level, const char* file, int line, const char* fun
     out.add(message);
     out.add("\n");
     const unsigned mode = file_mode;
-    int fd = logfile_path[0]
-                 ? open(logfile_path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, mode ? mode : 0666)
-                 : -1;
+    int fd = logfile_path[0] ? open(logfile_path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC,
+                                    mode ? mode : kCreateMode)
+                             : -1;
     int target = fd >= 0 ? fd : 2;
     [[maybe_unused]] ssize_t w = write(target, out.buf, out.len);
     if (fd >= 0) close(fd);

@@ -49,7 +49,8 @@ void set_log_level(int level);
 void logger_reopen();
 
 // Log files get exactly `mode` (e.g. 0640), whatever the umask, also when
-// they exist already; 0 (the default) leaves creation to the umask.
+// they exist already; 0 (the default) creates them 0640 less the umask and
+// leaves an existing file's mode alone.
 void logger_set_file_mode(unsigned mode);
 
 void write_log(int level, const char* file, int line, const char* function, const char* format, ...)

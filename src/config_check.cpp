@@ -14,6 +14,7 @@
 #include "logger.h"
 #include "ops/status_server.h"
 #include "templates/templates.h"
+#include "text.h"
 
 namespace {
 
@@ -110,13 +111,21 @@ void warn_service_strings(const config& cfg) {
                 "cycle",
                 p.report, p.mark);
 
+    // The steps of the record handlers (the keys that know the record's
+    // fields) fill "%room%" before the others, with [extensions] or [fixes]
+    // percent.
+    const bool room_filled = !cfg.extensions.empty() || cfg.fixes.percent;
     for (const entry& e : entries) {
-        if (e.value) warn_step(cfg, e.key, *e.value, e.kind, e.own_driver);
+        auto check = [&](const std::string& key, const std::string& value) {
+            const bool steps = e.kind == TEMPLATE_FIELDS && room_filled;
+            warn_step(cfg, key.c_str(), steps ? replace_all(value, "%room%", "") : value, e.kind,
+                      e.own_driver);
+        };
+        if (e.value) check(e.key, *e.value);
         auto more = cfg.more_steps.find(e.key);
         if (more == cfg.more_steps.end()) continue;
         for (size_t i = 0; i < more->second.size(); ++i)
-            warn_step(cfg, (std::string(e.key) + "." + std::to_string(i + 2)).c_str(),
-                      more->second[i], e.kind, e.own_driver);
+            check(std::string(e.key) + "." + std::to_string(i + 2), more->second[i]);
     }
     if (cfg.uses_actions() && !cfg.mgr_host)
         LOG(L_WARNING, "Service steps send Manager actions, but services:cdr_mgr_host is not set");

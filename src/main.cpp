@@ -50,6 +50,7 @@ const struct option longopts[] = {
     {"log-to-console", no_argument, nullptr, 'd'},
     {"help", no_argument, nullptr, 'h'},
     {"test-config", no_argument, nullptr, 't'},
+    {"pid-file", required_argument, nullptr, 'p'},
     {nullptr, 0, nullptr, 0},
 };
 // clang-format on
@@ -58,7 +59,8 @@ struct options {
     std::string config_file = "/etc/orlanbeck.conf";
     bool foreground = false;
     bool console_log = false;
-    int test_config = 0;  // -t: check the configuration (-tt: and its databases)
+    int test_config = 0;   // -t: check the configuration (-tt: and its databases)
+    std::string pid_file;  // -p: this pid file, also in the foreground
 };
 
 void usage(char** argv) {
@@ -70,6 +72,7 @@ void usage(char** argv) {
     fprintf(stderr, "\t-c <path>, --config=<path>\tuse custom config file \n");
     fprintf(stderr, "\t-f, --foreground \t\trun in foreground mode\n");
     fprintf(stderr, "\t-d, --log-to-console\t\tlog to console (requires -f)\n");
+    fprintf(stderr, "\t-p <path>, --pid-file=<path>\twrite and lock this pid file\n");
     fprintf(stderr, "\t-h, --help\t\t\tshow this text\n");
     fprintf(stderr, "\n\n");
 }
@@ -87,10 +90,13 @@ options get_options(int argc, char** argv) {
     options opts;
     opterr = 0;  // the usage text is the only complaint
     int c;
-    while ((c = getopt_long(argc, argv, "c:fdsht", longopts, nullptr)) != -1) {
+    while ((c = getopt_long(argc, argv, "c:fdshtp:", longopts, nullptr)) != -1) {
         switch (c) {
             case 'c':
                 opts.config_file = absolute_path(optarg);
+                break;
+            case 'p':
+                opts.pid_file = absolute_path(optarg);
                 break;
             case 'f':
                 opts.foreground = true;
@@ -341,7 +347,7 @@ class daemon_process {
             drv->unlock();
         }
         states->close_idle();
-        if (!opts.foreground && !keep_pid_file) daemon_close();
+        if (!keep_pid_file) daemon_close();
         fflush(nullptr);
         // A thread that could not be joined may still touch the process's
         // objects: leave without running their destructors.
@@ -436,9 +442,18 @@ int main(int argc, char** argv) {
         _exit(0);
     }
     if (!state.opts.foreground || state.start_fixes.signals) state.install_signal_handlers();
+    // The pid file that -p names is written in the foreground too; without
+    // -p a detached daemon names it after the program.
+    bool pid_file_failed = false;
     if (!state.opts.foreground) {
         const char* name = strrchr(argv[0], '/');
-        daemon_init(name ? name + 1 : argv[0]);
+        if (state.opts.pid_file.empty())
+            daemon_init(name ? name + 1 : argv[0]);
+        else
+            pid_file_failed = daemon_init(nullptr) != 0 ||
+                              daemon_write_pid_file(state.opts.pid_file.c_str()) != 0;
+    } else if (!state.opts.pid_file.empty()) {
+        pid_file_failed = daemon_write_pid_file(state.opts.pid_file.c_str()) != 0;
     }
 
     config_ptr cfg = configs.current();
@@ -446,6 +461,9 @@ int main(int argc, char** argv) {
     state.apply_logger(*cfg);
     // The first warnings came before the logger had its settings.
     check_configuration(*cfg);
+    if (pid_file_failed)
+        LOG(L_WARNING, "Unable to write pid file %s: running without one",
+            state.opts.pid_file.c_str());
 
     // The objects the threads share live in main()'s frame, which exit()
     // never unwinds.

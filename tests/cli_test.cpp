@@ -78,7 +78,7 @@ class CommandLine : public ::testing::Test {
                 return daemon_pid_ > 0 && lock_holder(pidfile_) == daemon_pid_;
             },
             20s);
-        // Detached: a session of its own, in "/", umask 0, the standard
+        // Detached: a session of its own, in "/", umask 022, the standard
         // descriptors on /dev/null and none of its starter's descriptors.
         const std::string proc = "/proc/" + std::to_string(daemon_pid_);
         std::istringstream stat(read_file(proc + "/stat"));
@@ -86,7 +86,7 @@ class CommandLine : public ::testing::Test {
         for (int i = 1; i <= 6; ++i) stat >> field;  // the comm has no blank here
         EXPECT_EQ(std::to_string(daemon_pid_), field) << "session";
         EXPECT_EQ("/", std::filesystem::read_symlink(proc + "/cwd").string());
-        EXPECT_NE(std::string::npos, read_file(proc + "/status").find("Umask:\t0000\n"));
+        EXPECT_NE(std::string::npos, read_file(proc + "/status").find("Umask:\t0022\n"));
         for (const auto& fd : std::filesystem::directory_iterator(proc + "/fd")) {
             std::error_code gone;  // the daemon's own descriptors come and go meanwhile
             std::string target = std::filesystem::read_symlink(fd.path(), gone).string();
@@ -213,6 +213,31 @@ TEST_F(CommandLine, DaemonWithARelativeConfigurationReloadsAndEndsWhenTheFileIsG
               1u)
         << log();
     EXPECT_EQ(access(pidfile_.c_str(), F_OK), 0) << "a failed reload leaves the pid file";
+}
+
+TEST_F(CommandLine, APidFileNamedOnTheCommandLineIsKeptInTheForegroundToo) {
+    run.set("fixes", "signals", "yes");
+    run.write_config();
+    std::filesystem::path cwd = std::filesystem::current_path();
+    std::filesystem::current_path(run.dir().path());
+    child_process first, second;
+    ASSERT_TRUE(
+        first.start({orlanbeck_binary(), "-f", "-d", "-p", "own.pid", "-c", run.config_path()}));
+    std::filesystem::current_path(cwd);
+    const std::string path = run.dir().file("own.pid");
+    ASSERT_TRUE(wait_until([&] { return lock_holder(path) == first.pid(); }, 20s));
+    EXPECT_EQ(std::to_string(first.pid()) + "\n", read_file(path));
+    // A second daemon on the same file says so and leaves the file alone.
+    ASSERT_TRUE(
+        second.start({orlanbeck_binary(), "-f", "-d", "-p", path, "-c", run.config_path()}));
+    EXPECT_TRUE(wait_until(
+        [&] { return second.output().find("Unable to write pid file") != std::string::npos; }, 20s))
+        << second.output();
+    second.terminate(10s);
+    EXPECT_EQ(std::to_string(first.pid()) + "\n", read_file(path));
+    first.signal(SIGTERM);
+    EXPECT_EQ(0, first.wait_exit(20s));
+    EXPECT_NE(0, access(path.c_str(), F_OK));
 }
 
 }  // namespace

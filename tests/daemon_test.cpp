@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -68,17 +69,19 @@ int make_daemon(const std::string& path) {
     return status;
 }
 
-TEST(DaemonInit, WritesALockedPidFileThatASecondDaemonLeavesAloneAndCloseRemoves) {
+TEST(DaemonInit, LocksThenRewritesThePidFileThatASecondDaemonLeavesAloneAndCloseRemoves) {
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     temp_dir dir;
-    const std::string path = dir.file("test.pid"), old = "12345678901234567890\nold tail\n";
-    write_file(path, old);  // longer than a pid: overwritten from its start, not cut
+    const std::string path = dir.file("test.pid");
+    write_file(path, "12345678901234567890\nold tail\n");  // a stale, longer file
     EXPECT_EQ(0, make_daemon(path));
     pid_t pid = 0;
     ASSERT_TRUE(wait_until([&] { return (pid = lock_holder(path)) > 0; }));
-    const std::string head = std::to_string(pid) + "\n", text = head + old.substr(head.size());
-    // The pid is written once the lock is held.
+    const std::string text = std::to_string(pid) + "\n";
     EXPECT_TRUE(wait_until([&] { return read_file(path) == text; })) << read_file(path);
+    struct stat st {};
+    ASSERT_EQ(0, stat(path.c_str(), &st));
+    EXPECT_EQ(0644u, st.st_mode & 07777);
 
     // A second daemon on the same file fails and leaves it alone.
     EXPECT_EQ(0, make_daemon(path));
@@ -93,6 +96,15 @@ TEST(DaemonInit, WritesALockedPidFileThatASecondDaemonLeavesAloneAndCloseRemoves
     EXPECT_EQ(pid, waitpid(pid, &status, 0));
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     EXPECT_NE(access(path.c_str(), F_OK), 0);
+
+    // A pid file path that is a symbolic link is refused, its target untouched.
+    const std::string target = dir.file("target");
+    write_file(target, "keep\n");
+    ASSERT_EQ(0, symlink(target.c_str(), path.c_str()));
+    EXPECT_EQ(0, make_daemon(path));
+    EXPECT_GT(waitpid(-1, &status, 0), 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
+    EXPECT_EQ("keep\n", read_file(target));
 }
 
 }  // namespace

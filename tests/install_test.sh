@@ -31,21 +31,31 @@ echo "; changed by the operator" >>"$conf"
 install_into "$tmp/install2.log" --prefix "$prefix"
 tail -n 1 "$conf" | grep -qxF "; changed by the operator" || fail "a second install overwrote $conf"
 
-# The systemd unit, verified when systemd-analyze works here at all.
+# The systemd unit and its template (one instance per property, each with
+# its own configuration and pid file), verified when systemd-analyze works
+# here at all (the template as the instance "hotel-a").
 unit=$prefix/lib/systemd/system/orlanbeck.service
+template=$prefix/lib/systemd/system/orlanbeck@.service
 for line in "ExecStart=$prefix/sbin/orlanbeck -f -c $conf" 'ExecReload=/bin/kill -HUP $MAINPID' \
   "Restart=on-failure"; do
   grep -qxF "$line" "$unit" || fail "the unit lacks '$line'"
 done
+for line in "ExecStart=$prefix/sbin/orlanbeck -f -p /run/orlanbeck/%i/orlanbeck.pid -c $prefix/etc/orlanbeck/%i.conf" \
+  "RuntimeDirectory=orlanbeck/%i" 'ExecReload=/bin/kill -HUP $MAINPID'; do
+  grep -qxF "$line" "$template" || fail "the template unit lacks '$line'"
+done
 printf '[Unit]\nDescription=x\n[Service]\nExecStart=/bin/true\n' >"$tmp/reference.service"
 if systemd-analyze verify "$tmp/reference.service" >"$tmp/ref.out" 2>&1 && [ ! -s "$tmp/ref.out" ]; then
-  MANPATH=$prefix/share/man systemd-analyze verify "$unit" >"$tmp/verify.out" 2>&1 &&
-    [ ! -s "$tmp/verify.out" ] || fail "systemd-analyze verify: $(cat "$tmp/verify.out")"
+  cp "$template" "$tmp/orlanbeck@hotel-a.service"
+  for u in "$unit" "$tmp/orlanbeck@hotel-a.service"; do
+    MANPATH=$prefix/share/man systemd-analyze verify "$u" >"$tmp/verify.out" 2>&1 &&
+      [ ! -s "$tmp/verify.out" ] || fail "systemd-analyze verify $u: $(cat "$tmp/verify.out")"
+  done
 fi
 
 # The manual page renders without warnings.
 page=$prefix/share/man/man8/orlanbeck.8
-if grep -n '@[A-Za-z_]*@' "$page" "$unit"; then fail "unfilled @...@ placeholders"; fi
+if grep -n '@[A-Za-z_]*@' "$page" "$unit" "$template"; then fail "unfilled @...@ placeholders"; fi
 MANWIDTH=80 MANPAGER=cat man --warnings -l "$page" >"$tmp/man.txt" 2>"$tmp/man.err" &&
   [ ! -s "$tmp/man.err" ] || fail "man -l $page: $(cat "$tmp/man.err")"
 echo "install_test: all checks passed"

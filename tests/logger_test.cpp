@@ -3,6 +3,7 @@
 #include "logger.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -116,7 +117,8 @@ TEST_F(Logger, AValueCannotBreakOrForgeALine) {
               log().substr(17));
 }
 
-TEST_F(Logger, AFileMovedAwayIsLeftAfterAReopenOrASecond) {
+TEST_F(Logger, AFileMovedAwayIsLeftAfterAReopenOrASecondAndEveryNewFileIs0640) {
+    const mode_t old_mask = umask(0);
     logger_init(path().c_str(), 5, 0, 0);
     write_log(L_NOTICE, "f.cpp", 1, "fn", "first");
     ASSERT_EQ(0, rename(path().c_str(), (path() + ".1").c_str()));
@@ -128,6 +130,12 @@ TEST_F(Logger, AFileMovedAwayIsLeftAfterAReopenOrASecond) {
     EXPECT_EQ(1u, lines_of(read_file(path() + ".1")).size());  // "first" alone
     EXPECT_EQ(1u, lines_of(log()).size()) << log();
     EXPECT_NE(std::string::npos, log().find("third"));
+    umask(old_mask);
+    struct stat st {};
+    for (const std::string& file : {path(), path() + ".1"}) {
+        ASSERT_EQ(0, stat(file.c_str(), &st));
+        EXPECT_EQ(0640u, st.st_mode & 07777) << file;
+    }
 }
 
 TEST_F(Logger, ConcurrentWritersGiveWholeLines) {

@@ -39,7 +39,10 @@ unit=$root/lib/systemd/system/orlanbeck.service
 for line in "Type=notify" "WatchdogSec=60" "ExecStart=/usr/sbin/orlanbeck -f -c /etc/orlanbeck.conf"; do
   grep -qxF "$line" "$unit" || fail "the unit lacks '$line'"
 done
+grep -qxF "ExecStart=/usr/sbin/orlanbeck -f -p /run/orlanbeck/%i/orlanbeck.pid -c /etc/orlanbeck/%i.conf" \
+  "$root/lib/systemd/system/orlanbeck@.service" || fail "no template unit orlanbeck@.service"
 grep -q 'systemctl reload orlanbeck' "$root/etc/logrotate.d/orlanbeck" || fail "logrotate: no reload"
+grep -qF '/var/log/orlanbeck/*.log' "$root/etc/logrotate.d/orlanbeck" || fail "logrotate: no instance logs"
 for doc in copyright changelog.Debian.gz README.md operation.md; do
   [ -f "$root/usr/share/doc/orlanbeck/$doc" ] || fail "no /usr/share/doc/orlanbeck/$doc"
 done

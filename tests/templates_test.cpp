@@ -95,6 +95,30 @@ TEST_F(Templates, UnknownPlaceholdersAreFoundPerRoutine) {
     for (auto [kind, q, at] : cases) EXPECT_EQ(template_unknown_placeholder(kind, q), at) << q;
 }
 
+// "%room%" of a handler's step: in actions always; in statements with the
+// fix (or [extensions]), its quotes doubled; a "%" of the room never starts a
+// placeholder where "%%" writes one "%".
+TEST_F(Templates, RoomOfAStepIsFilledInStatementsOnlyWithTheFix) {
+    const std::string sql = "pbx:insert into log values('%room%')",
+                      action = "ami:DBPut|Key=%room%|Val=%name%";
+    config cfg;
+    EXPECT_EQ(fill_room(cfg, sql, "O'1"), sql);
+    EXPECT_EQ(fill_room(cfg, action, "1%name%"), "ami:DBPut|Key=1%%name%%|Val=%name%");
+    cfg.fixes.percent = true;
+    EXPECT_EQ(fill_room(cfg, sql, "O'1%"), "pbx:insert into log values('O''1%%')");
+    fill_options percent;
+    percent.percent = true;
+    percent.echo = false;
+    fias_field_t name = field("Smith");
+    EXPECT_EQ(
+        prepare_query(&drv_, split_service(fill_room(cfg, action, "1%name%")).statement.c_str(),
+                      nullptr, &name, nullptr, nullptr, nullptr, nullptr, nullptr, percent),
+        "DBPut|Key=1%name%|Val=Smith");
+    cfg.fixes.percent = false;
+    cfg.extensions["101"] = {"2101"};
+    EXPECT_EQ(fill_room(cfg, sql, "101"), "pbx:insert into log values('101')");
+}
+
 // A template with an unknown placeholder stops its thread for good: it logs
 // one ERROR naming the template and sleeps. The thread is left asleep, so
 // what it uses lives for the whole process.

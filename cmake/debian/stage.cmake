@@ -7,8 +7,9 @@ endif()
 set(_doc "${_root}/usr/share/doc/orlanbeck")
 
 file(MAKE_DIRECTORY "${_root}/lib/systemd/system")
-file(RENAME "${_root}/usr/lib/systemd/system/orlanbeck.service"
-     "${_root}/lib/systemd/system/orlanbeck.service")
+foreach(_unit orlanbeck.service orlanbeck@.service)
+  file(RENAME "${_root}/usr/lib/systemd/system/${_unit}" "${_root}/lib/systemd/system/${_unit}")
+endforeach()
 file(REMOVE_RECURSE "${_root}/usr/lib/systemd")
 
 # (file(INSTALL) would honour the DESTDIR that CPack set: copy instead.)

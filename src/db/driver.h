@@ -28,6 +28,7 @@
 #include <string_view>
 
 #include "metrics.h"
+#include "text.h"
 #include "thread_annotations.h"
 
 // The connection state of one driver kind (SQLite file, internal SQLite,
@@ -48,12 +49,7 @@ class db_handle {
     virtual int is_connected() = 0;
     // `text` escaped for a quoted literal of this database; by default the
     // standard SQL rule: every "'" doubled.
-    virtual std::string escape(std::string_view text) {
-        std::string out;
-        out.reserve(text.size());
-        for (char c : text) out.append(c == '\'' ? 2 : 1, c);
-        return out;
-    }
+    virtual std::string escape(std::string_view text) { return sql_quoted(text); }
 };
 
 struct CAPABILITY("database record") dbdriver_t {

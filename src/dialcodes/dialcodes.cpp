@@ -7,6 +7,7 @@
 
 #include "fias/codec.h"
 #include "logger.h"
+#include "text.h"
 
 namespace {
 
@@ -143,11 +144,8 @@ void attach_dialcodes(mgr_session& session, config_ptr cfg, const outbox_parts& 
             LOG(L_NOTICE, "Room status of room %s: %s%s%s", e.room.c_str(), e.status.c_str(),
                 e.maid_id.empty() ? "" : ", maid ", e.maid_id.c_str());
         }
-        char date[16], clock[16];
-        strftime(date, sizeof date, "%Y-%m-%d", &now);
-        strftime(clock, sizeof clock, "%H:%M:%S", &now);
-        entry.date = date;
-        entry.time = clock;
+        entry.date = local_time_text(t, "%Y-%m-%d");
+        entry.time = local_time_text(t, "%H:%M:%S");
         entry.record = dialcode_record(e, entry.seq, now);
         deliver(parts, entry);
     });

@@ -5,6 +5,7 @@
 
 #include "guest/handlers.h"
 #include "logger.h"
+#include "text.h"
 
 namespace {
 
@@ -32,16 +33,8 @@ opt_text with_old_room(const record_context& ctx, const std::string& service,
         CTX_LOG(ctx, L_ERROR, "Old room \"%s\" has a \"%%\": services:room_move not run", old_room);
         return std::nullopt;
     }
-    std::string out = service;
-    const std::string token = "%oldexten%";
     const bool statement = service.rfind("ami:", 0) != 0;
-    std::string value;
-    for (const char* c = old_room; *c; c++) value.append(statement && *c == '\'' ? 2 : 1, *c);
-    for (size_t at = out.find(token); at != std::string::npos; at = out.find(token, at)) {
-        out.replace(at, token.size(), value);
-        at += value.size();
-    }
-    return out;
+    return replace_all(service, "%oldexten%", statement ? sql_quoted(old_room) : old_room);
 }
 
 }  // namespace

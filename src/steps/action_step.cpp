@@ -4,6 +4,7 @@
 
 #include "fias/charset.h"
 #include "steps/context.h"
+#include "text.h"
 
 namespace {
 
@@ -11,14 +12,6 @@ namespace {
 const dbdriver_t& action_formats() {
     static const dbdriver_t formats;
     return formats;
-}
-
-// A value can neither end its header nor start another: line ends become
-// blanks.
-std::string one_line(std::string text) {
-    for (char& c : text)
-        if (c == '\r' || c == '\n') c = ' ';
-    return text;
 }
 
 std::vector<std::string> split_at_bars(const std::string& spec) {

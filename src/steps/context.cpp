@@ -2,6 +2,7 @@
 
 #include "logger.h"
 #include "templates/templates.h"
+#include "text.h"
 
 fias_field_t* room_field(const record_context& ctx) {
     fias_field_t* rn = fias_get_field(&ctx.record, "RN");
@@ -77,26 +78,6 @@ int run_service_template(const record_context& ctx, const opt_text& service, con
     return 0;
 }
 
-namespace {
-
-// "%room%" is the room in an action step and, with [extensions], in every
-// step (in a statement with its quotes doubled).
-std::string with_room(const config& cfg, const std::string& step, const std::string& room) {
-    const bool action = step.rfind("ami:", 0) == 0;
-    if (!action && cfg.extensions.empty()) return step;
-    std::string value;
-    for (char c : room) value.append(!action && c == '\'' ? 2 : 1, c);
-    std::string out = step;
-    const std::string token = "%room%";
-    for (size_t at = out.find(token); at != std::string::npos; at = out.find(token, at)) {
-        out.replace(at, token.size(), value);
-        at += value.size();
-    }
-    return out;
-}
-
-}  // namespace
-
 int run_service(const record_context& ctx, const char* key, const opt_text& service,
                 const step_fields& f, const step_adapter& adapt) {
     const std::string room = f.room ? f.room : field_text(f.rn);
@@ -115,7 +96,7 @@ int run_service(const record_context& ctx, const char* key, const opt_text& serv
             const opt_text text = adapt ? adapt(*step, i) : step;
             if (!text) continue;
             const fias_field_t extension = text_field("RN", each ? extensions[i] : room);
-            const std::string filled = with_room(*ctx.cfg, *text, room);
+            const std::string filled = fill_room(*ctx.cfg, *text, room);
             step_fields g = f;
             g.rn = each ? &extension : f.rn;
             g.room = room.c_str();

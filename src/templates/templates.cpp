@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "logger.h"
+#include "text.h"
 
 namespace {
 
@@ -65,16 +66,12 @@ int match(const placeholder_set& set, const char* at) {
 }
 
 void append_strftime(std::string& out, const char* format, const struct tm& tmv) {
-    char scratch[32] = "";
-    strftime(scratch, sizeof scratch, format, &tmv);
-    out += scratch;
+    char scratch[64];
+    out.append(scratch, strftime(scratch, sizeof scratch, format, &tmv));
 }
 
 void append_now(std::string& out, const char* format) {
-    time_t now = time(nullptr);
-    struct tm tmv;
-    localtime_r(&now, &tmv);
-    append_strftime(out, format, tmv);
+    out += local_time_text(time(nullptr), format);
 }
 
 // The substitution skeleton shared by the three routines: `value` appends the
@@ -235,6 +232,14 @@ int template_unknown_placeholder(template_kind kind, const char* q) {
         p += set.begin[i].len;
     }
     return -1;
+}
+
+std::string fill_room(const config& cfg, const std::string& step, const std::string& room) {
+    const bool action = step.rfind("ami:", 0) == 0;
+    if (!action && cfg.extensions.empty() && !cfg.fixes.percent) return step;
+    std::string value = action ? room : sql_quoted(room);
+    if (action || cfg.fixes.percent) value = replace_all(value, "%", "%%");
+    return replace_all(step, "%room%", value);
 }
 
 service_string split_service(const std::string& value) {

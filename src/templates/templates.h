@@ -61,6 +61,14 @@ std::string prepare_query3(const dbdriver_t* drv, const char* q, const char* par
 // or -1 when the template is sound.
 int template_unknown_placeholder(template_kind kind, const char* q);
 
+// A step of a record handler (a service string, or "ami:..." for a Manager
+// action) with "%room%" filled in with `room`: always in an action step, and
+// in a statement with [extensions] or [fixes] percent, its quotes doubled;
+// otherwise the step is returned as it is. Where "%%" writes one "%" (action
+// steps, and statements under percent) a "%" of the room is doubled, so that
+// a room never starts a placeholder.
+std::string fill_room(const config& cfg, const std::string& step, const std::string& room);
+
 // A service string split at its first ":". Without ":", driver is "sqlite"
 // and has_statement is false.
 struct service_string {

@@ -14,6 +14,7 @@
 #include "logger.h"
 #include "metrics.h"
 #include "process.h"
+#include "text.h"
 #include "wakeup/schedule.h"
 
 namespace {
@@ -60,14 +61,6 @@ int retry_interval(const config& cfg) {
     return std::max(cfg.wakeup.retry_interval, 1);
 }
 
-std::string replaced(std::string text, const std::string& token, const std::string& value) {
-    for (size_t at = text.find(token); at != std::string::npos; at = text.find(token, at)) {
-        text.replace(at, token.size(), value);
-        at += value.size();
-    }
-    return text;
-}
-
 // "HH:MM" (or "HH:MM:SS") of a "TI" as the PMS sent it.
 std::string shown_time(const std::string& ti) {
     const std::string key = wakeup_time_key(ti);
@@ -75,22 +68,6 @@ std::string shown_time(const std::string& ti) {
     std::string out = key.substr(0, 2) + ":" + key.substr(2, 2);
     if (key.substr(4) != "00") out += ":" + key.substr(4);
     return out;
-}
-
-std::string local_text(long seconds, const char* format) {
-    const time_t t = seconds;
-    struct tm tm {};
-    localtime_r(&t, &tm);
-    char buf[32];
-    strftime(buf, sizeof buf, format, &tm);
-    return buf;
-}
-
-// A value that can neither end its header nor start another.
-std::string one_line(std::string text) {
-    for (char& c : text)
-        if (c == '\r' || c == '\n') c = ' ';
-    return text;
 }
 
 // How long a place that could not be placed (the Manager session is down)
@@ -237,7 +214,7 @@ void wakeup_dialer::book(const std::string& room, const std::string& date,
         save(b);
         if (b.id <= 0) return;
         LOG(L_NOTICE, "Wake-up for room %s booked for %s", room.c_str(),
-            local_text(*due, "%Y-%m-%d %H:%M:%S").c_str());
+            local_time_text(*due, "%Y-%m-%d %H:%M:%S").c_str());
         bookings_[b.id] = b;
         parts_.notify.wakeups(static_cast<int>(bookings_.size()));
     }
@@ -282,7 +259,7 @@ wakeup_dialer::call wakeup_dialer::originate(booking& b, const config& cfg) {
     std::string all;
     for (const std::string& e : extensions) all += (all.empty() ? "" : "&") + e;
     auto fill = [&](const std::string& text) {
-        return one_line(replaced(replaced(text, "%exten%", first), "%room%", b.room));
+        return one_line(replace_all(replace_all(text, "%exten%", first), "%room%", b.room));
     };
     call c;
     c.action_id = id_prefix_ + std::to_string(b.id) + "-" + std::to_string(b.attempt);
@@ -463,10 +440,10 @@ void wakeup_dialer::run_alert(const ended& e, const config& cfg) {
         std::string out = text;
         for (const auto& [token, value] : {std::pair<const char*, std::string>{"%room%", e.b.room},
                                            {"%exten%", exten},
-                                           {"%date%", local_text(e.b.due, "%Y-%m-%d")},
-                                           {"%time%", local_text(e.b.due, "%H:%M:%S")},
+                                           {"%date%", local_time_text(e.b.due, "%Y-%m-%d")},
+                                           {"%time%", local_time_text(e.b.due, "%H:%M:%S")},
                                            {"%result%", e.result}})
-            out = replaced(out, token, escape(value));
+            out = replace_all(out, token, escape(value));
         return out;
     };
     if (where == "ami") {
