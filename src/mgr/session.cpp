@@ -271,6 +271,16 @@ void mgr_session::replay() {
                     q = queue.erase(q);
                     continue;
                 }
+                if (!action_text(q->name, "", q->body).ends_with("\r\n\r\n")) {
+                    // Its end was lost in the states file: sent, it would
+                    // run into the next action.
+                    LOG(L_ERROR, "%s: Manager action %s for room %s is not whole: given up",
+                        addr.c_str(), q->name.c_str(), q->room.c_str());
+                    states_.action_done(q->id);
+                    unattended_.erase(q->id);
+                    q = queue.erase(q);
+                    continue;
+                }
                 if (q->sent == 1)
                     LOG(L_WARNING,
                         "%s: Manager action %s for room %s sent again: its answer was lost with "
