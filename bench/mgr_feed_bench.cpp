@@ -108,7 +108,7 @@ void BM_DaemonFeed(benchmark::State& state) {
         state.SkipWithError("no PMS simulator");
         return;
     }
-    int run = 0;
+    static int run = 0;  // a fresh folder for every run, repetitions too
     for (auto _ : state) {
         const std::string dir = work_dir() + "/feed" + std::to_string(run++);
         mkdir(dir.c_str(), 0700);
