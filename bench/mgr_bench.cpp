@@ -12,6 +12,7 @@
 // default when the key is absent) every header of every event and every room
 // compared is a DEBUG line in the log file.
 #include <benchmark/benchmark.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -123,7 +124,7 @@ void BM_ReaderToRoomTest(benchmark::State& state) {
             state.SkipWithError("read failed");
             break;
         }
-        for (int i = 0; i < m->hdrcount; ++i) LOG(L_DEBUG, "%s got: %s", addr, m->headers[i]);
+        for (int i = 0; i < m->count(); ++i) LOG(L_DEBUG, "%s got: %s", addr, m->line(i));
         if (strcasecmp(mgr_get_header(*m, "Event"), "Cdr") == 0) mgr_cache_cdr(*m, rooms, states);
     }
     writer.join();

@@ -45,9 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     (void)filter.reason({"101", dst, 60, "ANSWERED"});
 
     message m;
-    for (size_t i = 2; i < lines.size() && m.hdrcount < message::max_headers; ++i) {
-        m.touch(m.hdrcount);
-        snprintf(m.headers[m.hdrcount++], message::line_size, "%s", lines[i].c_str());
+    for (size_t i = 2; i < lines.size() && m.add(lines[i]); ++i) {
     }
     const dialcode_event e = read_dialcode_event(cfg, {"101", "102"}, m);
     if (e.kind == dialcode_event::none || !e.error.empty()) return 0;

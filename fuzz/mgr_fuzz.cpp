@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 
 #include "logger.h"
@@ -44,7 +45,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (;;) {
         m->clear();
         if (mgr_read(s, *m) < 0) break;
-        if (m->hdrcount < 0 || m->hdrcount > message::max_headers) __builtin_trap();
+        if (m->count() < 0 || m->count() > message::max_lines) __builtin_trap();
+        for (int i = 0; i < m->count(); ++i)
+            if (strlen(m->line(i)) > message::max_line) __builtin_trap();
         for (const char* name : names) {
             const char* v = mgr_get_header(*m, name);
             if (!v) __builtin_trap();
@@ -53,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (k.kind == mgr_message_kind::answer && k.action <= 0) __builtin_trap();
         if (k.kind == mgr_message_kind::event && k.name.empty()) __builtin_trap();
     }
-    if (s.inlen < 0 || s.inlen > 1023) __builtin_trap();
+    if (s.head > s.tail || s.tail > mansession::buffer_size) __builtin_trap();
     close(sv[1]);
     return 0;
 }

@@ -165,8 +165,12 @@ class daemon_process {
     // Why the daemon is not healthy ("" when it is).
     std::string health() {
         if (!link->active()) return "PMS link not active";
-        if (manager_used && !manager.get()) return "Manager session not running";
-        if (manager_used && !manager.get()->is_up()) return "Manager session not logged in";
+        if (manager_used) {
+            // Read once: a reload may replace the session meanwhile.
+            const std::shared_ptr<mgr_session> session = manager.get();
+            if (!session) return "Manager session not running";
+            if (!session->is_up()) return "Manager session not logged in";
+        }
         return notify->stopped_parts();
     }
     std::atomic<bool> manager_used{false};
@@ -198,19 +202,8 @@ class daemon_process {
         // Writing to a connection that was closed must fail, not end the
         // process (the Manager session's own writes never raise the signal).
         signal(SIGPIPE, SIG_IGN);
-        mgr_session::settings s;
-        s.host = cfg->mgr_host.value_or("");
-        s.port = cfg->mgr_port;
-        s.user = cfg->mgr_user.value_or("");
-        s.secret = cfg->mgr_passwd.value_or("");
-        s.events = login_events(*cfg);
-        // With [fixes] private_files the secret never reaches the log.
-        s.hide_secret = cfg->fixes.private_files;
-        s.actions = actions || dialer;
-        s.connect_timeout_s = cfg->ami_connect_timeout;
-        s.login_timeout_s = cfg->ami_login_timeout;
-        if (!cfg->use_manager) s.stop_prefix = "Manager session stopped";
-        auto session = std::make_shared<mgr_session>(s, *states, *notify);
+        const manager_setup setup = manager_setup_of(*cfg);
+        auto session = std::make_shared<mgr_session>(setup.session, *states, *notify);
         cdr_stored_hook stored;
         if (cfg->posting.immediate && posting)
             stored = [cfg, parts = posting](const std::vector<std::string>& rooms,
@@ -271,6 +264,38 @@ class daemon_process {
     mgr_session_slot manager;
 
   private:
+    // Everything the Manager session is made from: a reload that changes any
+    // of it (with [fixes] reload) starts a new session.
+    struct manager_setup {
+        mgr_session::settings session;  // the connection, the login, its event classes
+        bool capture = false;           // services:cdr_use_manager
+        bool immediate = false;         // [posting] immediate, fed by the capture
+        opt_text minibar_event;         // [dialcodes]
+        opt_text maid_event;
+        bool operator==(const manager_setup&) const = default;
+    };
+    manager_setup manager_setup_of(const config& cfg) const {
+        manager_setup m;
+        mgr_session::settings& s = m.session;
+        s.host = cfg.mgr_host.value_or("");
+        s.port = cfg.mgr_port;
+        s.user = cfg.mgr_user.value_or("");
+        s.secret = cfg.mgr_passwd.value_or("");
+        s.events = login_events(cfg);
+        // With [fixes] private_files (read at start only) the secret never
+        // reaches the log.
+        s.hide_secret = start_fixes.private_files;
+        s.actions = cfg.uses_actions() || wakeup != nullptr;
+        s.connect_timeout_s = cfg.ami_connect_timeout;
+        s.login_timeout_s = cfg.ami_login_timeout;
+        if (!cfg.use_manager) s.stop_prefix = "Manager session stopped";
+        m.capture = cfg.use_manager;
+        m.immediate = cfg.posting.immediate;
+        m.minibar_event = cfg.dialcodes.minibar_event;
+        m.maid_event = cfg.dialcodes.maid_event;
+        return m;
+    }
+
     // The event classes the login asks for: as configured; without the key
     // and without actions as always ("cdr" with [fixes] manager_events, since
     // current Asterisk sends Cdr events only to that class); with actions
@@ -372,15 +397,7 @@ class daemon_process {
             pms_moved = true;
             link->end();
         }
-        if (before.use_manager != after->use_manager || before.mgr_host != after->mgr_host ||
-            before.mgr_port != after->mgr_port || before.mgr_user != after->mgr_user ||
-            before.mgr_passwd != after->mgr_passwd || before.mgr_events != after->mgr_events ||
-            before.uses_actions() != after->uses_actions() ||
-            before.dialcodes.minibar_event != after->dialcodes.minibar_event ||
-            before.dialcodes.maid_event != after->dialcodes.maid_event ||
-            before.posting.immediate != after->posting.immediate ||
-            before.ami_connect_timeout != after->ami_connect_timeout ||
-            before.ami_login_timeout != after->ami_login_timeout) {
+        if (!(manager_setup_of(before) == manager_setup_of(*after))) {
             LOG(L_NOTICE, "Manager settings changed: starting a new session");
             notify->manager(after->use_manager);
             if (!stop_manager(std::chrono::steady_clock::now() + std::chrono::seconds(3)))

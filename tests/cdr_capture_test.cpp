@@ -5,6 +5,7 @@
 // `cdrcache` are emptied before each.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 
 #include "logger.h"
@@ -55,17 +56,27 @@ class Capture : public ::testing::Test {
     size_t InLog(const std::string& text) const {
         return occurrences(read_file(dir.file("log")), text);
     }
-    void StartCapture(bool refuse = false) {
+    // With `actions` the session sends actions too; `before` runs before it
+    // starts.
+    void StartCapture(bool refuse = false, bool actions = false,
+                      const std::function<void()>& before = {}) {
         mgr_sim_options o;
         o.refuse = refuse;
         sim = std::make_unique<mgr_sim>(o);
         ASSERT_TRUE(sim->start());
         auto cfg = std::make_shared<config>();
-        session = std::make_unique<mgr_session>(
-            mgr_session::settings{"127.0.0.1", sim->port(), "orlanbeck", "secret", "cdr"}, states,
-            notify);
+        mgr_session::settings s{"127.0.0.1", sim->port(), "orlanbeck", "secret", "cdr"};
+        s.actions = actions;
+        session = std::make_unique<mgr_session>(s, states, notify);
         attach_cdr_capture(*session, cfg, states);
+        if (before) before();
         session->start();
+    }
+    // A DBPut of `value`, waiting `timeout` for its answer.
+    mgr_session::answer Put(const std::string& key, const std::string& value,
+                            std::chrono::milliseconds timeout = 5s) {
+        return session->action("101", "DBPut", {{"Family", "f"}, {"Key", key}, {"Val", value}},
+                               timeout);
     }
     void WaitLoggedIn(size_t n) {
         ASSERT_TRUE(sim->wait_logins(static_cast<int>(n)));
@@ -128,6 +139,67 @@ TEST_F(Capture, LostConnectionLogsInAgainAndABurstLosesNothing) {
     ASSERT_TRUE(WaitCached(1001));
     EXPECT_EQ(std::vector<std::string>{"1001|101|101"},
               cached("count(distinct uniqueid), min(src), max(src)"));
+}
+
+// Text an outside caller controls (the caller name) and the exchange's
+// answers to Command, in both forms, change nothing in how events are read.
+TEST_F(Capture, NoValueOrCommandAnswerSwallowsCalls) {
+    StartCapture();
+    WaitLoggedIn(1);
+    ASSERT_EQ(1, sim->send_cdr(call("101", "u1").set("CallerID", "\"Response: Follows\" <101>")));
+    for (const char* uid : {"u2", "u3"}) ASSERT_EQ(1, sim->send_cdr(call("101", uid)));
+    ASSERT_EQ(1, sim->send_raw("Response: Follows\r\nPrivilege: Command\r\n\r\nno such\r\n"
+                               "--END COMMAND--\r\n\r\n"));
+    ASSERT_EQ(1, sim->send_cdr(call("101", "u4").set("LastData", "--END COMMAND--")));
+    ASSERT_EQ(1, sim->send_raw("Response: Success\r\nMessage: Command output follows\r\n"
+                               "Output: Response: Follows\r\n\r\n"));
+    for (const char* uid : {"u5", "u6"}) ASSERT_EQ(1, sim->send_cdr(call("101", uid)));
+    ASSERT_EQ(1, sim->send_cdr(call("101", "u7")));
+    ASSERT_TRUE(WaitCached(7)) << read_file(dir.file("log"));
+    EXPECT_EQ((std::vector<std::string>{"u1", "u2", "u3", "u4", "u5", "u6", "u7"}), cached());
+    EXPECT_EQ(1u, InLog("Found Response Follows"));
+}
+
+// An action the Manager does not take in time ends the connection; what
+// went out of it is never completed on the next one.
+TEST_F(Capture, AWriteThatCannotFinishEndsTheConnection) {
+    StartCapture(false, /*actions=*/true);
+    WaitLoggedIn(1);
+    sim->set_reading(false);
+    const std::string big(12 << 20, 'v');  // more than the sockets hold
+    EXPECT_EQ(mgr_session::answer::queued, Put("big", big, 1s).result);
+    EXPECT_EQ(1u, InLog("Manager: the action DBPut for room 101 could not be written in time"));
+    sim->set_reading(true);
+    WaitLoggedIn(2);
+    Put("small", "1");  // sent, or queued for the new connection
+    ASSERT_TRUE(wait_until([&] { return sim->db_get("f", "small").has_value(); }));
+    for (const mgr_action& a : sim->actions())
+        EXPECT_EQ(a.get("Key") == "big" ? big.size() : 1u, a.get("Val").size());
+}
+
+// The queue sent after a login does not hold up the reader: calls are
+// cached while the Manager takes none of it.
+TEST_F(Capture, EventsAreReadWhileTheQueueIsSent) {
+    const int queued = 1500;
+    const std::string value(3000, 'q');               // together more than the sockets hold
+    sqlite_exec(states_path, "delete from actions");  // left by other tests
+    StartCapture(false, /*actions=*/true, [&] {
+        for (int i = 0; i < queued; ++i)
+            ASSERT_EQ(mgr_session::answer::queued, Put(std::to_string(i), value).result);
+    });
+    sim->set_reading(false, /*after_login=*/true);
+    WaitLoggedIn(1);
+    for (const char* uid : {"r1", "r2", "r3"}) ASSERT_EQ(1, sim->send_cdr(call("101", uid)));
+    ASSERT_TRUE(WaitCached(3));
+    EXPECT_TRUE(sim->actions().empty());
+    sim->set_reading(true);
+    ASSERT_TRUE(sim->wait_actions(queued, 30s));
+    const std::vector<mgr_action> sent = sim->actions();
+    ASSERT_EQ(static_cast<size_t>(queued), sent.size());
+    for (int i = 0; i < queued; ++i) {
+        EXPECT_EQ(std::to_string(i), sent[static_cast<size_t>(i)].get("Key"));
+        EXPECT_EQ(value, sent[static_cast<size_t>(i)].get("Val"));
+    }
 }
 
 TEST_F(Capture, RefusedLoginEndsTheThread) {

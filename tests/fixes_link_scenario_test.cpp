@@ -195,4 +195,33 @@ TEST(FixesLink, HangupReloadsRotatesTheLogAndAMissingFileEndsWithStatusOne) {
     EXPECT_EQ(1, run.process().wait_exit(10s)) << run.log();
 }
 
+// A reload that changes the event classes the login asks for starts a new
+// Manager session, also when only fixes:manager_events changed them; one
+// that changes only fixes:private_files (read at start) starts none.
+TEST(FixesLink, AReloadThatChangesTheLoginsEventClassesStartsANewSession) {
+    daemon_run run;
+    run.use_manager();
+    run.unset("services", "cdr_mgr_events");
+    run.set("fixes", "reload", "yes").set("fixes", "signals", "yes");
+    ASSERT_TRUE(run.start()) << run.log();
+    run.set("fixes", "private_files", "yes").write_config();
+    run.process().signal(SIGHUP);
+    ASSERT_TRUE(run.wait_log("Hangup.")) << run.log();
+    const std::pair<const char*, const char*> changes[] = {{"manager_events", "cdr"},
+                                                           {"cdr_mgr_events", "cdr,user"}};
+    int logins = 1;
+    for (const auto& [key, events] : changes) {
+        if (std::string(key) == "manager_events")
+            run.set("fixes", key, "yes");
+        else
+            run.set("services", key, events);
+        run.write_config();
+        run.process().signal(SIGHUP);
+        ASSERT_TRUE(run.mgr.wait_logins(++logins)) << run.log();
+        EXPECT_NE(std::string::npos,
+                  run.mgr.login_texts().back().find("Events: " + std::string(events) + "\r\n"));
+    }
+    EXPECT_EQ(2u, run.count_log("Manager settings changed: starting a new session"));
+}
+
 }  // namespace

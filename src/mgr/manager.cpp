@@ -20,8 +20,8 @@
 
 namespace {
 
-constexpr int write_wait_ms = 100;
-constexpr int max_line = 1022;  // a buffered line longer than this without "\n" is dropped
+// How long the login may take to go out.
+constexpr std::chrono::seconds write_wait(1);
 
 int new_socket() {
     return socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -60,8 +60,7 @@ void mansession::reset() {
     if (fd >= 0) close(fd);
     sin = sockaddr_in{};
     fd = -1;
-    std::memset(inbuf, 0, sizeof inbuf);
-    inlen = 0;
+    drop_input();
     connected = 0;
     dead = 0;
     wake_fd = -1;
@@ -187,53 +186,74 @@ int mgr_connect(mansession& s) {
     if (fd == -1) return -1;
     LOG(L_DEBUG, "returning mgr_connect with %d", fd);
     s.fd = fd;
+    s.drop_input();
     return fd;
 }
 
-int __mgr_write(int fd, const char* buf, size_t len, int timeoutms) {
+int mgr_send(int fd, std::string_view text, std::chrono::steady_clock::time_point deadline,
+             int wake_fd) {
+    const char* p = text.data();
+    size_t len = text.size();
     while (len > 0) {
-        ssize_t n = send(fd, buf, len, MSG_NOSIGNAL | MSG_DONTWAIT);
+        ssize_t n = send(fd, p, len, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) return -1;
         if (n > 0) {
-            buf += n;
+            p += n;
             len -= static_cast<size_t>(n);
             if (len == 0) break;
         }
         // Full (EAGAIN) or partly written: wait until the socket takes more.
-        pollfd p{fd, POLLOUT, 0};
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return -1;
+        pollfd w[2] = {{fd, POLLOUT, 0}, {wake_fd, POLLIN, 0}};
         int r;
         do {
-            r = poll(&p, 1, timeoutms);
+            r = poll(w, wake_fd >= 0 ? 2 : 1,
+                     static_cast<int>(std::min<long long>(left.count(), 60000)));
         } while (r < 0 && errno == EINTR);
-        if (r <= 0) return -1;
+        if (r < 0 || (r > 0 && (w[1].revents & POLLIN))) return -1;
     }
     return 0;
 }
 
 int mgr_write(mansession& s, const message& m) {
-    if (m.hdrcount == 0) {
-        __mgr_write(s.fd, "\r\n", 2, write_wait_ms);
+    std::string text;
+    for (int i = 0; i < m.count(); ++i) {
+        if (!*m.line(i)) continue;
+        text += m.line(i);
+        text += "\r\n";
+    }
+    text += "\r\n";
+    if (mgr_send(s.fd, text, std::chrono::steady_clock::now() + write_wait, s.wake_fd) == 0)
         return 0;
-    }
-    for (int i = 0; i < m.hdrcount && i <= message::max_headers; ++i) {
-        size_t len = strnlen(m.headers[i], message::line_size);
-        if (len == 0) continue;
-        __mgr_write(s.fd, m.headers[i], len, write_wait_ms);
-        __mgr_write(s.fd, "\r\n", 2, write_wait_ms);
-    }
-    __mgr_write(s.fd, "\r\n", 2, write_wait_ms);
-    return 0;
+    shutdown(s.fd, SHUT_RDWR);
+    return -1;
 }
 
 int mgr_add_header(message& m, const char* fmt, ...) {
-    if (m.hdrcount > message::max_headers - 1) return 1;
-    m.touch(m.hdrcount);
+    if (m.count() >= message::max_lines) return 1;
+    char small[256];
     va_list ap;
     va_start(ap, fmt);
-    vsnprintf(m.headers[m.hdrcount], sizeof m.headers[m.hdrcount], fmt, ap);
+    va_list again;
+    va_copy(again, ap);
+    const int n = vsnprintf(small, sizeof small, fmt, ap);
     va_end(ap);
-    m.hdrcount++;
+    if (n < 0) {
+        va_end(again);
+        return 1;
+    }
+    if (static_cast<size_t>(n) < sizeof small) {
+        va_end(again);
+        m.add(std::string_view(small, static_cast<size_t>(n)));
+        return 0;
+    }
+    std::string big(static_cast<size_t>(n) + 1, '\0');
+    vsnprintf(big.data(), big.size(), fmt, again);
+    va_end(again);
+    m.add(std::string_view(big.data(), static_cast<size_t>(n)));
     return 0;
 }
 
@@ -244,11 +264,11 @@ int mgr_login(mansession& s, const char* events) {
     LOG(L_DEBUG, "asterisk@%s: Connecting (u=%s, p=%s)", addr.c_str(), s.user.c_str(),
         s.hide_secret ? "(hidden)" : s.pass.c_str());
 
-    auto m = std::make_unique<message>();
-    mgr_add_header(*m, "Action: Login");
-    mgr_add_header(*m, "Username: %s", s.user.c_str());
-    mgr_add_header(*m, "Secret: %s", s.pass.c_str());
-    mgr_add_header(*m, "Events: %s", events && *events ? events : "call");
+    message m;
+    mgr_add_header(m, "Action: Login");
+    mgr_add_header(m, "Username: %s", s.user.c_str());
+    mgr_add_header(m, "Secret: %s", s.pass.c_str());
+    mgr_add_header(m, "Events: %s", events && *events ? events : "call");
 
     while (mgr_connect(s) == -1) {
         int err = errno;
@@ -256,58 +276,58 @@ int mgr_login(mansession& s, const char* events) {
             strerror(err), err);
         if (woken(s, 1000)) return 1;
     }
-    mgr_write(s, *m);
+    mgr_write(s, m);  // a login that did not go out makes the next read fail
     return 0;
 }
 
-const char* mgr_get_header(const message& m, const char* name) {
-    // The key is "<name>: ", cut to 79 characters.
-    if (!name) name = "";
-    const size_t namelen = strnlen(name, 80);
-    if (namelen > 77) {
-        char key[80];
-        snprintf(key, sizeof key, "%s: ", name);
-        const size_t keylen = strlen(key);
-        for (int i = 0; i < std::min(m.hdrcount, message::max_headers); ++i)
-            if (strncasecmp(key, m.headers[i], keylen) == 0) return m.headers[i] + keylen;
-        return "";
+bool message::add(std::string_view text) {
+    if (lines_.size() >= static_cast<size_t>(max_lines)) return false;
+    if (text.size() > max_line) text = text.substr(0, max_line);
+    entry e{static_cast<uint32_t>(text_.size()), no_name};
+    // The name is what stands before the first ": ".
+    for (size_t colon = text.find(':'); colon != std::string_view::npos;
+         colon = text.find(':', colon + 1)) {
+        if (colon + 1 < text.size() && text[colon + 1] == ' ') {
+            e.name_len = static_cast<uint32_t>(colon);
+            break;
+        }
     }
-    for (int i = 0; i < std::min(m.hdrcount, message::max_headers); ++i) {
-        const char* h = m.headers[i];
-        if (strncasecmp(name, h, namelen) == 0 && h[namelen] == ':' && h[namelen + 1] == ' ')
-            return h + namelen + 2;
+    text_.append(text);
+    text_.push_back('\0');
+    lines_.push_back(e);
+    return true;
+}
+
+const char* message::get(std::string_view name) const {
+    for (const entry& e : lines_) {
+        if (e.name_len != name.size()) continue;
+        const char* line = text_.data() + e.start;
+        if (strncasecmp(line, name.data(), name.size()) == 0) return line + name.size() + 2;
     }
     return "";
 }
 
-int mgr_get_input(mansession& s, char* output) {
-    if (s.inlen > 0) {
-        if (const void* nl = memchr(s.inbuf, '\n', static_cast<size_t>(s.inlen))) {
-            int x = static_cast<int>(static_cast<const char*>(nl) - s.inbuf);
-            int linelen = (x > 0 && s.inbuf[x - 1] == '\r') ? x - 1 : x;
-            memcpy(output, s.inbuf, static_cast<size_t>(linelen));
-            output[linelen] = '\0';
-            memmove(s.inbuf, s.inbuf + x + 1, static_cast<size_t>(s.inlen - x - 1));
-            s.inlen -= x + 1;
-            s.inbuf[s.inlen] = '\0';
-            return 1;
-        }
-    }
-    if (s.inlen < 0 || s.inlen > max_line) {
-        LOG(L_DEBUG, "Warning: Got long line with no end from %s: %s\n", dotted(s).c_str(),
-            s.inlen > 0 ? s.inbuf : "");
-        s.inlen = 0;
-        s.inbuf[0] = '\0';
-    }
+namespace {
 
+// Waits for the manager's bytes (without a wait while bytes are there, up to
+// 64 receives in a row) and appends them to the buffer: 0, or -1 / -2 as
+// mgr_read.
+int receive(mansession& s) {
     if (s.fd < 0) return -1;  // no socket to wait on: never block for ever on nothing
-    const size_t room = sizeof s.inbuf - 1 - static_cast<size_t>(s.inlen);
+    if (s.head == s.tail) {
+        s.head = s.tail = 0;
+    } else if (mansession::buffer_size - s.tail < message::max_line + 2) {
+        memmove(s.buf.get(), s.buf.get() + s.head, s.tail - s.head);
+        s.tail -= s.head;
+        s.head = 0;
+    }
+    char* at = s.buf.get() + s.tail;
+    const size_t room = mansession::buffer_size - s.tail;
     if (++s.quick_reads < 64) {
-        ssize_t n = recv(s.fd, s.inbuf + s.inlen, room, MSG_DONTWAIT);
+        ssize_t n = recv(s.fd, at, room, MSG_DONTWAIT);
         if (n == 0) return -1;
         if (n > 0) {
-            s.inlen += static_cast<int>(n);
-            s.inbuf[s.inlen] = '\0';
+            s.tail += static_cast<size_t>(n);
             return 0;
         }
         if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) return -1;
@@ -335,35 +355,77 @@ int mgr_get_input(mansession& s, char* output) {
         LOG(L_ERROR, "Select returned error");
         return -1;
     }
-    ssize_t n = recv(s.fd, s.inbuf + s.inlen, room, 0);
+    ssize_t n = recv(s.fd, at, room, 0);
     if (n <= 0) return -1;
-    s.inlen += static_cast<int>(n);
-    s.inbuf[s.inlen] = '\0';
+    s.tail += static_cast<size_t>(n);
     return 0;
 }
 
+// Adds one whole line to `m`: true when it ends the message.
+bool take_line(message& m, std::string_view line) {
+    if (m.in_command) {
+        if (line == "--END COMMAND--") {
+            LOG(L_DEBUG, "Found END COMMAND");
+            m.in_command = false;
+        }
+        m.add(line);
+        return false;
+    }
+    if (line.empty()) return true;
+    // Only an answer's own Response header, its first header, starts a
+    // command's output.
+    if (line.size() == 17 && strncasecmp(line.data(), "Response: ", 10) == 0 &&
+        line.substr(10) == "Follows") {
+        bool first = true;
+        for (int i = 0; i < m.count() && first; ++i) first = strstr(m.line(i), ": ") == nullptr;
+        if (first) {
+            LOG(L_DEBUG, "Found Response Follows");
+            m.in_command = true;
+        }
+    }
+    m.add(line);
+    return false;
+}
+
+}  // namespace
+
 int mgr_read(mansession& s, message& m) {
     for (;;) {
-        char* slot = m.headers[m.hdrcount];
-        m.touch(m.hdrcount);
-        int res = mgr_get_input(s, slot);
-        if (strstr(slot, "--END COMMAND--")) {
-            LOG(L_DEBUG, "Found END COMMAND");
-            m.in_command = 0;
+        while (s.head < s.tail) {
+            char* p = s.buf.get() + s.head;
+            const size_t avail = s.tail - s.head;
+            const char* nl = static_cast<const char*>(memchr(p, '\n', avail));
+            if (s.skipping) {
+                if (!nl) {
+                    s.head = s.tail;
+                    break;
+                }
+                s.head += static_cast<size_t>(nl - p) + 1;
+                s.skipping = false;
+                continue;
+            }
+            size_t len;
+            if (nl) {
+                len = static_cast<size_t>(nl - p);
+                s.head += len + 1;
+                if (len > 0 && p[len - 1] == '\r') --len;
+            } else if (avail > message::max_line + 1) {
+                // No line end in sight: the rest is dropped once it comes.
+                len = avail;
+                s.head = s.tail;
+                s.skipping = true;
+            } else {
+                break;
+            }
+            if (len > message::max_line) {
+                LOG(L_WARNING, "Manager %s: a line longer than %zu bytes was cut",
+                    dotted(s).c_str(), message::max_line);
+                len = message::max_line;
+            }
+            if (take_line(m, std::string_view(p, len))) return 1;
         }
-        if (strstr(slot, "Response: Follows")) {
-            LOG(L_DEBUG, "Found Response Follows");
-            m.in_command = 1;
-        }
-        if (res == 0) continue;
-        if (res < 0) return res;
-        if (!m.in_command && slot[0] == '\0') return 1;
-        if (m.hdrcount >= message::max_headers) {
-            // Kept uncounted in the spare slot; the next empty line ends the message.
-            m.in_command = 0;
-        } else {
-            m.hdrcount++;
-        }
+        const int r = receive(s);
+        if (r < 0) return r;
     }
 }
 

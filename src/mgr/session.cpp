@@ -37,7 +37,21 @@ std::string shown_header(const char* line) {
         text.replace(open + 1, close - open - 1, "<name>");
     return text;
 }
-constexpr int write_wait_ms = 100;
+// How long a write may take that has no deadline of its own (the queue
+// after a login, send_now()).
+constexpr std::chrono::seconds write_wait(5);
+
+std::string action_text(const std::string& name, const std::string& action_id,
+                        const std::string& body) {
+    return "Action: " + name + "\r\nActionID: " + action_id + "\r\n" + body;
+}
+
+std::string body_of(const mgr_session::headers& fields) {
+    std::string body;
+    for (const auto& [header, value] : fields) body += header + ": " + value + "\r\n";
+    body += "\r\n";
+    return body;
+}
 
 }  // namespace
 
@@ -59,11 +73,27 @@ void mgr_session::subscribe_answers(const std::string& prefix,
 
 bool mgr_session::send_now(const std::string& name, const std::string& action_id,
                            const headers& fields) {
-    std::string text = "Action: " + name + "\r\nActionID: " + action_id + "\r\n";
-    for (const auto& [header, value] : fields) text += header + ": " + value + "\r\n";
-    text += "\r\n";
-    mutex_lock guard(mutex_);
-    return fd_ >= 0 && __mgr_write(fd_, text.data(), text.size(), write_wait_ms) == 0;
+    const std::string text = action_text(name, action_id, body_of(fields));
+    mutex_lock writing(write_mutex_);
+    int fd;
+    {
+        mutex_lock guard(mutex_);
+        fd = fd_;
+    }
+    return fd >= 0 &&
+           write_whole(fd, text, std::chrono::steady_clock::now() + write_wait, "action " + name);
+}
+
+bool mgr_session::write_whole(int fd, const std::string& text,
+                              std::chrono::steady_clock::time_point deadline,
+                              const std::string& what) {
+    if (mgr_send(fd, text, deadline, stop_.fd()) == 0) return true;
+    // Whatever part went out must not be followed by another action: the
+    // connection ends, the reader sees it and logs in again.
+    LOG(L_ERROR, "Manager: the %s could not be written in time: ending the connection",
+        what.c_str());
+    shutdown(fd, SHUT_RDWR);
+    return false;
 }
 
 void mgr_session::before_start(std::function<bool(std::string&)> hook) {
@@ -79,47 +109,67 @@ void mgr_session::after_login(std::function<void()> hook) {
 }
 
 void mgr_session::start() {
+    if (settings_.actions) replayer_.start([this] { replay(); });
     thread_.start([this] { run(); });
 }
 
 bool mgr_session::stop(std::chrono::steady_clock::time_point deadline) {
     stop_.request();
-    return thread_.join_until(deadline);
+    {
+        mutex_lock guard(mutex_);
+        replay_wanted_.notify_all();
+    }
+    const bool replayer = replayer_.join_until(deadline);
+    return thread_.join_until(deadline) && replayer;
 }
 
-bool mgr_session::send_locked(long id, const std::string& name, const std::string& body) {
-    if (fd_ < 0) return false;
-    const std::string text = "Action: " + name + "\r\nActionID: " + action_id_prefix +
-                             std::to_string(id) + "\r\n" + body;
+void mgr_session::note_sent(long id, const std::string& name) {
     states_.action_sent(id);
     names_[id] = name;
     if (names_.size() > static_cast<size_t>(states_file::max_queued_actions))
         names_.erase(names_.begin());
-    return __mgr_write(fd_, text.data(), text.size(), write_wait_ms) == 0;
 }
 
 mgr_session::answer mgr_session::action(const std::string& room, const std::string& name,
                                         const headers& fields, std::chrono::milliseconds timeout) {
-    std::string body;
-    for (const auto& [header, value] : fields) body += header + ": " + value + "\r\n";
-    body += "\r\n";
+    const std::string body = body_of(fields);
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    mutex_lock guard(mutex_);
-    // Queued and sent under one lock, so that a login that sends the queue
-    // meanwhile sends it exactly once and in order.
-    const long id = states_.queue_action(room, name, body);
     answer a;
-    if (id < 0) {
-        a.result = answer::error;
-        a.message = "the states file cannot be written";
-        return a;
-    }
-    if (!send_locked(id, name, body)) {
-        a.result = answer::queued;
-        return a;
-    }
     auto w = std::make_shared<waiter>();
-    waiting_[id] = w;
+    long id;
+    {
+        // Queued and written under one lock, so that the queue sent after a
+        // login meanwhile holds it exactly once and in order.
+        mutex_lock writing(write_mutex_);
+        id = states_.queue_action(room, name, body);
+        if (id < 0) {
+            a.result = answer::error;
+            a.message = "the states file cannot be written";
+            return a;
+        }
+        int fd;
+        {
+            mutex_lock guard(mutex_);
+            fd = fd_;
+            if (fd >= 0) {
+                note_sent(id, name);
+                waiting_[id] = w;
+            }
+        }
+        if (fd < 0) {
+            a.result = answer::queued;
+            return a;
+        }
+        if (!write_whole(fd, action_text(name, action_id_prefix + std::to_string(id), body),
+                         deadline, "action " + name + " for room " + room)) {
+            mutex_lock guard(mutex_);
+            waiting_.erase(id);
+            unattended_[id] = {room, name};
+            a.result = answer::queued;
+            return a;
+        }
+    }
+    mutex_lock guard(mutex_);
     while (!w->answered)
         if (answered_.wait_until(mutex_, deadline) == std::cv_status::timeout) break;
     // Unanswered, it stays queued: sent once more after the next login.
@@ -176,34 +226,87 @@ bool mgr_session::deliver(const message& m) {
     return true;
 }
 
-void mgr_session::logged_in(mansession& s, const char* addr) {
-    mutex_lock guard(mutex_);
-    fd_ = s.fd;
-    up_ = true;
-    if (!settings_.actions) return;
-    std::vector<states_file::queued_action> queue;
-    states_.queued_actions(queue);
-    for (const states_file::queued_action& q : queue) {
-        if (q.sent >= 2) {
-            LOG(L_ERROR, "%s: Manager action %s for room %s was never answered: given up", addr,
-                q.name.c_str(), q.room.c_str());
-            states_.action_done(q.id);
-            unattended_.erase(q.id);
-            continue;
+void mgr_session::logged_in(mansession& s) {
+    {
+        mutex_lock guard(mutex_);
+        if (settings_.actions) {
+            // The replay thread takes the connection over and sends the queue
+            // first, while this thread reads on.
+            login_fd_ = s.fd;
+            replay_wanted_.notify_all();
+        } else {
+            fd_ = s.fd;
+            up_ = true;
         }
-        if (q.sent == 1)
-            LOG(L_WARNING,
-                "%s: Manager action %s for room %s sent again: its answer was lost with the "
-                "connection",
-                addr, q.name.c_str(), q.room.c_str());
-        if (!waiting_.count(q.id)) unattended_[q.id] = {q.room, q.name};
-        send_locked(q.id, q.name, q.body);
+    }
+}
+
+void mgr_session::replay() {
+    for (;;) {
+        {
+            mutex_lock guard(mutex_);
+            while (login_fd_ < 0 && !stop_.requested()) replay_wanted_.wait(mutex_);
+            if (stop_.requested()) return;
+        }
+        mutex_lock writing(write_mutex_);
+        int fd;
+        std::string addr;
+        std::vector<states_file::queued_action> queue;
+        {
+            mutex_lock guard(mutex_);
+            fd = login_fd_;
+            login_fd_ = -1;
+            if (fd < 0) continue;  // lost again meanwhile
+            fd_ = fd;
+            up_ = true;
+            addr = addr_;
+            states_.queued_actions(queue);
+            auto q = queue.begin();
+            while (q != queue.end()) {
+                if (q->sent >= 2) {
+                    LOG(L_ERROR, "%s: Manager action %s for room %s was never answered: given up",
+                        addr.c_str(), q->name.c_str(), q->room.c_str());
+                    states_.action_done(q->id);
+                    unattended_.erase(q->id);
+                    q = queue.erase(q);
+                    continue;
+                }
+                if (!action_text(q->name, "", q->body).ends_with("\r\n\r\n")) {
+                    // Its end was lost in the states file: sent, it would
+                    // run into the next action.
+                    LOG(L_ERROR, "%s: Manager action %s for room %s is not whole: given up",
+                        addr.c_str(), q->name.c_str(), q->room.c_str());
+                    states_.action_done(q->id);
+                    unattended_.erase(q->id);
+                    q = queue.erase(q);
+                    continue;
+                }
+                if (q->sent == 1)
+                    LOG(L_WARNING,
+                        "%s: Manager action %s for room %s sent again: its answer was lost with "
+                        "the connection",
+                        addr.c_str(), q->name.c_str(), q->room.c_str());
+                if (!waiting_.count(q->id)) unattended_[q->id] = {q->room, q->name};
+                note_sent(q->id, q->name);
+                ++q;
+            }
+        }
+        // Written without mutex_: answers and events are read meanwhile.
+        for (const states_file::queued_action& q : queue)
+            if (!write_whole(fd,
+                             action_text(q.name, action_id_prefix + std::to_string(q.id), q.body),
+                             std::chrono::steady_clock::now() + write_wait,
+                             "action " + q.name + " for room " + q.room))
+                break;
     }
 }
 
 void mgr_session::connection_lost() {
+    // Waits for a write in progress: the socket is closed only afterwards.
+    mutex_lock writing(write_mutex_);
     mutex_lock guard(mutex_);
     fd_ = -1;
+    login_fd_ = -1;
     up_ = false;
 }
 
@@ -251,6 +354,10 @@ void mgr_session::run() {
     s->connect_timeout_ms = c.connect_timeout_s * 1000;
     char addr[INET_ADDRSTRLEN];
     mgr_inet_ntoa(addr, sizeof addr, s->sin.sin_addr);
+    {
+        mutex_lock guard(mutex_);
+        addr_ = addr;
+    }
 
     LOG(L_DEBUG, "2");
     auto msg = std::make_unique<message>();
@@ -262,8 +369,8 @@ void mgr_session::run() {
         const int res = mgr_read(*s, *msg);
         if (res >= 1) {
             if (log_wanted(L_DEBUG))
-                for (int i = 0; i < msg->hdrcount; ++i)
-                    LOG(L_DEBUG, "%s got: %s", addr, shown_header(msg->headers[i]).c_str());
+                for (int i = 0; i < msg->count(); ++i)
+                    LOG(L_DEBUG, "%s got: %s", addr, shown_header(msg->line(i)).c_str());
             if (s->connected != 0) {
                 if (deliver(*msg)) continue;
                 const mgr_message_kind k = classify_message(*msg);
@@ -283,7 +390,7 @@ void mgr_session::run() {
                     s->connected = 1;
                     s->answer_by = {};
                     LOG(L_DEBUG, "%s: connected successfully!", addr);
-                    logged_in(*s, addr);
+                    logged_in(*s);
                     if (after_login_) after_login_();
                 } else if (strcmp(text, "Authentication failed") == 0) {
                     s->connected = -1;
@@ -297,8 +404,7 @@ void mgr_session::run() {
                 LOG(L_ERROR, "Manager %s:%d: no answer to the login within %d s", addr, c.port,
                     c.login_timeout_s);
                 s->answer_by = {};
-                s->inlen = 0;
-                s->inbuf[0] = '\0';
+                s->drop_input();
             }
             connection_lost();
             if (before_wait_) before_wait_();

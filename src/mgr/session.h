@@ -15,9 +15,12 @@
 //  - action() may be called from any thread. The action goes into the
 //    states file's queue first, then, while the session is logged in, onto
 //    the wire with an ActionID made of its queue number, and action() waits
-//    for its answer at most `timeout`. While the session is down it stays
+//    for its answer at most `timeout`. An action is written whole, as one
+//    buffer, within that time, or the connection is ended (and made again):
+//    a cut action never stays on the wire. While the session is down it stays
 //    queued and action() returns at once: after the next login (also after a
-//    restart of the daemon) the queue is sent in order. An action that went
+//    restart of the daemon) the queue is sent in order, by a thread of the
+//    session's own, while the reader goes on reading. An action that went
 //    out and was not answered is sent once more after the next login, with a
 //    WARNING, and then given up. Answers to actions nobody waits for any
 //    more are logged here.
@@ -62,6 +65,8 @@ class mgr_session {
         // connection is made again, as after a lost one.
         int connect_timeout_s = 0;
         int login_timeout_s = 0;
+
+        bool operator==(const settings&) const = default;
     };
 
     // The answer to one action.
@@ -118,11 +123,19 @@ class mgr_session {
     };
 
     void run();
+    // The replay thread: sends the queue after each login.
+    void replay();
     bool log_in(mansession& s, const char* addr);
-    void logged_in(mansession& s, const char* addr) EXCLUDES(mutex_);
-    void connection_lost() EXCLUDES(mutex_);
+    void logged_in(mansession& s) EXCLUDES(mutex_);
+    void connection_lost() EXCLUDES(write_mutex_, mutex_);
     bool deliver(const message& m) EXCLUDES(mutex_);
-    bool send_locked(long id, const std::string& name, const std::string& body) REQUIRES(mutex_);
+    // Notes action `id` as sent (the states file, the count by name).
+    void note_sent(long id, const std::string& name) REQUIRES(mutex_);
+    // Writes `text` whole to `fd` before `deadline`, or ends the connection
+    // (logged with `what`): true when written.
+    bool write_whole(int fd, const std::string& text,
+                     std::chrono::steady_clock::time_point deadline, const std::string& what)
+        REQUIRES(write_mutex_);
 
     const settings settings_;
     states_file& states_;
@@ -135,12 +148,22 @@ class mgr_session {
     std::function<void()> after_login_;
     stop_flag stop_;
     owned_thread thread_;
+    owned_thread replayer_;  // with `actions`
 
+    // One writer of the socket at a time, so that each action goes out whole
+    // and in queue order; taken before mutex_. The reader never waits for it
+    // while it reads: only when the connection is lost.
+    annotated_mutex write_mutex_;
     annotated_mutex mutex_;
     std::condition_variable_any answered_;
-    // The socket while logged in; -1 otherwise. Only the reader thread
-    // changes the connection, and only while this is -1.
+    std::condition_variable_any replay_wanted_;
+    // The socket while logged in (and, with `actions`, once the replay
+    // thread took it over); -1 otherwise. Only the reader thread changes the
+    // connection, and only while this and login_fd_ are -1.
     int fd_ GUARDED_BY(mutex_) = -1;
+    // A connection just logged in whose queue is to be sent; -1 when none.
+    int login_fd_ GUARDED_BY(mutex_) = -1;
+    std::string addr_ GUARDED_BY(mutex_);  // of the Manager, dotted, for the log
     std::map<long, std::shared_ptr<waiter>> waiting_ GUARDED_BY(mutex_);  // by queue number
     // Actions sent from the queue that nobody waits for: room and action.
     std::map<long, std::pair<std::string, std::string>> unattended_ GUARDED_BY(mutex_);

@@ -274,7 +274,7 @@ void mgr_sim::serve() {
         polled.clear();
         fds.push_back({wake_fd_, POLLIN, 0});
         fds.push_back({listen_fd_, POLLIN, 0});
-        {
+        if (reading_) {
             mutex_lock g(mutex_);
             for (const session_ptr& s : sessions_) {
                 fds.push_back({s->fd, POLLIN, 0});
@@ -321,7 +321,7 @@ void mgr_sim::accept_one() {
 }
 
 void mgr_sim::on_readable(const session_ptr& s) {
-    char buf[4096];
+    char buf[64 * 1024];
     ssize_t n = recv(s->fd, buf, sizeof buf, 0);
     if (n < 0 && (errno == EINTR || errno == EAGAIN)) return;
     if (n <= 0) {
@@ -339,19 +339,20 @@ void mgr_sim::on_readable(const session_ptr& s) {
         changed_.notify_all();
         return;
     }
-    if (s->closed) return;  // refused: what follows is not answered
+    if (s->closed) return;          // refused: what follows is not answered
+    size_t from = s->inbuf.size();  // what came before holds no line end
     s->inbuf.append(buf, static_cast<size_t>(n));
     // An action ends with an empty line; "\r" before "\n" is optional.
-    size_t start = 0;
     for (;;) {
-        size_t nl = s->inbuf.find('\n', start);
+        size_t nl = s->inbuf.find('\n', from);
         if (nl == std::string::npos) break;
+        const size_t start = s->line_start;
         bool empty = nl == start || (nl == start + 1 && s->inbuf[start] == '\r');
-        start = nl + 1;
+        s->line_start = from = nl + 1;
         if (!empty) continue;
-        std::string block = s->inbuf.substr(0, start);
-        s->inbuf.erase(0, start);
-        start = 0;
+        std::string block = s->inbuf.substr(0, s->line_start);
+        s->inbuf.erase(0, s->line_start);
+        s->line_start = from = 0;
         on_action(s, block);
         if (s->closed) return;
     }
@@ -410,6 +411,7 @@ void mgr_sim::on_action(const session_ptr& s, const std::string& block) {
             }
             mutex_lock g(mutex_);
             ++accepted_;
+            if (pause_after_login_.exchange(false)) reading_ = false;
         } else {
             send_to(s, "Response: Error\r\n" + action_id + answer_failed);
             s->closed = true;
@@ -753,6 +755,15 @@ void mgr_sim::set_credentials(const std::string& user, const std::string& secret
     opts_.secret = secret;
 }
 
+void mgr_sim::set_reading(bool reading, bool after_login) {
+    if (after_login) {
+        pause_after_login_ = !reading;
+        return;
+    }
+    reading_ = reading;
+    wake();
+}
+
 void mgr_sim::set_before_answer(const std::string& text) {
     mutex_lock g(mutex_);
     before_answer_ = text;
@@ -850,11 +861,13 @@ int mgr_sim::run_line(const std::string& line, std::string* error) {
         drop();
         return 0;
     }
-    if (cmd == "refuse" || cmd == "filter") {
+    if (cmd == "refuse" || cmd == "filter" || cmd == "reading") {
         bool on;
         if (w.size() != 2 || !parse_on_off(w[1], &on)) return fail(cmd + " needs on or off");
         if (cmd == "refuse")
             set_refuse(on);
+        else if (cmd == "reading")
+            set_reading(on);
         else
             set_filter(on);
         return 0;

@@ -59,6 +59,7 @@
 //        N such events, each with its own UniqueID, as fast as possible.
 //    raw TEXT         TEXT with \r \n \t \\ escapes, to every open session.
 //    drop             closes every connection.
+//    reading on|off   reads what the sessions send (or lets it wait).
 //    refuse on|off    refuse (or accept) the following logins.
 //    filter on|off    the event-class filter for Cdr events.
 //    before-answer TEXT   raw text (escapes as for raw) sent after a login
@@ -156,6 +157,10 @@ class mgr_sim {
     void set_credentials(const std::string& user, const std::string& secret);
     // Raw text sent after a login is read and before it is answered ("": none).
     void set_before_answer(const std::string& text);
+    // Whether what the sessions send is read: while not, their actions wait
+    // in the sockets (the listener still accepts). With `after_login`, reading
+    // stops once the next login has been answered.
+    void set_reading(bool reading, bool after_login = false);
 
     // Sending; the result is the number of sessions reached.
     int send_cdr(const mgr_cdr_event& ev);
@@ -201,6 +206,7 @@ class mgr_sim {
         int id = 0;
         int fd = -1;
         std::string inbuf;            // server thread only
+        size_t line_start = 0;        // of the unended line in inbuf
         annotated_mutex write_mutex;  // one writer of fd at a time
         std::atomic<bool> authenticated{false};
         std::atomic<bool> cdr_wanted{true};
@@ -235,6 +241,8 @@ class mgr_sim {
     int listen_fd_ = -1;
     int wake_fd_ = -1;
     std::atomic<bool> stop_{false};
+    std::atomic<bool> reading_{true};
+    std::atomic<bool> pause_after_login_{false};
     std::thread thread_;
 
     // Guards the state below that is marked with it, and the settings in opts_
