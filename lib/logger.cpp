@@ -139,7 +139,9 @@ bool shown_escaped(unsigned char c) {
 // that the format itself ends with) stay as they are.
 void make_visible(char* buf, size_t keep) {
     const size_t len = strlen(buf);
-    if (keep > len) keep = len;
+    size_t newlines = 0;
+    while (newlines < keep && newlines < len && buf[len - 1 - newlines] == '\n') newlines++;
+    keep = newlines;
     size_t first = 0;
     while (first < len - keep && !shown_escaped(static_cast<unsigned char>(buf[first]))) first++;
     if (first == len - keep) return;  // the usual case: nothing to show

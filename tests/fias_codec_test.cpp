@@ -32,7 +32,7 @@ TEST(FiasCodec, SampleRecordsParseAndPrintBack) {
 // the same fields: nothing can end a field or the record.
 TEST(FiasCodec, NoWrittenFieldCarriesASeparatorOrAControlByte) {
     using opt = std::optional<std::string>;
-    const std::string digits(5000, '7'), text(5000, 'x');
+    const std::string digits(5000, '7'), letters(5000, 'x');
     const struct {
         std::string value;
         std::string ct;
@@ -54,7 +54,7 @@ TEST(FiasCodec, NoWrittenFieldCarriesASeparatorOrAControlByte) {
         {"+49 30 1234", "+49 30 1234", "+49 30 1234", "01149301234", false, true},
         {"+4930123456789012345678", "+4930123456789012345678", "+4930123456789012345678",
          "01149301234567890123", false, false},
-        {text, text, text, std::nullopt, false, true},
+        {letters, letters, letters, std::nullopt, false, true},
         {digits, digits, digits, digits.substr(0, 20), false, false},
     };
     for (const auto& c : cases) {
