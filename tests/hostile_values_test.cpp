@@ -7,6 +7,7 @@
 // the service manager hears only the daemon's own assignments, every log
 // line is one of the daemon's, and the daemon still runs.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <map>
@@ -189,6 +190,66 @@ std::string shown(const std::string& text) {
     return text.size() > 120 ? out + "..." : out;
 }
 
+bool valid_utf8(const std::string& text) {
+    for (size_t i = 0; i < text.size();) {
+        const unsigned char c = text[i];
+        const size_t n = c < 0x80         ? 1
+                         : (c >> 5) == 6  ? 2
+                         : (c >> 4) == 14 ? 3
+                         : (c >> 3) == 30 ? 4
+                                          : 0;
+        if (n == 0 || i + n > text.size()) return false;
+        for (size_t k = 1; k < n; ++k)
+            if ((static_cast<unsigned char>(text[i + k]) >> 6) != 2) return false;
+        i += n;
+    }
+    return true;
+}
+
+// The lines of a scrape that are not in the exposition format, or whose
+// record type is not a type ("A-Z0-9", or "other").
+std::string scrape_faults(int port) {
+    const int fd = connect_loopback(port);
+    if (fd < 0) return "no answer";
+    const std::string request = "GET /metrics HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n";
+    std::string reply;
+    if (write(fd, request.data(), request.size()) == static_cast<ssize_t>(request.size())) {
+        char buf[4096];
+        for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;) reply.append(buf, n);
+    }
+    close(fd);
+    const size_t body = reply.find("\r\n\r\n");
+    if (!reply.starts_with("HTTP/1.1 200") || body == std::string::npos)
+        return "answer " + shown(reply);
+    std::string out = valid_utf8(reply) ? "" : "\n  not UTF-8";
+    for (const std::string& line : lines_of(reply.substr(body + 4))) {
+        if (line.empty() || line[0] == '#') continue;
+        // name{label="value",...} number; in a value only \\, \" and \n.
+        size_t at = line.find_first_of("{ ");
+        bool ok = at != std::string::npos;
+        if (ok && line[at] == '{') {
+            for (++at; ok && at < line.size() && line[at] != '}';) {
+                const size_t eq = line.find("=\"", at);
+                ok = eq != std::string::npos;
+                if (!ok) break;
+                std::string value;
+                for (at = eq + 2; at < line.size() && line[at] != '"'; ++at) {
+                    if (line[at] == '\\')
+                        ok = ok && ++at < line.size() && strchr("\\\"n", line[at]);
+                    value += line[at];
+                }
+                if (eq >= 4 && line.compare(eq - 4, 4, "type") == 0 && value != "other")
+                    for (char c : value) ok = ok && (isupper(c) || isdigit(c));
+                ok = ok && at < line.size();
+                if (ok && line[++at] == ',') ++at;
+            }
+            ++at;
+        }
+        if (!ok || at >= line.size() || line[at] != ' ') out += "\n  " + shown(line);
+    }
+    return out;
+}
+
 // Assignments to the service manager that are not the daemon's own, or that
 // hold more than printable text.
 std::string notify_faults(const notify_sim& systemd, pid_t daemon) {
@@ -218,7 +279,7 @@ class hostile_run {
     hostile_run(mode m) : mode_(m), systemd_(run.dir().file("notify.sock")) {
         run.use_manager();
         run.console_log = false;  // the log file alone: statements go to standard output
-        run.env = {"NOTIFY_SOCKET=" + run.dir().file("notify.sock"), "WATCHDOG_USEC=2000000"};
+        run.env = {"NOTIFY_SOCKET=" + run.dir().file("notify.sock"), "WATCHDOG_USEC=400000"};
         run.set("services", "cdr_mgr_events", "cdr,call,user")
             .set("rooms", "room1", "101")
             .set("rooms", "room2", "102")
@@ -227,6 +288,7 @@ class hostile_run {
             .set("wakeup", "call", "yes")
             .set("services", "checkin", "ami:DBPut|Family=AMPUSER/%exten%|Key=cidname|Val=%name%");
         run.mgr.set_originate("101", {originate_outcome::silent, 0ms});
+        run.set("status", "listen", std::to_string(status_port_));
         if (m == mode::fixes)
             run.set("fixes", "all", "yes")
                 .set("pms", "resync", "yes")
@@ -328,6 +390,12 @@ class hostile_run {
                 }
             }
         }
+        // The value as a room number, until the service manager has heard of
+        // it; then as a record type.
+        const size_t heard = systemd_.messages().size();
+        ASSERT_TRUE(deliver("GI|RN" + value + "|GNSmith|"));
+        wait_until([&] { return systemd_.messages().size() >= heard + 2; }, 3s);
+        ASSERT_TRUE(deliver(value + "|RN101|"));
         // The last records: the check-in's action of room 103 shows that all
         // before it were handled (a record cut by a value may have dropped
         // the link and taken them along: then again).
@@ -405,6 +473,16 @@ class hostile_run {
             out.insert(row[0]);
         return out;
     }
+    sql_rows rows_of_102() {
+        sql_rows out;
+        const std::set<std::string> present = tables();
+        for (const std::string t : {"occupancy", "actions", "wakeups"})
+            if (present.count(t))
+                for (auto& row :
+                     run.states("select '" + t + "', * from " + t + " where room='102'"))
+                    out.push_back(row);
+        return out;
+    }
     // Files in the folder that are not the daemon's or the test's.
     std::string strange_files() const {
         std::string out;
@@ -435,15 +513,13 @@ class hostile_run {
                 wait_until([&] { return run.mgr.db_get("AMPUSER/102", "cidname").has_value(); }));
         }
         const std::set<std::string> before = tables();
-        const sql_rows room102 = mode_ == mode::fixes
-                                     ? run.states("select * from occupancy where room='102'")
-                                     : sql_rows{};
+        const sql_rows room102 = mode_ == mode::fixes ? rows_of_102() : sql_rows{};
         pms_phase(p);
         if (mode_ == mode::fixes) {
             // With the fixes the states file stays open: calls go on.
             for (int i = 0; i < 3; ++i) control("the PMS's records");
             EXPECT_TRUE(posted(&missing)) << "calls lost:" << missing << "\n" << tail();
-            EXPECT_EQ(room102, run.states("select * from occupancy where room='102'"));
+            EXPECT_EQ(room102, rows_of_102()) << "room 102's guest, actions and wake-ups";
             EXPECT_EQ("Bystander", run.mgr.db_get("AMPUSER/102", "cidname").value_or("none"));
             for (const char* t : {"rooms", "cdrcache", "occupancy", "outbox"})
                 EXPECT_TRUE(tables().count(t)) << t;
@@ -462,6 +538,7 @@ class hostile_run {
         EXPECT_EQ("", notify_faults(systemd_, run.process().pid()))
             << "the service manager's messages";
         EXPECT_EQ("", log_faults()) << "log lines not the daemon's";
+        EXPECT_EQ("", scrape_faults(status_port_)) << "/metrics";
         if (getenv("HOSTILE_DUMP")) {
             write_file(std::string(getenv("HOSTILE_DUMP")) + ".log", run.log());
             std::string fr;
@@ -474,6 +551,7 @@ class hostile_run {
   private:
     mode mode_;
     notify_sim systemd_;
+    int status_port_ = pick_free_port();
     int calls_ = 0;
     std::map<std::string, std::string> labels_;  // by a call's number
     texts control_;
