@@ -1,16 +1,17 @@
 // Hostile values stay values. Every field of every record the daemon reads
 // from the PMS, and every header of every Manager event it reads, carries in
-// turn texts that try to be record framing, SQL, Manager protocol or a line
-// of their own; one daemon run per text and mode. Afterwards the states
+// turn a text that tries to be record framing, SQL, Manager protocol or a
+// line of its own: one daemon run per text and mode. Afterwards the states
 // file keeps its tables, the PMS parses no field the daemon did not put
 // there, room 102 (the bystander) is untouched, no ordinary call is lost,
-// the service manager hears only the daemon's own assignments, every log
-// line is one of the daemon's, and the daemon still runs.
+// the service manager, the log and /metrics hear only the daemon's own
+// words, and the daemon still runs. Then the attacks of the report, by name.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <map>
+#include <regex>
 #include <set>
 
 #include "sim_notify.h"
@@ -18,29 +19,22 @@
 
 using namespace std::chrono_literals;
 using texts = std::vector<std::string>;
-using headers = std::vector<std::pair<std::string, std::string>>;
 
 namespace {
 
 struct payload {
     const char* name;
     std::string text;
-    // In a PMS record, where a separator is framing: fields that a PMS could
-    // mean are left out (a second RN would be the PMS's own word).
+    // In a PMS record, where "|" is framing, a second RN would be the PMS's
+    // own word: the separator brings a field name nobody uses.
     std::string pms_text;
 };
 
 const payload payloads[] = {
-    {"Ordinary", "42", ""},  // the test's own control: passes everywhere
+    {"Ordinary", "42", ""},  // the test's own control: passes on every build
     {"Separator", "5|RN102|TA1", "5|ZZ1"},
-    {"Stx",
-     "a\x02"
-     "b",
-     ""},
-    {"Etx",
-     "a\x03"
-     "b",
-     ""},
+    {"Stx", std::string("a\x02") + "b", ""},
+    {"Etx", std::string("a\x03") + "b", ""},
     {"Nul", std::string("a\0b", 3), ""},
     {"CrLf", "a\r\nb", ""},
     {"Quotes", "O'Brien \"Jr\"", ""},
@@ -55,90 +49,52 @@ const payload payloads[] = {
 
 enum class mode { specified, fixes };
 
-// The records the daemon reads from the PMS, with ordinary values for room
-// 101; {date} is today, {tomorrow} a date that never rings in a test.
-struct pms_form {
-    const char* type;
-    headers fields;
+// The records the daemon reads from the PMS, for room 101.
+const char* const pms_forms[] = {
+    "GI|RN101|GNSmith|GLEN|GSN|",
+    "GO|RN101|GNSmith|GLEN|GSN|",
+    "GC|RN101|G#4711|GNSmith|GLEN|GSN|RO101|",
+    "RE|RN101|RS1|CS1|DNN|MLN|ID7|",
+    "WR|RN101|DA{tomorrow}|TI0700|",
+    "WC|RN101|DA{tomorrow}|TI0700|",
+    "PA|ASOK|RN101|P#9999|DA{today}|TI120000|",
+    "NS|DA{today}|TI120000|",
+    "NE|DA{today}|TI120000|",
+    "DS|DA{today}|TI120000|",
+    "DE|DA{today}|TI120000|",
+    "LA|DA{today}|TI120000|",
+    "LS|DA{today}|TI120000|",
 };
-const pms_form pms_forms[] = {
-    {"GI", {{"RN", "101"}, {"GN", "Smith"}, {"GL", "EN"}, {"GS", "N"}}},
-    {"GO", {{"RN", "101"}, {"GN", "Smith"}, {"GL", "EN"}, {"GS", "N"}}},
-    {"GC",
-     {{"RN", "101"}, {"G#", "4711"}, {"GN", "Smith"}, {"GL", "EN"}, {"GS", "N"}, {"RO", "101"}}},
-    {"RE", {{"RN", "101"}, {"RS", "1"}, {"CS", "1"}, {"DN", "N"}, {"ML", "N"}, {"ID", "7"}}},
-    {"WR", {{"RN", "101"}, {"DA", "{tomorrow}"}, {"TI", "0700"}}},
-    {"WC", {{"RN", "101"}, {"DA", "{tomorrow}"}, {"TI", "0700"}}},
-    {"PA", {{"AS", "OK"}, {"RN", "101"}, {"P#", "9999"}, {"DA", "{date}"}, {"TI", "120000"}}},
-    {"NS", {{"DA", "{date}"}, {"TI", "120000"}}},
-    {"NE", {{"DA", "{date}"}, {"TI", "120000"}}},
-    {"DS", {{"DA", "{date}"}, {"TI", "120000"}}},
-    {"DE", {{"DA", "{date}"}, {"TI", "120000"}}},
-    {"LA", {{"DA", "{date}"}, {"TI", "120000"}}},
-    {"LS", {{"DA", "{date}"}, {"TI", "120000"}}},
+// The Manager events it reads: the headers of a Cdr that the cache takes,
+// the dial codes' and the wake-up's UserEvents (the name first), and the
+// wake-up call's OriginateResponse.
+const char* const cdr_headers =
+    "Event Privilege AccountCode Source Destination DestinationContext CallerID Channel "
+    "DestinationChannel LastApplication LastData StartTime AnswerTime EndTime Duration "
+    "BillableSeconds Disposition AMAFlags UniqueID UserField From To Cost CallClass FaxData";
+const char* const user_events[] = {
+    "UserEvent=Minibar Room=101 Article=12 Quantity=2 Amount=700",
+    "UserEvent=RoomStatus Room=101 Status=3 MaidId=7",
+    "UserEvent=WakeupSnooze Room=101 Minutes=5",
 };
+const char* const originate_response =
+    "Event=OriginateResponse Privilege=call,all ActionID={id} Response=Failure "
+    "Channel=PJSIP/101 Context=hotel-wakeup Exten=101 Reason=3 Uniqueid=1795547467.9 "
+    "CallerIDNum=<unknown> CallerIDName=<unknown>";
+// What the daemon may send the PMS: each record type with its field names.
+const std::map<std::string, std::string> sent_fields = {
+    {"LS", "DATI"},         {"LA", "DATI"},     {"LE", "DATI"},
+    {"DR", "DATI"},         {"LD", "DATIV#IF"}, {"LR", "RIFL"},
+    {"RE", "RNRSCSDNMLID"}, {"WA", "RNDATIAS"}, {"PS", "P#RNPTTADATIDUDDPCCTMAM#"}};
 
-// Manager events: the headers of a Cdr the cache reads, the dial codes'
-// UserEvents, and the wake-up call's OriginateResponse (its ActionID is the
-// daemon's).
-const char* const cdr_headers[] = {"Event",
-                                   "Privilege",
-                                   "AccountCode",
-                                   "Source",
-                                   "Destination",
-                                   "DestinationContext",
-                                   "CallerID",
-                                   "Channel",
-                                   "DestinationChannel",
-                                   "LastApplication",
-                                   "LastData",
-                                   "StartTime",
-                                   "AnswerTime",
-                                   "EndTime",
-                                   "Duration",
-                                   "BillableSeconds",
-                                   "Disposition",
-                                   "AMAFlags",
-                                   "UniqueID",
-                                   "UserField",
-                                   "From",
-                                   "To",
-                                   "Cost",
-                                   "CallClass",
-                                   "FaxData"};
-struct user_form {
-    const char* name;
-    headers fields;
-};
-const user_form user_forms[] = {
-    {"Minibar", {{"Room", "101"}, {"Article", "12"}, {"Quantity", "2"}, {"Amount", "700"}}},
-    {"RoomStatus", {{"Room", "101"}, {"Status", "3"}, {"MaidId", "7"}}},
-    {"WakeupSnooze", {{"Room", "101"}, {"Minutes", "5"}}},
-};
-const headers originate_response = {{"Event", "OriginateResponse"},
-                                    {"Privilege", "call,all"},
-                                    {"ActionID", "{id}"},
-                                    {"Response", "Failure"},
-                                    {"Channel", "PJSIP/101"},
-                                    {"Context", "hotel-wakeup"},
-                                    {"Exten", "101"},
-                                    {"Reason", "3"},
-                                    {"Uniqueid", "1795547467.9"},
-                                    {"CallerIDNum", "<unknown>"},
-                                    {"CallerIDName", "<unknown>"}};
-
-// What the daemon may send the PMS: record types and their fields.
-const std::map<std::string, std::set<std::string>> sent_fields = {
-    {"LS", {"DA", "TI"}},
-    {"LA", {"DA", "TI"}},
-    {"LE", {"DA", "TI"}},
-    {"DR", {"DA", "TI"}},
-    {"LD", {"DA", "TI", "V#", "IF"}},
-    {"LR", {"RI", "FL"}},
-    {"PS", {"P#", "RN", "PT", "TA", "DA", "TI", "DU", "DD", "PC", "CT", "MA", "M#"}},
-    {"RE", {"RN", "RS", "CS", "DN", "ML", "ID"}},
-    {"WA", {"RN", "DA", "TI", "AS"}},
-};
+texts words(const std::string& text) {
+    texts out;
+    for (size_t at = 0, end; at < text.size(); at = end + 1) {
+        end = std::min(text.find(' ', at), text.size());
+        out.push_back(text.substr(at, end - at));
+    }
+    return out;
+}
 
 std::string local_text(const char* format, int seconds_ahead = 0) {
     const time_t t = time(nullptr) + seconds_ahead;
@@ -149,30 +105,15 @@ std::string local_text(const char* format, int seconds_ahead = 0) {
     return out;
 }
 
-std::string filled(std::string value, const std::string& id = "") {
-    if (value == "{date}") return local_text("%y%m%d");
-    if (value == "{tomorrow}") return local_text("%y%m%d", 86400);
-    if (value == "{id}") return id;
-    return value;
-}
-
-// The fields of a record text ("XX|f1|f2|"), or why it is not one the
-// daemon may send.
-std::string record_fault(const std::string& text) {
-    for (unsigned char c : text)
-        if (c < 0x20 || c == 0x7f) return "a control byte";
-    if (text.size() < 3 || text[2] != '|' || text.back() != '|') return "not whole";
-    const auto type = sent_fields.find(text.substr(0, 2));
-    if (type == sent_fields.end()) return "an unknown type";
-    std::set<std::string> seen;
-    for (size_t at = 3; at < text.size(); at = text.find('|', at) + 1) {
-        const std::string field = text.substr(at, text.find('|', at) - at);
-        const std::string name = field.substr(0, 2);
-        if (!type->second.count(name)) return "field " + name + " it does not send";
-        if (!seen.insert(name).second) return "field " + name + " twice";
-        if (name == "RN" && field != "RN101" && field != "RN102") return "room " + field;
-    }
-    return "";
+std::string filled(std::string text, const std::string& id = "") {
+    const std::pair<std::string, std::string> marks[] = {
+        {"{today}", local_text("%y%m%d")},
+        {"{tomorrow}", local_text("%y%m%d", 86400)},
+        {"{id}", id}};
+    for (const auto& [name, value] : marks)
+        if (size_t at = text.find(name); at != std::string::npos)
+            text.replace(at, name.size(), value);
+    return text;
 }
 
 std::string field(const std::string& record, const std::string& name) {
@@ -188,6 +129,43 @@ std::string shown(const std::string& text) {
         out += c < 0x20 || c >= 0x7f ? std::string(hex) : std::string(1, static_cast<char>(c));
     }
     return text.size() > 120 ? out + "..." : out;
+}
+
+// Why a record text is not one the daemon may send ("" when it is).
+std::string record_fault(const std::string& text) {
+    for (unsigned char c : text)
+        if (c < 0x20 || c == 0x7f) return "a control byte";
+    if (text.size() < 3 || text[2] != '|' || text.back() != '|') return "not whole";
+    const auto type = sent_fields.find(text.substr(0, 2));
+    if (type == sent_fields.end()) return "an unknown type";
+    std::set<std::string> seen;
+    for (size_t at = 3; at < text.size(); at = text.find('|', at) + 1) {
+        const std::string f = text.substr(at, text.find('|', at) - at), name = f.substr(0, 2);
+        if (name.size() < 2 || type->second.find(name) % 2 != 0) return "field " + name;
+        if (!seen.insert(name).second) return "field " + name + " twice";
+        if (name == "RN" && f != "RN101" && f != "RN102") return "room " + f;
+    }
+    return "";
+}
+
+// Assignments to the service manager that are not the daemon's own, or that
+// hold more than printable text.
+std::string notify_faults(const notify_sim& systemd, pid_t daemon) {
+    std::string out;
+    for (const std::string& m : systemd.messages())
+        for (const std::string& line : lines_of(m)) {
+            const size_t eq = std::min(line.find('='), line.size());
+            const std::string name = line.substr(0, eq),
+                              value = line.substr(eq + (eq < line.size()));
+            bool ok =
+                name == "READY" || name == "STOPPING" || name == "WATCHDOG" || name == "RELOADING"
+                    ? value == "1"
+                : name == "MAINPID" ? value == std::to_string(daemon)
+                                    : name == "STATUS";
+            for (unsigned char c : value) ok = ok && c >= 0x20 && c < 0x7f;
+            if (!ok) out += "\n  " + shown(line);
+        }
+    return out;
 }
 
 bool valid_utf8(const std::string& text) {
@@ -206,8 +184,8 @@ bool valid_utf8(const std::string& text) {
     return true;
 }
 
-// The lines of a scrape that are not in the exposition format, or whose
-// record type is not a type ("A-Z0-9", or "other").
+// The lines of /metrics that are not in the exposition format, or that
+// count a record type outside A-Z0-9 as anything but "other".
 std::string scrape_faults(int port) {
     const int fd = connect_loopback(port);
     if (fd < 0) return "no answer";
@@ -219,64 +197,27 @@ std::string scrape_faults(int port) {
     }
     close(fd);
     const size_t body = reply.find("\r\n\r\n");
-    if (!reply.starts_with("HTTP/1.1 200") || body == std::string::npos)
-        return "answer " + shown(reply);
+    if (!reply.starts_with("HTTP/1.1 200") || body == std::string::npos) return shown(reply);
     std::string out = valid_utf8(reply) ? "" : "\n  not UTF-8";
-    for (const std::string& line : lines_of(reply.substr(body + 4))) {
-        if (line.empty() || line[0] == '#') continue;
-        // name{label="value",...} number; in a value only \\, \" and \n.
-        size_t at = line.find_first_of("{ ");
-        bool ok = at != std::string::npos;
-        if (ok && line[at] == '{') {
-            for (++at; ok && at < line.size() && line[at] != '}';) {
-                const size_t eq = line.find("=\"", at);
-                ok = eq != std::string::npos;
-                if (!ok) break;
-                std::string value;
-                for (at = eq + 2; at < line.size() && line[at] != '"'; ++at) {
-                    if (line[at] == '\\')
-                        ok = ok && ++at < line.size() && strchr("\\\"n", line[at]);
-                    value += line[at];
-                }
-                if (eq >= 4 && line.compare(eq - 4, 4, "type") == 0 && value != "other")
-                    for (char c : value) ok = ok && (isupper(c) || isdigit(c));
-                ok = ok && at < line.size();
-                if (ok && line[++at] == ',') ++at;
-            }
-            ++at;
-        }
-        if (!ok || at >= line.size() || line[at] != ' ') out += "\n  " + shown(line);
-    }
+    static const std::regex series(
+        R"([a-zA-Z_:][a-zA-Z0-9_:]*(\{([a-zA-Z_]\w*="([^"\\\n]|\\[\\"n])*",?)*\})? \S+)");
+    static const std::regex type(R"(type="([A-Z0-9]+|other)\")");
+    for (const std::string& line : lines_of(reply.substr(body + 4)))
+        if (!line.empty() && line[0] != '#' &&
+            (!std::regex_match(line, series) ||
+             (line.find("type=\"") != std::string::npos && !std::regex_search(line, type))))
+            out += "\n  " + shown(line);
     return out;
 }
 
-// Assignments to the service manager that are not the daemon's own, or that
-// hold more than printable text.
-std::string notify_faults(const notify_sim& systemd, pid_t daemon) {
-    std::string out;
-    for (const std::string& m : systemd.messages())
-        for (const std::string& line : lines_of(m)) {
-            const size_t eq = line.find('=');
-            const std::string name = line.substr(0, eq);
-            const std::string value = eq == std::string::npos ? "" : line.substr(eq + 1);
-            bool ok =
-                name == "READY" || name == "STOPPING" || name == "WATCHDOG" || name == "RELOADING"
-                    ? value == "1"
-                : name == "MAINPID" ? value == std::to_string(daemon)
-                                    : name == "STATUS";
-            for (unsigned char c : value) ok = ok && c >= 0x20 && c < 0x7f;
-            if (!ok) out += "\n  " + shown(line);
-        }
-    return out;
-}
-
-// A daemon with everything that reads hostile values switched on: the
-// Manager's Cdr events, the dial codes, the wake-up call (Originate), a
-// Manager action at check-in; rooms 101 and 102. With the fixes also
-// resyncs, night audits and room changes.
+// A daemon with every reader of hostile values switched on: the Manager's
+// Cdr events, the dial codes, the wake-up call, a Manager action and the
+// status endpoint; rooms 101 and 102. With the fixes also resyncs, night
+// audits and guest changes.
 class hostile_run {
   public:
-    hostile_run(mode m) : mode_(m), systemd_(run.dir().file("notify.sock")) {
+    explicit hostile_run(mode m) : mode_(m), systemd_(run.dir().file("notify.sock")) {
+        const char* const cidname = "ami:DBPut|Family=AMPUSER/%exten%|Key=cidname|Val=%name%";
         run.use_manager();
         run.console_log = false;  // the log file alone: statements go to standard output
         run.env = {"NOTIFY_SOCKET=" + run.dir().file("notify.sock"), "WATCHDOG_USEC=400000"};
@@ -286,21 +227,58 @@ class hostile_run {
             .set("dialcodes", "minibar_event", "Minibar")
             .set("dialcodes", "maid_event", "RoomStatus")
             .set("wakeup", "call", "yes")
-            .set("services", "checkin", "ami:DBPut|Family=AMPUSER/%exten%|Key=cidname|Val=%name%");
+            .set("services", "checkin", cidname)
+            .set("status", "listen", std::to_string(status_port_));
         run.mgr.set_originate("101", {originate_outcome::silent, 0ms});
-        run.set("status", "listen", std::to_string(status_port_));
         if (m == mode::fixes)
             run.set("fixes", "all", "yes")
                 .set("pms", "resync", "yes")
                 .set("pms", "night_audit", "yes")
-                .set("services", "guest_change",
-                     "ami:DBPut|Family=AMPUSER/%exten%|Key=cidname|Val=%name%");
+                .set("services", "guest_change", cidname);
     }
 
-    daemon_run run;
+    void run_all(const payload& p) {
+        ASSERT_TRUE(run.start()) << tail();
+        // A wake-up for room 101 rings in a moment; room 102 calls.
+        ASSERT_TRUE(run.pms.send_record("WR|RN101|" + local_text("DA%y%m%d|TI%H%M%S|", 2)));
+        const mgr_cdr_event bystander = call("102", "room 102's call");
+        bystander_number_ = bystander.get("Destination");
+        ASSERT_EQ(1, run.mgr.send_cdr(bystander));
+        manager_phase(p.text);
+        std::string missing;
+        EXPECT_TRUE(posted(&missing)) << "calls lost:" << missing << "\n" << tail();
+        // Without the fixes the first check-in closes the states file: the
+        // PMS's records come last, and only with the fixes do calls follow.
+        if (mode_ == mode::fixes) {
+            ASSERT_TRUE(run.play({"GI|RN102|GNBystander|GLEN|"}, "Bystander")) << tail();
+            ASSERT_TRUE(
+                wait_until([&] { return run.mgr.db_get("AMPUSER/102", "cidname").has_value(); }));
+        }
+        const std::set<std::string> before = tables();
+        const sql_rows room102 = rows_of_102();
+        pms_phase(p.pms_text.empty() ? p.text : p.pms_text);
+        if (mode_ == mode::fixes) {
+            for (int i = 0; i < 3; ++i) control("the PMS's records");
+            EXPECT_TRUE(posted(&missing)) << "calls lost:" << missing << "\n" << tail();
+            EXPECT_EQ(room102, rows_of_102()) << "room 102's guest, actions and wake-ups";
+            EXPECT_EQ("Bystander", run.mgr.db_get("AMPUSER/102", "cidname").value_or("none"));
+        } else {
+            for (const mgr_action& a : run.mgr.actions())
+                EXPECT_NE("AMPUSER/102", a.get("family")) << "an action for room 102";
+        }
+        EXPECT_TRUE(run.process().running()) << tail();
+        const std::set<std::string> after = tables();
+        for (const std::string& t : before) EXPECT_TRUE(after.count(t)) << "table " << t << " lost";
+        EXPECT_TRUE(after.count("cdrcache")) << "table cdrcache lost";
+        EXPECT_EQ("", strange_files()) << "an attached database?";
+        EXPECT_EQ("", frame_faults(std::string(p.name) == "ManagerHeaderLine")) << "PMS frames";
+        EXPECT_EQ("", notify_faults(systemd_, run.process().pid())) << "service manager";
+        EXPECT_EQ("", log_faults()) << "log lines not the daemon's";
+        EXPECT_EQ("", scrape_faults(status_port_)) << "/metrics";
+    }
 
-    // A Cdr from `room`, billed, to a number of its own; `label` names it in
-    // reports.
+  private:
+    // A Cdr from `room` to a number of its own; `label` names it in reports.
     mgr_cdr_event call(const std::string& room, const std::string& label) {
         const int n = ++calls_;
         const std::string number = "0049301" + std::to_string(10000 + n);
@@ -308,13 +286,55 @@ class hostile_run {
         return mgr_cdr_event::make(room, number, "2024-05-01 10:00:00", 60)
             .set("UniqueID", "1714557600." + std::to_string(n));
     }
-    // Sends an ordinary call of room 101 that must be posted.
+    // An ordinary call of room 101 that must be posted.
     void control(const std::string& after) {
-        mgr_cdr_event ev = call("101", "the call after " + after);
+        const mgr_cdr_event ev = call("101", "the call after " + after);
         control_.push_back(ev.get("Destination"));
         ASSERT_EQ(1, run.mgr.send_cdr(ev));
     }
-    // A record to the PMS link, made again when a record before dropped it.
+
+    void manager_phase(const std::string& value) {
+        for (const std::string& h : words(cdr_headers)) {
+            ASSERT_EQ(1, run.mgr.send_cdr(call("101", "Cdr " + h).set(h, value)));
+            control("Cdr " + h);
+        }
+        for (const char* form : user_events) {
+            const texts fields = words(form);
+            for (size_t i = 0; i < fields.size(); ++i) {
+                std::vector<std::pair<std::string, std::string>> h;
+                for (size_t j = 0; j < fields.size(); ++j) {
+                    const size_t eq = fields[j].find('=');
+                    h.emplace_back(fields[j].substr(0, eq),
+                                   i == j ? value : fields[j].substr(eq + 1));
+                }
+                const std::string name = h[0].second;
+                h.erase(h.begin());
+                ASSERT_EQ(1, run.mgr.send_user_event(name, h));
+                control(fields[0] + " " + fields[i]);
+            }
+        }
+        // The wake-up booked at start rings 101 (silently): the daemon's
+        // ActionID gets answers.
+        std::string id;
+        ASSERT_TRUE(wait_until([&] {
+            for (const mgr_action& a : run.mgr.actions())
+                if (a.get("action") == "Originate") id = a.get("actionid");
+            return !id.empty();
+        })) << tail();
+        const texts fields = words(originate_response);
+        for (size_t i = 0; i < fields.size(); ++i) {
+            std::string text;
+            for (size_t j = 0; j < fields.size(); ++j) {
+                const size_t eq = fields[j].find('=');
+                text += fields[j].substr(0, eq) + ": " +
+                        (i == j ? value : filled(fields[j].substr(eq + 1), id)) + "\r\n";
+            }
+            ASSERT_EQ(1, run.mgr.send_raw(text + "\r\n"));
+            control("OriginateResponse " + fields[i]);
+        }
+    }
+
+    // A record to the PMS, again when a record cut by a value dropped the link.
     bool deliver(const std::string& record) {
         for (int attempt = 0; attempt < 3; ++attempt) {
             if (run.pms.wait_link_active(10s) && run.pms.send_record(record)) return true;
@@ -322,83 +342,32 @@ class hostile_run {
         }
         return false;
     }
-    // The end of the log, for failure reports.
-    std::string tail() const {
-        const texts lines = lines_of(run.log());
-        std::string out;
-        for (size_t i = lines.size() > 30 ? lines.size() - 30 : 0; i < lines.size(); ++i)
-            out += shown(lines[i]) + "\n";
-        return out;
-    }
 
-    void manager_phase(const payload& p) {
-        for (const char* h : cdr_headers) {
-            const std::string place = std::string("Cdr ") + h;
-            ASSERT_EQ(1, run.mgr.send_cdr(call("101", place).set(h, p.text)));
-            control(place);
-        }
-        for (const user_form& u : user_forms) {
-            for (size_t i = 0; i <= u.fields.size(); ++i) {
-                headers fields = u.fields;
-                if (i < fields.size()) fields[i].second = p.text;
-                const std::string place = std::string("UserEvent ") + u.name + " " +
-                                          (i < fields.size() ? fields[i].first : "UserEvent");
-                ASSERT_EQ(1, run.mgr.send_user_event(i < fields.size() ? u.name : p.text, fields));
-                control(place);
-            }
-        }
-    }
-
-    // The wake-up booked at start rings 101 (silent): its ActionID answers.
-    void originate_phase(const payload& p) {
-        std::string id;
-        ASSERT_TRUE(wait_until([&] {
-            for (const mgr_action& a : run.mgr.actions())
-                if (a.get("action") == "Originate") id = a.get("actionid");
-            return !id.empty();
-        })) << tail();
-        for (size_t i = 0; i < originate_response.size(); ++i) {
-            std::string text;
-            for (size_t j = 0; j < originate_response.size(); ++j)
-                text += originate_response[j].first + ": " +
-                        (i == j ? p.text : filled(originate_response[j].second, id)) + "\r\n";
-            const std::string place = "OriginateResponse " + originate_response[i].first;
-            ASSERT_EQ(1, run.mgr.send_raw(text + "\r\n"));
-            control(place);
-        }
-    }
-
-    void pms_phase(const payload& p) {
-        const std::string& value = p.pms_text.empty() ? p.text : p.pms_text;
-        for (const pms_form& f : pms_forms) {
-            for (size_t i = 0; i < f.fields.size(); ++i) {
-                std::string record = std::string(f.type) + "|";
-                for (size_t j = 0; j < f.fields.size(); ++j)
-                    record +=
-                        f.fields[j].first + (i == j ? value : filled(f.fields[j].second)) + "|";
-                ASSERT_TRUE(deliver(record));
+    void pms_phase(const std::string& value) {
+        for (const char* form : pms_forms) {
+            const std::string record = filled(form);
+            for (size_t bar = 2; bar + 1 < record.size(); bar = record.find('|', bar + 1)) {
+                const size_t end = record.find('|', bar + 1);
+                ASSERT_TRUE(deliver(record.substr(0, bar + 3) + value + record.substr(end)));
                 // A check-out or a room change takes room 101 off the bill,
-                // a night audit holds postings and a resync ends with the
-                // rooms it was told of: ordinary records set it right again.
+                // a night audit holds postings and a resync checks out the
+                // rooms it was not told of: ordinary records set it right.
                 if (mode_ == mode::fixes) {
-                    for (const char* next : {"NE|", "DS|", "GI|RN101|GNSmith|GLEN|",
-                                             "GI|RN102|GNBystander|GLEN|", "DE|"}) {
-                        std::string r = next;
-                        if (r.size() == 3) r += "DA" + filled("{date}") + "|TI120000|";
-                        ASSERT_TRUE(deliver(r));
-                    }
+                    for (const char* next : {"NE|DA{today}|TI120000|", "DS|DA{today}|TI120000|",
+                                             "GI|RN101|GNSmith|GLEN|", "GI|RN102|GNBystander|GLEN|",
+                                             "DE|DA{today}|TI120000|"})
+                        ASSERT_TRUE(deliver(filled(next)));
                 }
             }
         }
-        // The value as a room number, until the service manager has heard of
-        // it; then as a record type.
+        // As a room number until the service manager has heard of it; as a
+        // record type.
         const size_t heard = systemd_.messages().size();
         ASSERT_TRUE(deliver("GI|RN" + value + "|GNSmith|"));
         wait_until([&] { return systemd_.messages().size() >= heard + 2; }, 3s);
         ASSERT_TRUE(deliver(value + "|RN101|"));
-        // The last records: the check-in's action of room 103 shows that all
-        // before it were handled (a record cut by a value may have dropped
-        // the link and taken them along: then again).
+        // The check-in action of room 103 shows that every record before it
+        // was handled.
         const auto marked = [&] {
             for (const mgr_action& a : run.mgr.actions())
                 if (a.get("family") == "AMPUSER/103") return true;
@@ -407,64 +376,70 @@ class hostile_run {
         for (int attempt = 0; attempt < 3 && !marked(); ++attempt)
             if (deliver("GI|RN101|GNSmith|GLEN|") && deliver("GI|RN103|GNLast|"))
                 wait_until(marked, 5s);
-        ASSERT_TRUE(marked()) << "the PMS's records were not all handled";
+        ASSERT_TRUE(marked()) << "the PMS's records were not all handled\n" << tail();
         std::this_thread::sleep_for(300ms);
     }
 
-    // Everything sent so far is handled: the postings of every control call.
+    // Whether every control call was posted; else *missing names them.
     bool posted(std::string* missing) {
-        bool all = wait_until(
-            [&] {
-                std::set<std::string> dd;
-                for (const std::string& ps : run.pms.frames("PS|"))
-                    if (field(ps, "RN") == "101") dd.insert(field(ps, "DD"));
-                for (const std::string& n : control_)
-                    if (!dd.count(n)) return false;
-                return true;
-            },
-            20s);
-        if (all) return true;
-        std::set<std::string> dd;
-        for (const std::string& ps : run.pms.frames("PS|")) dd.insert(field(ps, "DD"));
-        for (const std::string& n : control_)
-            if (!dd.count(n)) *missing += "\n  " + labels_[n];
+        const auto unposted = [&] {
+            std::set<std::string> dd;
+            for (const std::string& ps : run.pms.frames("PS|"))
+                if (field(ps, "RN") == "101") dd.insert(field(ps, "DD"));
+            texts out;
+            for (const std::string& n : control_)
+                if (!dd.count(n)) out.push_back(n);
+            return out;
+        };
+        if (wait_until([&] { return unposted().empty(); }, 20s)) return true;
+        for (const std::string& n : unposted()) *missing += "\n  " + labels_[n];
         return false;
     }
 
-    // Where a record the daemon sent comes from: a posting by its number
-    // (the hostile value when it is not one of ours), an "RE" from the
-    // maid's code; the rest of a cut record from the record before.
+    // Each fault names where the record came from: a posting by its number
+    // (not one of ours: the hostile Destination), "RE" from the maid's code;
+    // the rest of a cut record from the record before it.
     std::string frame_faults(bool header_line) {
-        std::string out, from = "start-up";
+        std::string out, from = "the start";
         for (const std::string& f : run.pms.frames()) {
             const std::string type = f.substr(0, 3), dd = field(f, "DD");
             if (type == "PS|")
-                from = field(f, "PT") == "M" ? "UserEvent Minibar"
+                from = field(f, "PT") == "M" ? "UserEvent=Minibar"
                        : labels_.count(dd)   ? labels_[dd]
                                              : "Cdr Destination";
-            else if (type == "RE|" || type == "WA|")
-                from = type == "RE|" ? "UserEvent RoomStatus" : "the wake-up call";
+            else if (type == "RE|")
+                from = "UserEvent=RoomStatus";
             std::string fault = record_fault(f);
-            // A header line in a header before Source is a Source of its
-            // own, read first as the Manager protocol says: 102's call.
+            // A header line in a header before Source brings a Source of its
+            // own, read first as the Manager protocol says: room 102's call.
             if (fault.empty() && type == "PS|" && field(f, "RN") == "102" &&
                 dd != bystander_number_ && !(header_line && labels_.count(dd)))
                 fault = "room 102 reached";
-            if (!fault.empty()) out += "\n  " + fault + " from " + from + ": " + shown(f);
+            const bool rest = !sent_fields.count(f.substr(0, 2));
+            if (!fault.empty())
+                out += "\n  " + (rest ? "the rest of a cut record after" : fault + " from") + " " +
+                       from + ": " + shown(f);
         }
         return out;
     }
 
     std::string log_faults() const {
-        std::string out;
         const std::string log = run.log();
-        if (log.find('\r') != std::string::npos) out += "\n  a carriage return";
+        std::string out = log.find('\r') == std::string::npos ? "" : "\n  a carriage return";
         int n = 0;
         for (const std::string& line : lines_of(log))
             if (!line.empty() && line[0] != '\t' && !like(kStamp, line.substr(0, kStamp.size())) &&
                 ++n <= 5)
                 out += "\n  " + shown(line);
         return n > 5 ? out + "\n  ... " + std::to_string(n) + " such lines" : out;
+    }
+
+    std::string tail() const {
+        const texts lines = lines_of(run.log());
+        std::string out;
+        for (size_t i = lines.size() > 30 ? lines.size() - 30 : 0; i < lines.size(); ++i)
+            out += shown(lines[i]) + "\n";
+        return out;
     }
 
     std::set<std::string> tables() {
@@ -496,59 +471,7 @@ class hostile_run {
         return out;
     }
 
-    void run_all(const payload& p) {
-        ASSERT_TRUE(run.start()) << tail();
-        // A wake-up for room 101 rings in a moment; room 102 calls.
-        ASSERT_TRUE(run.pms.send_record("WR|RN101|" + local_text("DA%y%m%d|TI%H%M%S|", 2)));
-        mgr_cdr_event bystander = call("102", "room 102's call");
-        bystander_number_ = bystander.get("Destination");
-        ASSERT_EQ(1, run.mgr.send_cdr(bystander));
-        manager_phase(p);
-        originate_phase(p);
-        std::string missing;
-        EXPECT_TRUE(posted(&missing)) << "calls lost:" << missing << "\n" << tail();
-        if (mode_ == mode::fixes) {
-            ASSERT_TRUE(run.play({"GI|RN102|GNBystander|GLEN|"}, "Bystander")) << tail();
-            ASSERT_TRUE(
-                wait_until([&] { return run.mgr.db_get("AMPUSER/102", "cidname").has_value(); }));
-        }
-        const std::set<std::string> before = tables();
-        const sql_rows room102 = mode_ == mode::fixes ? rows_of_102() : sql_rows{};
-        pms_phase(p);
-        if (mode_ == mode::fixes) {
-            // With the fixes the states file stays open: calls go on.
-            for (int i = 0; i < 3; ++i) control("the PMS's records");
-            EXPECT_TRUE(posted(&missing)) << "calls lost:" << missing << "\n" << tail();
-            EXPECT_EQ(room102, rows_of_102()) << "room 102's guest, actions and wake-ups";
-            EXPECT_EQ("Bystander", run.mgr.db_get("AMPUSER/102", "cidname").value_or("none"));
-            for (const char* t : {"rooms", "cdrcache", "occupancy", "outbox"})
-                EXPECT_TRUE(tables().count(t)) << t;
-        }
-        EXPECT_TRUE(run.process().running()) << tail();
-        const std::set<std::string> after = tables();
-        for (const std::string& t : before) EXPECT_TRUE(after.count(t)) << "table " << t << " lost";
-        EXPECT_TRUE(after.count("cdrcache"));
-        EXPECT_EQ("", strange_files());
-        const bool header_line = std::string(p.name) == "ManagerHeaderLine";
-        EXPECT_EQ("", frame_faults(header_line)) << "PMS frames";
-        if (mode_ == mode::specified) {
-            for (const mgr_action& a : run.mgr.actions())
-                EXPECT_NE("AMPUSER/102", a.get("family")) << "an action for room 102";
-        }
-        EXPECT_EQ("", notify_faults(systemd_, run.process().pid()))
-            << "the service manager's messages";
-        EXPECT_EQ("", log_faults()) << "log lines not the daemon's";
-        EXPECT_EQ("", scrape_faults(status_port_)) << "/metrics";
-        if (getenv("HOSTILE_DUMP")) {
-            write_file(std::string(getenv("HOSTILE_DUMP")) + ".log", run.log());
-            std::string fr;
-            for (const pms_sim::frame& f : run.pms.transcript())
-                fr += (f.incoming ? "<- " : "-> ") + shown(f.text) + "\n";
-            write_file(std::string(getenv("HOSTILE_DUMP")) + ".frames", fr);
-        }
-    }
-
-  private:
+    daemon_run run;
     mode mode_;
     notify_sim systemd_;
     int status_port_ = pick_free_port();
@@ -562,8 +485,7 @@ class HostileValues : public testing::TestWithParam<std::tuple<mode, size_t>> {}
 
 TEST_P(HostileValues, InEveryFieldAndHeader) {
     const auto [m, index] = GetParam();
-    hostile_run r(m);
-    r.run_all(payloads[index]);
+    hostile_run(m).run_all(payloads[index]);
 }
 
 INSTANTIATE_TEST_SUITE_P(Payloads, HostileValues,
@@ -641,10 +563,11 @@ TEST(HostileAttacks, ARoomNumberOfSqlLeavesTheStatesFileAlone) {
     shipped(run);
     run.set("pms", "room_max_length", "64");
     ASSERT_TRUE(run.start()) << run.log();
-    const sql_rows tables = run.states("select type, name from sqlite_master order by name");
+    const std::string schema = "select type, name from sqlite_master order by name";
+    const sql_rows tables = run.states(schema);
     ASSERT_TRUE(run.play({"GI|RN1','x','y',0);DROP TABLE cdrcache;--|GNSmith|"}, "Guest checkin"))
         << run.log();
-    EXPECT_EQ(tables, run.states("select type, name from sqlite_master order by name"));
+    EXPECT_EQ(tables, run.states(schema));
     // Nothing attached: no file but the daemon's own is made.
     for (const auto& e : std::filesystem::directory_iterator(run.dir().path())) {
         const std::string name = e.path().filename();
