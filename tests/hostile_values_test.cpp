@@ -272,6 +272,7 @@ class hostile_run {
         EXPECT_TRUE(after.count("cdrcache")) << "table cdrcache lost";
         EXPECT_EQ("", strange_files()) << "an attached database?";
         EXPECT_EQ("", frame_faults(std::string(p.name) == "ManagerHeaderLine")) << "PMS frames";
+        EXPECT_EQ("", action_faults()) << "Manager actions";
         EXPECT_EQ("", notify_faults(systemd_, run.process().pid())) << "service manager";
         EXPECT_EQ("", log_faults()) << "log lines not the daemon's";
         EXPECT_EQ("", scrape_faults(status_port_)) << "/metrics";
@@ -419,6 +420,25 @@ class hostile_run {
             if (!fault.empty())
                 out += "\n  " + (rest ? "the rest of a cut record after" : fault + " from") + " " +
                        from + ": " + shown(f);
+        }
+        return out;
+    }
+
+    // Actions that are not the check-in's DBPut or the wake-up's Originate,
+    // or a DBPut with a header of its value's making.
+    std::string action_faults() const {
+        std::string out;
+        for (const mgr_action& a : run.mgr.actions()) {
+            bool ok = a.get("action") == "Originate" || a.get("action") == "DBPut";
+            for (const auto& [name, value] : a.headers)
+                ok = ok &&
+                     (a.get("action") == "Originate" ||
+                      std::set<std::string>{"action", "actionid", "family", "key", "val"}.count(
+                          name));
+            if (!ok) {
+                out += "\n ";
+                for (const auto& [name, value] : a.headers) out += " " + name + ": " + shown(value);
+            }
         }
         return out;
     }
