@@ -48,6 +48,9 @@ const payload payloads[] = {
 };
 
 enum class mode { specified, fixes };
+void PrintTo(mode m, std::ostream* os) {
+    *os << (m == mode::fixes ? "fixes" : "specified");
+}
 
 // The records the daemon reads from the PMS, for room 101.
 const char* const pms_forms[] = {
@@ -240,7 +243,7 @@ class hostile_run {
     void run_all(const payload& p) {
         ASSERT_TRUE(run.start()) << tail();
         // A wake-up for room 101 rings in a moment; room 102 calls.
-        ASSERT_TRUE(run.pms.send_record("WR|RN101|" + local_text("DA%y%m%d|TI%H%M%S|", 2)));
+        ASSERT_TRUE(run.pms.send_record("WR|RN101|" + local_text("DA%y%m%d|TI%H%M%S|", 1)));
         const mgr_cdr_event bystander = call("102", "room 102's call");
         bystander_number_ = bystander.get("Destination");
         ASSERT_EQ(1, run.mgr.send_cdr(bystander));
