@@ -47,9 +47,9 @@ const payload payloads[] = {
     {"Empty", "", ""},
 };
 
-enum class mode { specified, fixes };
+enum class mode { plain, fixes };  // no [fixes] section, or [fixes] all = yes
 void PrintTo(mode m, std::ostream* os) {
-    *os << (m == mode::fixes ? "fixes" : "specified");
+    *os << (m == mode::fixes ? "fixes" : "default");
 }
 
 // The records the daemon reads from the PMS, for room 101.
@@ -515,12 +515,12 @@ TEST_P(HostileValues, InEveryFieldAndHeader) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Payloads, HostileValues,
-                         testing::Combine(testing::Values(mode::specified, mode::fixes),
+                         testing::Combine(testing::Values(mode::plain, mode::fixes),
                                           testing::Range<size_t>(0, std::size(payloads))),
                          [](const testing::TestParamInfo<HostileValues::ParamType>& param) {
                              return std::string(std::get<0>(param.param) == mode::fixes
                                                     ? "Fixes"
-                                                    : "Specified") +
+                                                    : "Default") +
                                     payloads[std::get<1>(param.param)].name;
                          });
 
