@@ -72,7 +72,6 @@ void usage(char** argv) {
     fprintf(stderr, "\t-c <path>, --config=<path>\tuse custom config file \n");
     fprintf(stderr, "\t-f, --foreground \t\trun in foreground mode\n");
     fprintf(stderr, "\t-d, --log-to-console\t\tlog to console (requires -f)\n");
-    fprintf(stderr, "\t-p <path>, --pid-file=<path>\twrite and lock this pid file\n");
     fprintf(stderr, "\t-h, --help\t\t\tshow this text\n");
     fprintf(stderr, "\n\n");
 }

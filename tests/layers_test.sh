@@ -8,36 +8,41 @@
 #   bash tests/layers_test.sh <source dir> <build dir>
 set -euo pipefail
 src=$(cd "${1:?source dir}" && pwd)
-ranks=$(awk '/^```layers$/ { on = 1; next } on && /^```/ { exit } on' "$src/docs/architecture.md")
-[ -n "$ranks" ] || { echo "layers: no \`\`\`layers block in docs/architecture.md"; exit 1; }
-rank_of() {  # 1 for the top line
-  awk -v m="$1" '{ for (i = 1; i <= NF; i++) if ($i == m) print NR }' <<<"$ranks"
+declare -A rank  # folder -> line of the block, 1 for the top
+n=0
+while read -r line; do
+  n=$((n + 1))
+  for folder in $line; do rank[$folder]=$n; done
+done < <(awk '/^```layers$/ { on = 1; next } on && /^```/ { exit } on' "$src/docs/architecture.md")
+[ "$n" -gt 0 ] || { echo "layers: no \`\`\`layers block in docs/architecture.md"; exit 1; }
+folder=""
+folder_of() {  # x/y.cpp -> x; config_check.cpp -> config_check; main.cpp -> main
+  case $1 in */*) folder=${1%%/*} ;; *) folder=${1%.*}; folder=${folder%.*} ;; esac
 }
-folder_of() {  # x/y.cpp -> x; config.cpp -> config
-  case $1 in */*) echo "${1%%/*}" ;; *) local f=${1%.*}; echo "${f%.*}" ;; esac
+includes() {  # "file:header" for every quoted include below the current folder
+  grep -rHo '#include "[^"]*"' --include='*.h' --include='*.cpp' . |
+    sed 's#^\./##; s#:\#include "#:#; s#"$##'
 }
 bad=0
 cd "$src/src"
 for f in */ *.cpp; do
-  name=$(folder_of "${f/%\//\/x}")
-  [ -n "$(rank_of "$name")" ] || { echo "layers: src/${f%/} is not in docs/architecture.md"; bad=1; }
+  case $f in */) folder=${f%/} ;; *) folder_of "$f" ;; esac
+  [ -n "${rank[$folder]:-}" ] || { echo "layers: src/${f%/} is not in docs/architecture.md"; bad=1; }
 done
 while IFS=: read -r file inc; do
-  from=$(folder_of "$file")
   [ -f "$inc" ] || continue  # a header of lib/ or the system
-  to=$(folder_of "$inc")
+  folder_of "$file"; from=$folder
+  folder_of "$inc"; to=$folder
   [ "$from" = "$to" ] && continue
-  rf=$(rank_of "$from"); rt=$(rank_of "$to")
+  rf=${rank[$from]:-}; rt=${rank[$to]:-}
   if [ -z "$rf" ] || [ -z "$rt" ] || [ "$rt" -le "$rf" ]; then
-    echo "layers: $file includes $inc (${from:-?} may not depend on ${to:-?})"
+    echo "layers: $file includes $inc ($from may not depend on $to)"
     bad=1
   fi
-done < <(grep -rHo '#include "[^"]*"' --include='*.h' --include='*.cpp' . |
-         sed 's#^\./##; s#:\#include "#:#; s#"$##')
+done < <(includes)
 while IFS=: read -r file inc; do
   if [ -f "$src/src/$inc" ]; then echo "layers: lib/$file includes $inc of src/"; bad=1; fi
-done < <(cd "$src/lib" && grep -rHo '#include "[^"]*"' --include='*.h' --include='*.cpp' . |
-         sed 's#^\./##; s#:\#include "#:#; s#"$##')
+done < <(cd "$src/lib" && includes)
 if grep -rniE '"[^"]*(select|insert|update|delete|replace) [^"]*(cdrcache|rooms|occupancy)' \
      --include='*.cpp' --include='*.h' . | grep -v '^\./states/'; then
   echo "layers: statements on the states file outside src/states"
