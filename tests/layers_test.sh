@@ -6,7 +6,7 @@
 set -euo pipefail
 cd "$1/src"
 # Lowest first; folders on one line share a rank and include none of the others.
-ranks="process
+ranks="process rating
 db
 config
 fias
