@@ -257,22 +257,4 @@ TEST(Rating, TheTablesCallsArePostedPricedAndAnUnmatchedNumberAsToday) {
                            "where number='004930123456'"));
 }
 
-TEST(Rating, ZeroPostsUnmatchedCallsWithoutTypeAndTheAmountAsItsValueInTheOutbox) {
-    rated_daemon d(sample_tariff);
-    d.run.set("rating", "unrated", "zero")
-        .set("rating", "markup", "10")
-        .set("rating", "decimals", "3")
-        .set("fixes", "posting", "yes");
-    ASSERT_TRUE(d.run.start()) << d.run.log();
-    d.call("0049891234", 61, 1);
-    d.call("555123", 40, 2);
-    ASSERT_TRUE(d.run.pms.wait_for_count("PS|", 2, 15s)) << d.run.log();
-    const texts ps = d.run.pms.frames("PS|");
-    EXPECT_NE(std::string::npos, ps[0].find("|PTC|TA319|")) << ps[0];
-    EXPECT_NE(std::string::npos, ps[1].find("|PTC|TA0|")) << ps[1];
-    EXPECT_NE(std::string::npos, ps[1].find("|DU000040|DD555123|")) << ps[1];
-    EXPECT_EQ(std::string::npos, ps[1].find("|PC")) << ps[1];
-    EXPECT_EQ(0u, d.run.count_log("No line of the tariff file prices"));
-}
-
 }  // namespace
