@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <sstream>
 #include <unordered_map>
 
 namespace {
@@ -140,14 +139,14 @@ bool read_line(const std::vector<std::string>& f, tariff_line& out, std::string&
 
 std::shared_ptr<const tariff> tariff::load(const std::string& path,
                                            std::vector<std::string>& reasons) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    const std::streamoff size = in ? static_cast<std::streamoff>(in.tellg()) : -1;
+    std::string text(size > 0 ? static_cast<size_t>(size) : 0, '\0');
+    if (size < 0 || !in.seekg(0) || !in.read(text.data(), size)) {
         reasons.push_back(path + ":0: the file cannot be read");
         return nullptr;
     }
-    std::ostringstream text;
-    text << in.rdbuf();
-    return parse(text.str(), path, reasons);
+    return parse(text, path, reasons);
 }
 
 std::shared_ptr<const tariff> tariff::parse(std::string_view text, const std::string& name,
@@ -162,6 +161,7 @@ std::shared_ptr<const tariff> tariff::parse(std::string_view text, const std::st
         std::string description;
     };
     std::vector<pending> read;
+    read.reserve(static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) + 1);
     std::vector<std::string> fields;
     const size_t before = reasons.size();
     bool header = true;
@@ -173,19 +173,19 @@ std::shared_ptr<const tariff> tariff::parse(std::string_view text, const std::st
         number++;
         if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
         if (line.empty() || line[0] == '#') continue;
-        const std::string where = name + ":" + std::to_string(number) + ": ";
+        auto where = [&] { return name + ":" + std::to_string(number) + ": "; };
         if (header) {
             header = false;
             if (line != tariff_header)
-                reasons.push_back(where + "the first line is not \"" + std::string(tariff_header) +
-                                  "\"");
+                reasons.push_back(where() + "the first line is not \"" +
+                                  std::string(tariff_header) + "\"");
             continue;
         }
         pending p;
         p.line.line = number;
         std::string reason;
         if (!split_fields(line, fields, reason) || !read_line(fields, p.line, reason)) {
-            reasons.push_back(where + reason);
+            reasons.push_back(where() + reason);
             continue;
         }
         p.prefix = std::move(fields[0]);
@@ -196,24 +196,33 @@ std::shared_ptr<const tariff> tariff::parse(std::string_view text, const std::st
         read.push_back(std::move(p));
     }
     if (header) reasons.push_back(name + ":" + std::to_string(number) + ": no header line");
-    std::sort(read.begin(), read.end(), [](const pending& a, const pending& b) {
-        return a.prefix != b.prefix ? a.prefix < b.prefix : a.line.valid_from < b.line.valid_from;
+    // By prefix, then valid_from (an order of indexes: the lines stay put).
+    std::vector<uint32_t> order(read.size());
+    for (uint32_t i = 0; i < order.size(); i++) order[i] = i;
+    std::sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
+        const pending& x = read[a];
+        const pending& y = read[b];
+        if (const int c = x.prefix.compare(y.prefix)) return c < 0;
+        return x.line.valid_from < y.line.valid_from;
     });
-    for (size_t i = 1; i < read.size(); i++)
-        if (read[i].prefix == read[i - 1].prefix &&
-            read[i].line.valid_from == read[i - 1].line.valid_from) {
-            const pending& later =
-                read[i].line.line > read[i - 1].line.line ? read[i] : read[i - 1];
-            const pending& earlier = &later == &read[i] ? read[i - 1] : read[i];
+    for (size_t i = 1; i < order.size(); i++)
+        if (read[order[i]].prefix == read[order[i - 1]].prefix &&
+            read[order[i]].line.valid_from == read[order[i - 1]].line.valid_from) {
+            const pending& a = read[order[i]];
+            const pending& b = read[order[i - 1]];
+            const pending& later = a.line.line > b.line.line ? a : b;
+            const pending& earlier = &later == &a ? b : a;
             reasons.push_back(name + ":" + std::to_string(later.line.line) +
                               ": the same prefix and valid_from as line " +
                               std::to_string(earlier.line.line));
         }
     if (reasons.size() != before) return nullptr;
 
-    std::unordered_map<std::string, uint32_t> descriptions;
+    std::unordered_map<std::string_view, uint32_t> descriptions;  // views into `read`
+    descriptions.reserve(read.size());
     t->lines_.reserve(read.size());
-    for (pending& p : read) {
+    for (uint32_t index : order) {
+        pending& p = read[index];
         tariff_line l = p.line;
         if (t->groups_.empty() || t->prefix(t->lines_.back()) != p.prefix) {
             t->groups_.push_back({static_cast<uint32_t>(t->lines_.size()), 0});
@@ -225,8 +234,8 @@ std::shared_ptr<const tariff> tariff::parse(std::string_view text, const std::st
         }
         l.prefix_size = static_cast<uint8_t>(p.prefix.size());
         if (p.description.size() > 0xFFFF) p.description.resize(0xFFFF);
-        auto [it, fresh] =
-            descriptions.emplace(p.description, static_cast<uint32_t>(t->arena_.size()));
+        auto [it, fresh] = descriptions.emplace(std::string_view(p.description),
+                                                static_cast<uint32_t>(t->arena_.size()));
         if (fresh) t->arena_ += p.description;
         l.description_at = it->second;
         l.description_size = static_cast<uint16_t>(p.description.size());
