@@ -2,6 +2,8 @@
 // database, with the PMS link attached to a socket pair whose far end
 // collects the frames. (The call cache's pass runs in the daemon's tests.)
 #include <gtest/gtest.h>
+#include <prometheus/collectable.h>
+#include <prometheus/metric_family.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,6 +13,7 @@
 #include "billing/background.h"
 #include "db/sqlite.h"
 #include "logger.h"
+#include "metrics.h"
 #include "support.h"
 
 using namespace std::chrono_literals;
@@ -251,7 +254,17 @@ TEST_F(BillingCycle, FilteredRowsAreMarkedFreeAndNeverPosted) {
 
 namespace {
 
+// The value of a counter of the process's metrics.
+double counted(const std::string& name) {
+    for (const prometheus::MetricFamily& f : metrics::counters()->Collect())
+        if (f.name == name && !f.metric.empty()) return f.metric[0].counter.value;
+    return -1;
+}
+
 TEST_F(BillingCycle, RowsWithoutACostArePricedByTheLineValidOnTheirDateAndOthersKeepTheirs) {
+    const double priced = counted("orlanbeck_calls_priced_total"),
+                 unrated = counted("orlanbeck_calls_unrated_total"),
+                 amount = counted("orlanbeck_posted_amount_minor_total");
     ASSERT_EQ(0, states.open(dir.file("states.db")));
     std::vector<std::string> reasons;
     cfg.rating.tariffs = "tariffs.csv";
@@ -305,6 +318,9 @@ TEST_F(BillingCycle, RowsWithoutACostArePricedByTheLineValidOnTheirDateAndOthers
         "CTDeutschland Festnetz|",
         sent[5]);
     EXPECT_EQ("PS|P#0007|RN101|PTC|TA0|DA240501|TI100100|DU000040|DD555|", sent[6]);
+    EXPECT_EQ(priced + 4, counted("orlanbeck_calls_priced_total"));
+    EXPECT_EQ(unrated + 2, counted("orlanbeck_calls_unrated_total"));
+    EXPECT_EQ(amount + 32 + 50 + 50 + 319, counted("orlanbeck_posted_amount_minor_total"));
 }
 
 }  // namespace
