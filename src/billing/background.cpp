@@ -90,14 +90,7 @@ bool send_report(pass_env& env, const fias_packet_t* rec, const char* error,
 // With [rating]: the price of a call that carries no cost of its own.
 call_price price_of(const pass_env& env, const call_row& row, const char* dateformat) {
     if (!env.cfg.rating.tariffs || (row.callcost != -1 && !row.cost_empty)) return {};
-    call_price p = price_call(env.cfg, row.dst, row.billsec, call_start_date(row.date, dateformat));
-    if (p.outcome == call_price::unrated) {
-        metrics::call_unrated();
-        if (!env.cfg.rating.unrated_zero)
-            LOG(L_WARNING, "No line of the tariff file prices the call to %s: posted unpriced",
-                row.dst);
-    }
-    return p;
+    return price_call(env.cfg, row.dst, row.billsec, call_start_date(row.date, dateformat));
 }
 
 // Builds and sends the "PS" record of one call (the text sent in *record).
@@ -162,6 +155,12 @@ bool post_call(pass_env& env, const std::string& room, const call_row& row, cons
     if (!send_report(env, rec.get(), "Unable to send fias Post Simple", entry, own)) return false;
     if (record) *record = fias_packet_to_str(rec.get(), own ? *own : env.codec);
     if (rated) metrics::amount_posted(amount);
+    if (price.outcome == call_price::unrated) {
+        metrics::call_unrated();
+        if (!env.cfg.rating.unrated_zero)
+            LOG(L_WARNING, "No line of the tariff file prices the call to %s: posted unpriced",
+                row.dst);
+    }
     if (price.outcome == call_price::priced) {
         metrics::call_priced();
         LOG(L_NOTICE, "Call of room %s to %s priced by %s (%s): %lld s billed, TA %u (P#%s)",
