@@ -53,6 +53,12 @@ struct all_metrics {
         counter("orlanbeck_calls_cached_total", "Calls cached from the Manager's Cdr events");
     Family<Counter>& calls_filtered =
         family("orlanbeck_calls_filtered_total", "Calls not posted, by reason");
+    Counter& calls_priced =
+        counter("orlanbeck_calls_priced_total", "Calls priced from the tariff file");
+    Counter& calls_unrated =
+        counter("orlanbeck_calls_unrated_total", "Calls that no line of the tariff file priced");
+    Counter& amount_posted = counter("orlanbeck_posted_amount_minor_total",
+                                     "The amounts (TA, in minor units) of the calls posted");
     Family<Counter>& actions =
         family("orlanbeck_manager_actions_total", "Manager actions, by action and result");
     Family<Counter>& events =
@@ -229,6 +235,15 @@ void calls_cached(unsigned n) {
 }
 void call_filtered(const char* reason) {
     get().calls_filtered.Add({{"reason", label_value(reason)}}).Increment();
+}
+void call_priced() {
+    get().calls_priced.Increment();
+}
+void call_unrated() {
+    get().calls_unrated.Increment();
+}
+void amount_posted(uint64_t minor_units) {
+    get().amount_posted.Increment(static_cast<double>(minor_units));
 }
 void manager_action(const std::string& action, const char* result) {
     get()

@@ -37,6 +37,11 @@ void posting_resent();
 // --- calls -------------------------------------------------------------------
 void calls_cached(unsigned n);
 void call_filtered(const char* reason);
+// Calls priced from the tariff file, calls no line priced (with [rating]),
+// and the amount ("TA", in minor units) of every call posted with one.
+void call_priced();
+void call_unrated();
+void amount_posted(uint64_t minor_units);
 
 // --- Manager -----------------------------------------------------------------
 void manager_action(const std::string& action, const char* result);  // success, error, timeout

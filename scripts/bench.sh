@@ -15,13 +15,13 @@ jobs=$(nproc 2>/dev/null || echo 2)
 bash scripts/setup.sh
 cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DORLANBECK_TESTS=OFF \
       -DORLANBECK_BENCH=ON >/dev/null
-cmake --build build-bench -j"$jobs" --target orlanbeck fias_bench logger_bench mgr_bench billing_bench actions_bench calls_bench wakeup_bench >/dev/null
+cmake --build build-bench -j"$jobs" --target orlanbeck fias_bench logger_bench mgr_bench billing_bench actions_bench calls_bench wakeup_bench rating_bench >/dev/null
 
 out=build-bench/results
 rm -rf "$out"
 mkdir -p "$out"
 for run in $(seq 1 "$runs"); do
-  for b in fias_bench logger_bench mgr_bench billing_bench actions_bench calls_bench wakeup_bench; do
+  for b in fias_bench logger_bench mgr_bench billing_bench actions_bench calls_bench wakeup_bench rating_bench; do
     echo "bench: $b, run $run of $runs" >&2
     "build-bench/bench/$b" --benchmark_out="$out/$b.$run.csv" --benchmark_out_format=csv \
       >/dev/null 2>"$out/$b.$run.log" || echo "bench: $b failed (see $out/$b.$run.log)" >&2
@@ -50,6 +50,9 @@ BM_ParseGuestCheckin|parse a "GI" record|cpu|1|ns|min|< 100 ns
 BM_ParsePosting|parse a "PS" record|cpu|1|ns|min|< 150 ns
 BM_LogLineToFile/|a log line written to the file|cpu|1|ns|min|< 2000 ns
 BM_LogLineNotWritten|a DEBUG line below the level|cpu|1|ns|min|-
+BM_LoadTariff100k|tariff file of 100,000 lines loaded and checked|real|1|ms|min|< 500 ms
+BM_LoadTariff100k|  the memory its table holds|table_MB|1|MB|min|< 16 MB
+BM_PriceCall|a call priced from that table (longest prefix, dated lines, amount)|cpu|1|ns|min|< 2000 ns
 EOF
 
 awk -F'|' -v OFS='|' '

@@ -281,6 +281,46 @@ void read_posting(const dictionary* d, config& cfg) {
     }
 }
 
+// [rating]: the tariff file and how its prices become amounts. A relative
+// file name is taken from the folder of the configuration file.
+void read_rating(const dictionary* d, const std::string& path, config& cfg) {
+    rating_settings& r = cfg.rating;
+    if (opt_text file = get_text(d, "rating:tariffs"); file && !file->empty()) {
+        const size_t slash = path.rfind('/');
+        if ((*file)[0] != '/' && slash != std::string::npos)
+            file = path.substr(0, slash + 1) + *file;
+        r.tariffs = std::move(file);
+    }
+    if (const char* text = iniparser_getstring(d, "rating:decimals", nullptr)) {
+        if (strlen(text) == 1 && text[0] >= '0' && text[0] <= '4')
+            r.rule.decimals = text[0] - '0';
+        else
+            LOG(L_WARNING, "rating:decimals = \"%s\" is not 0-4: 2 used", text);
+    }
+    if (const char* text = iniparser_getstring(d, "rating:markup", nullptr)) {
+        if (std::optional<int64_t> v = parse_scaled(text, 2, 100000))
+            r.rule.markup_hundredths = static_cast<int>(*v);
+        else
+            LOG(L_WARNING,
+                "rating:markup = \"%s\" is not a percent of at most 2 decimals (0-1000): 0 used",
+                text);
+    }
+    if (const char* text = iniparser_getstring(d, "rating:unrated", nullptr)) {
+        if (strcasecmp(text, "zero") == 0)
+            r.unrated_zero = true;
+        else if (strcasecmp(text, "duration") != 0)
+            LOG(L_WARNING, "rating:unrated = \"%s\" is neither duration nor zero: duration used",
+                text);
+    }
+    if (const char* text = iniparser_getstring(d, "rating:keep_days", nullptr)) {
+        if (std::optional<int64_t> v = parse_scaled(text, 0, 36500); v && *v >= 1)
+            r.keep_days = static_cast<int>(*v);
+        else
+            LOG(L_WARNING, "rating:keep_days = \"%s\" is not a number of days (1-36500): 90 used",
+                text);
+    }
+}
+
 // A fresh driver list: the records of this load, newest first, then the
 // records of earlier loads that no new record shadows.
 std::vector<dbdriver_ptr> merge_drivers(std::vector<dbdriver_ptr> fresh,
@@ -446,6 +486,7 @@ bool parse_config_file(const std::string& path, config& cfg) {
     cfg.rooms = read_rooms(d);
     cfg.extensions = read_extensions(d);
     read_posting(d, cfg);
+    read_rating(d, path, cfg);
     cfg.fixes = read_fixes(d);
 
     // Deadlines on outside calls: a key that is set applies; without it
@@ -481,6 +522,23 @@ void config_loader::publish(std::shared_ptr<const config> cfg) {
     published_ = std::move(cfg);
 }
 
+bool load_tariff(config& cfg) {
+    if (!cfg.rating.tariffs) return true;
+    std::vector<std::string> reasons;
+    tariff_ptr table = tariff::load(*cfg.rating.tariffs, reasons);
+    if (!table) {
+        // The first broken lines (orlanbeck -t names them all).
+        for (size_t i = 0; i < reasons.size() && i < 20; i++)
+            LOG(L_ERROR, "Tariff file refused: %s", reasons[i].c_str());
+        LOG(L_ERROR, "Tariff file %s refused: %s", cfg.rating.tariffs->c_str(),
+            cfg.tariff ? "the previous table stays" : "calls are posted as unrated");
+        return false;
+    }
+    LOG(L_NOTICE, "Tariff file %s: %zu lines", cfg.rating.tariffs->c_str(), table->size());
+    cfg.tariff = std::move(table);
+    return true;
+}
+
 int config_loader::load(bool reload) {
     // Every load starts from the defaults: a key removed from the file is
     // unset afterwards. Only the database records of earlier loads are kept.
@@ -491,6 +549,10 @@ int config_loader::load(bool reload) {
         publish(std::move(cfg));
         return -1;
     }
+    // The previous table stays when the file is refused now.
+    cfg->tariff = current()->tariff;
+    if (!cfg->rating.tariffs) cfg->tariff = nullptr;
+    load_tariff(*cfg);
     const bool mysql_at_use = reload && cfg->fixes.deadlines;
     cfg->dbdrivers =
         merge_drivers(load_dbdrivers(cfg->databases, cfg->fixes.mysql, true, mysql_at_use), old);

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "db/registry.h"
+#include "rating/tariff.h"
 #include "thread_annotations.h"
 
 using opt_text = std::optional<std::string>;
@@ -122,6 +123,14 @@ struct wakeup_settings {
     opt_text alert;            // run once when a booking ends without an answer
 };
 
+// [rating]: calls priced from the hotel's tariff file (rating/tariff.h).
+struct rating_settings {
+    opt_text tariffs;           // rating:tariffs, the CSV file; absent: calls are not priced
+    price_rule rule;            // rating:decimals (0-4), rating:markup (percent, 2 decimals)
+    bool unrated_zero = false;  // rating:unrated = zero (default duration)
+    int keep_days = 90;         // rating:keep_days, how long the states file keeps a rating
+};
+
 struct config {
     // [fixes]
     fixes_settings fixes;
@@ -201,6 +210,11 @@ struct config {
     // [posting], [dialcodes]
     posting_settings posting;
     dialcodes_settings dialcodes;
+    // [rating], and the table of its tariff file: loaded with the
+    // configuration; when the file is refused, the previous load's table
+    // (null at start, or without rating:tariffs).
+    rating_settings rating;
+    tariff_ptr tariff;
 
     // Whether a service step sends a Manager action ("ami:...").
     bool uses_actions() const;
@@ -258,5 +272,11 @@ class config_loader {
 };
 
 // Parses the INI text of `path` into settings (no database record is made:
-// `dbdrivers` stays empty). False when the file cannot be read.
+// `dbdrivers` stays empty, and no tariff file is read). False when the file
+// cannot be read.
 bool parse_config_file(const std::string& path, config& out);
+
+// Reads the tariff file of `cfg` (rating:tariffs) into `cfg.tariff`. A file
+// with broken lines is refused whole: each reason ("<file>:<line>: ...") is
+// logged at ERROR and `cfg.tariff` stays as it was. False when refused.
+bool load_tariff(config& cfg);

@@ -317,6 +317,14 @@ void warn_status(const config& cfg, bool bind) {
             why.c_str());
 }
 
+// Every broken line of the tariff file.
+void check_tariffs(const config& cfg) {
+    if (!cfg.rating.tariffs) return;
+    std::vector<std::string> reasons;
+    if (!tariff::load(*cfg.rating.tariffs, reasons))
+        for (const std::string& reason : reasons) LOG(L_ERROR, "%s", reason.c_str());
+}
+
 }  // namespace
 
 int test_configuration(const std::string& path, int level) {
@@ -333,6 +341,7 @@ int test_configuration(const std::string& path, int level) {
         warn_driverless_sections(cfg);
         warn_tls_files(cfg);
         warn_status(cfg, level >= 2);
+        check_tariffs(cfg);
     }
     const unsigned long problems = logger_problem_count();
     if (problems == 0)

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "billing/background.h"
+#include "billing/pricing.h"
 #include "config.h"
 #include "config_check.h"
 #include "daemon.h"
@@ -119,6 +120,62 @@ options get_options(int argc, char** argv) {
         exit(0);
     }
     return opts;
+}
+
+// orlanbeck --price <number> <seconds> [<YYYY-MM-DD HH:MM:SS>] [-c <file>]:
+// prices one call from the configured tariff file, as billing would. 0 when
+// a line prices it, 1 when none does, 2 when it cannot be priced at all.
+int price_command(int argc, char** argv) {
+    std::string config_file = "/etc/orlanbeck.conf";
+    std::vector<std::string> args;
+    for (int i = 1; i < argc; i++) {
+        const std::string a = argv[i];
+        if (a == "--price") continue;
+        if (a == "-c" && i + 1 < argc)
+            config_file = absolute_path(argv[++i]);
+        else if (a.rfind("--config=", 0) == 0)
+            config_file = absolute_path(a.c_str() + strlen("--config="));
+        else
+            args.push_back(a);
+    }
+    char* end = nullptr;
+    const long seconds = args.size() >= 2 ? strtol(args[1].c_str(), &end, 10) : -1;
+    int32_t date = call_start_date(nullptr, nullptr);
+    bool date_ok = true;
+    if (args.size() == 3) {
+        struct tm start {};
+        const char* rest = strptime(args[2].c_str(), "%Y-%m-%d", &start);
+        if (rest && *rest) rest = strptime(rest, " %H:%M:%S", &start);
+        date_ok = rest && *rest == '\0';
+        date = (start.tm_year + 1900) * 10000 + (start.tm_mon + 1) * 100 + start.tm_mday;
+    }
+    if (args.size() < 2 || args.size() > 3 || !end || *end || seconds < 0 || !date_ok) {
+        fprintf(stderr,
+                "Usage: %s --price <number> <seconds> [<YYYY-MM-DD HH:MM:SS>] [-c <file>]\n",
+                argv[0]);
+        return 2;
+    }
+    logger_init("", 2, 0, 0);  // WARNING and ERROR, on standard error
+    config cfg;
+    if (!parse_config_file(config_file, cfg)) {
+        fprintf(stderr, "Unable to open configuration file %s\n", config_file.c_str());
+        return 2;
+    }
+    if (!cfg.rating.tariffs) {
+        fprintf(stderr, "%s has no rating:tariffs\n", config_file.c_str());
+        return 2;
+    }
+    if (!load_tariff(cfg)) return 2;
+    const call_price p = price_call(cfg, args[0], seconds, date);
+    if (p.outcome != call_price::priced) {
+        printf("no line of %s prices %s\n", cfg.rating.tariffs->c_str(), args[0].c_str());
+        return 1;
+    }
+    printf("line %s %s %s\n", p.line.c_str(), p.prefix.c_str(), p.description.c_str());
+    printf("billed %lld s\n", static_cast<long long>(p.billed));
+    printf("amount %s (TA %lld)\n", amount_text(p.amount, cfg.rating.rule.decimals).c_str(),
+           static_cast<long long>(p.amount));
+    return 0;
 }
 
 // The daemon's own state and what the signal handlers do. The handlers run
@@ -435,6 +492,8 @@ class daemon_process {
 }  // namespace
 
 int main(int argc, char** argv) {
+    for (int i = 1; i < argc; i++)
+        if (strcmp(argv[i], "--price") == 0) return price_command(argc, argv);
     daemon_process state;
     if (argc > 1) state.opts = get_options(argc, argv);
     if (state.opts.test_config > 0)

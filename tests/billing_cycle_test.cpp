@@ -2,6 +2,8 @@
 // database, with the PMS link attached to a socket pair whose far end
 // collects the frames. (The call cache's pass runs in the daemon's tests.)
 #include <gtest/gtest.h>
+#include <prometheus/collectable.h>
+#include <prometheus/metric_family.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,6 +13,7 @@
 #include "billing/background.h"
 #include "db/sqlite.h"
 #include "logger.h"
+#include "metrics.h"
 #include "support.h"
 
 using namespace std::chrono_literals;
@@ -245,6 +248,79 @@ TEST_F(BillingCycle, FilteredRowsAreMarkedFreeAndNeverPosted) {
                              "Call of room 101 to 5551234 not posted: unanswered",
                              "Call of room 101 to 5551234 not posted: shorter than min_billsec"})
         EXPECT_EQ(1u, occurrences(log(), line)) << line;
+}
+
+}  // namespace
+
+namespace {
+
+// The value of a counter of the process's metrics.
+double counted(const std::string& name) {
+    for (const prometheus::MetricFamily& f : metrics::counters()->Collect())
+        if (f.name == name && !f.metric.empty()) return f.metric[0].counter.value;
+    return -1;
+}
+
+TEST_F(BillingCycle, RowsWithoutACostArePricedByTheLineValidOnTheirDateAndOthersKeepTheirs) {
+    const double priced = counted("orlanbeck_calls_priced_total"),
+                 unrated = counted("orlanbeck_calls_unrated_total"),
+                 amount = counted("orlanbeck_posted_amount_minor_total");
+    ASSERT_EQ(0, states.open(dir.file("states.db")));
+    std::vector<std::string> reasons;
+    cfg.rating.tariffs = "tariffs.csv";
+    cfg.rating.rule.markup_hundredths = 1000;
+    cfg.tariff = tariff::parse(
+        "prefix,description,call_type,rate,first,next,connect,free,valid_from\n"
+        "0049,Deutschland|Festnetz und Mobil,I,0.12,60,60,0.05,0,\n"
+        "0049,\"Deutschland, ab Juni 2024\",I,0.20,60,60,0.05,0,2024-06-01\n",
+        "tariffs.csv", reasons);
+    ASSERT_TRUE(cfg.tariff);
+    ASSERT_TRUE(
+        exec("insert into calls values ('101','2024-05-31','23:59:00','0049891',61,-1,0),"
+             "('101','2024-06-01','00:01:00','0049892',61,'',0),"
+             "('101','2024-06-01','00:02:00','0049893',61,NULL,0),"
+             "('101','2024-06-01','00:03:00','0049894',61,250,0),"
+             "('101','2024-06-01','00:04:00','555',61,-1,0);"));
+    ASSERT_TRUE(cycle({"101"}));
+    // The amount as its value also without [fixes] numbers; "CT" cut to 20
+    // characters with the separator a space; the own cost as without rating.
+    EXPECT_EQ((texts{
+                  "PS|P#0001|RN101|PTC|TA32|DA240531|TI235900|DU000101|DD0049891|PCI|"
+                  "CTDeutschland Festnetz|",
+                  "PS|P#0002|RN101|PTC|TA50|DA240601|TI000100|DU000101|DD0049892|PCI|"
+                  "CTDeutschland, ab Juni|",
+                  "PS|P#0003|RN101|PTC|TA50|DA240601|TI000200|DU000101|DD0049893|PCI|"
+                  "CTDeutschland, ab Juni|",
+                  "PS|P#0004|RN101|PTC|TA3|DA240601|TI000300|DU000101|DD0049894|",
+                  "PS|P#0005|RN101|PTT|DA240601|TI000400|DU000101|DD555|",
+              }),
+              frames());
+    std::vector<states_file::rating_record> kept;
+    ASSERT_EQ(0, states.ratings(kept));
+    ASSERT_EQ(3u, kept.size());
+    EXPECT_EQ("tariffs.csv:2", kept[0].line);
+    EXPECT_EQ("tariffs.csv:3", kept[2].line);
+    EXPECT_EQ(120, kept[2].billed);
+    EXPECT_EQ(50, kept[2].amount);
+    EXPECT_NE(std::string::npos, log().find("No line of the tariff file prices the call to 555"));
+
+    // unrated = zero: "TA0" without type and text; decimals 3.
+    cfg.rating.unrated_zero = true;
+    cfg.rating.rule.decimals = 3;
+    ASSERT_TRUE(
+        exec("insert into calls values ('101','2024-05-01','10:00:00','0049891',61,-1,0),"
+             "('101','2024-05-01','10:01:00','555',40,-1,0);"));
+    ASSERT_TRUE(cycle({"101"}));
+    const texts sent = frames();
+    ASSERT_EQ(7u, sent.size());
+    EXPECT_EQ(
+        "PS|P#0006|RN101|PTC|TA319|DA240501|TI100000|DU000101|DD0049891|PCI|"
+        "CTDeutschland Festnetz|",
+        sent[5]);
+    EXPECT_EQ("PS|P#0007|RN101|PTC|TA0|DA240501|TI100100|DU000040|DD555|", sent[6]);
+    EXPECT_EQ(priced + 4, counted("orlanbeck_calls_priced_total"));
+    EXPECT_EQ(unrated + 2, counted("orlanbeck_calls_unrated_total"));
+    EXPECT_EQ(amount + 32 + 50 + 50 + 319, counted("orlanbeck_posted_amount_minor_total"));
 }
 
 }  // namespace

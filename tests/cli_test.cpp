@@ -156,7 +156,10 @@ TEST_F(CommandLine, UsageAMissingConfigurationOrStatesFileAndTheConfigurationChe
                         "cdr_use_manager = yes\nbillcalls = pbx:select 1\n"
                         "checkin.2 = ami:DBPut|Family=X|ActionID=1|Key=%exten%|Val=%name%|bad\n"
                         "[ami]\ndbdriver = sqlite\n[extensions]\n101 = 2101\n102 = 2101\n"
-                        "[status]\nlisten = localhost:99999\n");
+                        "[status]\nlisten = localhost:99999\n[rating]\ntariffs = tariffs.csv\n");
+    write_file(run.dir().file("tariffs.csv"),
+               "prefix,description,call_type,rate,first,next,connect,free,valid_from\n"
+               "00,International,I,1.00,60,60,0,0,\n0049,Germany,I,0.12,60,60,0.05,0,tomorrow\n");
     out = run_to_end({bin, "--test-config", "-c", bad}, &status);
     EXPECT_EQ(1, status);
     for (const char* text :
@@ -167,13 +170,38 @@ TEST_F(CommandLine, UsageAMissingConfigurationOrStatesFileAndTheConfigurationChe
           "services:checkin.2 sets an ActionID", "services:checkin.2 has \"bad\", which is no",
           "Service steps send Manager actions, but services:cdr_mgr_host is not set",
           "[ami] is a database section", "extension 2101 is in rooms 101 and 102",
-          "status:listen = \"localhost:99999\" is no address", "bad.conf: 14 problems"})
+          "status:listen = \"localhost:99999\" is no address",
+          "tariffs.csv:3: valid_from \"tomorrow\" is not a date", "bad.conf: 15 problems"})
         EXPECT_NE(std::string::npos, out.find(text)) << text << "\n" << out;
     EXPECT_EQ(std::string::npos, out.find("Can not connect")) << out;
     out = run_to_end({bin, "-tt", "-c", bad}, &status);
     EXPECT_EQ(1, status);
     EXPECT_NE(std::string::npos, out.find("Can not connect to DB crm of mysql")) << out;
     EXPECT_NE(0, access(states.c_str(), F_OK));
+}
+
+TEST_F(CommandLine, PriceNamesTheLineTheSecondsAndTheAmountOfOneCall) {
+    write_file(run.dir().file("tariffs.csv"),
+               "prefix,description,call_type,rate,first,next,connect,free,valid_from\n"
+               "0049,Germany,I,0.12,60,60,0.05,0,\n0049,Germany,I,0.15,60,60,0.05,0,2025-01-01\n");
+    run.set("rating", "tariffs", "tariffs.csv").set("rating", "markup", "10");
+    run.write_config();
+    const std::string bin = orlanbeck_binary(), conf = run.config_path();
+    int status = -1;
+    EXPECT_EQ("line " + run.dir().file("tariffs.csv") +
+                  ":2 0049 Germany\nbilled 120 s\namount 0.32 (TA 32)\n",
+              run_to_end({bin, "--price", "0049891234", "61", "2024-12-31 23:59:59", "-c", conf},
+                         &status));
+    EXPECT_EQ(0, status);
+    EXPECT_NE(std::string::npos,
+              run_to_end({bin, "-c", conf, "--price", "0049891234", "61", "2025-01-01"}, &status)
+                  .find(":3 0049 Germany\nbilled 120 s\namount 0.39 (TA 39)\n"));
+    EXPECT_EQ(0, status);
+    EXPECT_EQ("no line of " + run.dir().file("tariffs.csv") + " prices 0044207946\n",
+              run_to_end({bin, "--price", "0044207946", "61", "-c", conf}, &status));
+    EXPECT_EQ(1, status);
+    run_to_end({bin, "--price", "0049891234", "-c", conf}, &status);
+    EXPECT_EQ(2, status);
 }
 
 TEST_F(CommandLine, DaemonWithARelativeConfigurationReloadsAndEndsWhenTheFileIsGone) {

@@ -189,3 +189,27 @@ TEST_F(Config, DeadlinesComeWithTheirKeysOrTheFixAndABadValueIsReported) {
 }
 
 }  // namespace
+
+TEST_F(Config, ATariffFileWithABrokenLineIsRefusedWholeAndThePreviousTableStays) {
+    const std::string header =
+        "prefix,description,call_type,rate,first,next,connect,free,valid_from\n";
+    const std::string rating = "[rating]\ntariffs = tariffs.csv\nmarkup = 12.5\nunrated = zero\n";
+    write_file(dir_.file("tariffs.csv"), header + "0049,Germany,I,0.12,60,60,0.05,0,\n");
+    ASSERT_EQ(0, load(rating));
+    const tariff_ptr first = cfg().tariff;
+    ASSERT_TRUE(first);
+    EXPECT_EQ(1250, cfg().rating.rule.markup_hundredths);
+    EXPECT_TRUE(cfg().rating.unrated_zero);
+    write_file(dir_.file("tariffs.csv"),
+               header + "0049,Germany,I,0.13,60,60,0.05,0,\n0044,UK,I,x,60,60,0,0,\n");
+    ASSERT_EQ(0, load(rating));
+    EXPECT_EQ(first, cfg().tariff);
+    EXPECT_EQ(1u, log_lines_with({"ERROR", "Tariff file refused: ", "tariffs.csv:3: rate \"x\""}));
+    EXPECT_EQ(1u, log_lines_with({"ERROR", "tariffs.csv refused: the previous table stays"}));
+    // Without the key there is no table; a bad value keeps its default.
+    ASSERT_EQ(0, load("[rating]\ndecimals = 5\nmarkup = 1.234\n"));
+    EXPECT_FALSE(cfg().tariff);
+    EXPECT_EQ(2, cfg().rating.rule.decimals);
+    EXPECT_EQ(0, cfg().rating.rule.markup_hundredths);
+    EXPECT_EQ(1u, log_lines_with({"WARNING", "rating:decimals = \"5\" is not 0-4"}));
+}

@@ -12,6 +12,7 @@
 
 #include "billing/call_filter.h"
 #include "billing/outbox.h"
+#include "billing/pricing.h"
 #include "db/sqlite.h"
 #include "fias/codec.h"
 #include "logger.h"
@@ -62,6 +63,7 @@ struct pass_env {
     bool outbox;  // posting_policy::keeps_outbox
     fias_codec_options codec;
     billing_memory* memory;  // may be null
+    const config& cfg;
     pms_link& link() const { return parts.link; }
 };
 
@@ -69,28 +71,40 @@ struct pass_env {
 // posting_policy::marks_only_sent). With the outbox, `entry` describes it
 // there, and a report in the outbox is marked whether or not this write went
 // through: the outbox sends it again.
+// `own` is how the record is written when not as every record is (env.codec).
 bool send_report(pass_env& env, const fias_packet_t* rec, const char* error,
-                 states_file::outbox_entry& entry) {
+                 states_file::outbox_entry& entry, const fias_codec_options* own = nullptr) {
     if (env.parts.audit.holds_postings()) return false;  // neither sent nor marked
     if (env.policy.marks_only_sent() && !env.link().active()) return false;
     if (env.outbox) {
-        entry.record = fias_packet_to_str(rec, env.codec);
+        entry.record = fias_packet_to_str(rec, own ? *own : env.codec);
         return deliver({env.link(), env.parts.states, env.parts.audit}, entry, error) >= 0;
     }
-    if (env.link().send_packet(rec) >= 0) return true;
+    if ((own ? env.link().send_raw(fias_packet_to_str(rec, *own).c_str())
+             : env.link().send_packet(rec)) >= 0)
+        return true;
     LOG(L_ERROR, "%s", error);
     return !env.policy.marks_only_sent();
 }
 
-// Builds and sends the "PS" record of one call. Null when the record cannot
-// be made or was not sent when only what was sent is marked (the row is then
-// skipped and not marked).
+// With [rating]: the price of a call that carries no cost of its own.
+call_price price_of(const pass_env& env, const call_row& row, const char* dateformat) {
+    if (!env.cfg.rating.tariffs || (row.callcost != -1 && !row.cost_empty)) return {};
+    return price_call(env.cfg, row.dst, row.billsec, call_start_date(row.date, dateformat));
+}
+
+// Builds and sends the "PS" record of one call (the text sent in *record).
+// False when the record cannot be made or was not sent when only what was
+// sent is marked (the row is then skipped and not marked).
 // `entry` brings the outbox entry's mark and extension and gets the rest.
-fias_packet_ptr post_call(pass_env& env, const std::string& room, const call_row& row,
-                          const char* dateformat, const char* timeformat, std::string* sequence,
-                          states_file::outbox_entry& entry) {
+bool post_call(pass_env& env, const std::string& room, const call_row& row, const char* dateformat,
+               const char* timeformat, std::string* sequence, states_file::outbox_entry& entry,
+               std::string* record = nullptr) {
     fias_packet_ptr rec = fias_create_packet(FIAS_PS);
-    if (!rec) return nullptr;
+    if (!rec) return false;
+    const call_price price = price_of(env, row, dateformat);
+    const bool rated = price.outcome == call_price::priced ||
+                       (price.outcome == call_price::unrated && env.cfg.rating.unrated_zero);
     set_field(rec.get(), "RN", text_value(room.c_str()));
     set_field(rec.get(), "DD", text_value(row.dst));
     *sequence = env.sequence.next();
@@ -103,7 +117,28 @@ fias_packet_ptr post_call(pass_env& env, const std::string& room, const call_row
     set_field(rec.get(), "DU", du);
     set_field(rec.get(), "DA", date_value(row.date, dateformat));
     set_field(rec.get(), "TI", time_value(row.time, timeformat));
-    if (row.callcost != -1) {
+    // A priced call's amount goes out as its value, whatever [fixes] says.
+    fias_codec_options as_value = env.codec;
+    as_value.numbers = true;
+    const fias_codec_options* own = nullptr;
+    uint32_t amount = 0;
+    if (rated) {
+        amount = static_cast<uint32_t>(std::min<int64_t>(price.amount, UINT32_MAX));
+        fias_value_t ta;
+        ta.ival = amount;
+        set_field(rec.get(), "TA", ta);
+        set_field(rec.get(), "PT", text_value("C"));
+        if (price.outcome == call_price::priced) {
+            const char pc[2] = {price.call_type, '\0'};
+            set_field(rec.get(), "PC", text_value(pc));
+            const std::string ct = clear_text(env.cfg, price.description);
+            if (!ct.empty()) set_field(rec.get(), "CT", text_value(ct.c_str()));
+            entry.rating_line = price.line;
+            entry.billed = price.billed;
+        }
+        entry.amount = amount;
+        own = &as_value;
+    } else if (row.callcost != -1 && price.outcome == call_price::not_rated) {
         fias_value_t ta;
         ta.ival = static_cast<uint32_t>(row.callcost);
         set_field(rec.get(), "TA", ta);
@@ -122,8 +157,24 @@ fias_packet_ptr post_call(pass_env& env, const std::string& room, const call_row
     entry.number = row.dst;
     entry.date = row.date;
     entry.time = row.time;
-    if (!send_report(env, rec.get(), "Unable to send fias Post Simple", entry)) return nullptr;
-    return rec;
+    if (!send_report(env, rec.get(), "Unable to send fias Post Simple", entry, own)) return false;
+    if (record) *record = fias_packet_to_str(rec.get(), own ? *own : env.codec);
+    if (rated) metrics::amount_posted(amount);
+    if (price.outcome == call_price::unrated) {
+        metrics::call_unrated();
+        if (!env.cfg.rating.unrated_zero)
+            LOG(L_WARNING, "No line of the tariff file prices the call to %s: posted unpriced",
+                row.dst);
+    }
+    if (price.outcome == call_price::priced) {
+        metrics::call_priced();
+        LOG(L_NOTICE, "Call of room %s to %s priced by %s (%s): %lld s billed, TA %u (P#%s)",
+            room.c_str(), row.dst, price.line.c_str(), price.prefix.c_str(),
+            static_cast<long long>(price.billed), amount, sequence->c_str());
+        env.parts.states.rating_put({room, *sequence, row.date, row.time, row.dst, price.line,
+                                     price.prefix, price.billed, static_cast<long long>(amount)});
+    }
+    return true;
 }
 
 // A pass's driver and statement, from its service string. `ok` is false when
@@ -262,11 +313,12 @@ void post_cached(pass_env& env, const config& cfg, const std::vector<std::string
                 std::string sequence;
                 states_file::outbox_entry entry;
                 entry.mark = "cache";
-                fias_packet_ptr rec = post_call(env, room, row, cache_date_format,
-                                                cache_time_format, &sequence, entry);
-                if (!rec) return std::nullopt;
+                std::string record;
+                if (!post_call(env, room, row, cache_date_format, cache_time_format, &sequence,
+                               entry, &record))
+                    return std::nullopt;
                 if (env.outbox) outbox_ids.push_back(entry.id);
-                return posted_call{fias_packet_to_str(rec.get(), env.codec), sequence};
+                return posted_call{std::move(record), sequence};
             },
             env.fill);
         if (marked == 0)
@@ -318,9 +370,8 @@ bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>
                     entry.mark = drv.name;
                     entry.mark_key = "billmark";
                 }
-                fias_packet_ptr rec =
-                    post_call(env, room, row, drv.dateformat, drv.timeformat, &sequence, entry);
-                if (!rec) continue;
+                if (!post_call(env, room, row, drv.dateformat, drv.timeformat, &sequence, entry))
+                    continue;
                 if (!env.outbox && extension != room)
                     env.parts.extensions.made_by(sequence, extension);
                 if (!billmark.empty()) {
@@ -501,9 +552,11 @@ bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms,
                  policy,
                  policy.keeps_outbox(),
                  {cfg.fixes.numbers, 0, cfg.plus_prefix},
-                 memory};
+                 memory,
+                 cfg};
     pms_link& link = parts.link;
     if (cfg.uses_outbox()) run_due_marks(cfg, parts.states);
+    if (cfg.rating.tariffs) parts.states.ratings_prune(cfg.rating.keep_days);
     if (!link.active() || parts.audit.holds_postings()) return true;
     if (cfg.uses_outbox()) send_outbox({link, parts.states, parts.audit});
     bool posted = false;
@@ -538,7 +591,8 @@ void post_cached_now(const config& cfg, const std::vector<std::string>& rooms,
                  policy,
                  policy.keeps_outbox(),
                  {cfg.fixes.numbers, 0, cfg.plus_prefix},
-                 nullptr};
+                 nullptr,
+                 cfg};
     post_cached(env, cfg, rooms, all_rooms);
 }
 

@@ -2,6 +2,7 @@
 
 #include <iconv.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 
@@ -40,6 +41,35 @@ std::string to_utf8(std::string_view text, const std::string& encoding) {
         out += "\xEF\xBF\xBD";
         ++in;
         --in_left;
+        iconv(static_cast<iconv_t>(cd.get()), nullptr, nullptr, nullptr, nullptr);
+    }
+    return out;
+}
+
+std::string from_utf8(std::string_view text, const std::string& encoding) {
+    iconv_t raw = iconv_open(encoding.c_str(), "UTF-8");
+    if (raw == reinterpret_cast<iconv_t>(-1)) return std::string(text);
+    iconv_ptr cd(raw);
+    std::string out;
+    char* in = const_cast<char*>(text.data());
+    size_t in_left = text.size();
+    char buf[256];
+    while (in_left > 0) {
+        char* o = buf;
+        size_t o_left = sizeof buf;
+        size_t rc = iconv(static_cast<iconv_t>(cd.get()), &in, &in_left, &o, &o_left);
+        out.append(buf, static_cast<size_t>(o - buf));
+        if (rc != static_cast<size_t>(-1) || errno == E2BIG) continue;
+        // A character that cannot be written (or read): "?" for the whole
+        // sequence, and on.
+        const unsigned char lead = static_cast<unsigned char>(*in);
+        size_t skip = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 1;
+        for (size_t i = 1; i < skip && i < in_left; i++)
+            if ((static_cast<unsigned char>(in[i]) & 0xC0) != 0x80) skip = i;
+        skip = std::min(skip, in_left);
+        out += '?';
+        in += skip;
+        in_left -= skip;
         iconv(static_cast<iconv_t>(cd.get()), nullptr, nullptr, nullptr, nullptr);
     }
     return out;

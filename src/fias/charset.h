@@ -12,5 +12,10 @@
 // An unknown encoding gives the text as it is.
 std::string to_utf8(std::string_view text, const std::string& encoding);
 
+// `text` (UTF-8) in `encoding`, for sending: a character that cannot be
+// written in it, and a byte that is not UTF-8, become "?". An unknown
+// encoding gives the text as it is.
+std::string from_utf8(std::string_view text, const std::string& encoding);
+
 // Whether `encoding` names a character set that can be converted.
 bool known_encoding(const std::string& encoding);

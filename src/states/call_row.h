@@ -10,6 +10,7 @@ struct call_row {
     char dst[256] = "";
     int billsec = 0;
     int callcost = -1;
+    bool cost_empty = false;  // the cost column is there but empty (or NULL)
     // From the call cache only: the call's disposition ("ANSWERED", "BUSY",
     // ...) and its row.
     char disposition[48] = "";

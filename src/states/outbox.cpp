@@ -16,7 +16,14 @@ const char* const create_outbox =
     "create table if not exists outbox (id integer primary key autoincrement, kind text, seq "
     "text, room text, extension text, number text, date text, time text, record text, waiting "
     "integer default 1, mark text default '', mark_key text default '', sends integer default "
-    "0, link integer default 0)";
+    "0, link integer default 0, rating_line text default '', billed integer default -1, amount "
+    "integer default -1)";
+// Columns added since the table was first made, for files made before.
+const char* const added_columns[][2] = {
+    {"rating_line", "alter table outbox add column rating_line text default ''"},
+    {"billed", "alter table outbox add column billed integer default -1"},
+    {"amount", "alter table outbox add column amount integer default -1"},
+};
 const char* const create_sequence =
     "create table if not exists sequence (name text primary key, last integer)";
 const char* const columns =
@@ -32,10 +39,15 @@ std::string remove_settled(long id) {
 
 bool states_file::open_outbox() {
     if (!connect_own()) return false;
-    if (!outbox_checked_)
-        outbox_checked_ = occupancy_.query(create_outbox) == 0 &&
-                          occupancy_.query(create_sequence) == 0 &&
-                          occupancy_.query("update outbox set link=0") == 0;
+    if (outbox_checked_) return true;
+    bool ok = occupancy_.query(create_outbox) == 0 && occupancy_.query(create_sequence) == 0;
+    for (const auto& [name, alter] : added_columns)
+        if (ok && sqlite_count(occupancy_, ("select count(*) from pragma_table_info('outbox') "
+                                            "where name='" +
+                                            std::string(name) + "'")
+                                               .c_str()) == 0)
+            ok = occupancy_.query(alter) == 0;
+    outbox_checked_ = ok && occupancy_.query("update outbox set link=0") == 0;
     return outbox_checked_;
 }
 
@@ -58,13 +70,16 @@ long states_file::outbox_put(const outbox_entry& e, unsigned link) {
             occupancy_.query("delete from outbox where waiting=0 and mark=''");
         }
     }
-    bool ok = occupancy_.query(("insert into outbox (kind, seq, room, extension, number, date, "
-                                "time, record, mark, mark_key) values (" +
-                                quoted(e.kind) + "," + quoted(e.seq) + "," + quoted(e.room) + "," +
-                                quoted(e.extension) + "," + quoted(e.number) + "," +
-                                quoted(e.date) + "," + quoted(e.time) + "," + quoted(e.record) +
-                                "," + quoted(e.mark) + "," + quoted(e.mark_key) + ")")
-                                   .c_str()) == 0;
+    bool ok =
+        occupancy_.query(("insert into outbox (kind, seq, room, extension, number, date, "
+                          "time, record, mark, mark_key, rating_line, billed, amount) "
+                          "values (" +
+                          quoted(e.kind) + "," + quoted(e.seq) + "," + quoted(e.room) + "," +
+                          quoted(e.extension) + "," + quoted(e.number) + "," + quoted(e.date) +
+                          "," + quoted(e.time) + "," + quoted(e.record) + "," + quoted(e.mark) +
+                          "," + quoted(e.mark_key) + "," + quoted(e.rating_line) + "," +
+                          std::to_string(e.billed) + "," + std::to_string(e.amount) + ")")
+                             .c_str()) == 0;
     // Numbers taken by several threads may be written out of order: the
     // last one used is the one furthest round the circle of 10,000.
     if (ok && posting) {

@@ -118,7 +118,11 @@ row_read read_call_row(dbdriver_t& drv, call_row& row) {
         LOG(L_ERROR, "No mandatory billsec field in cdr query");
         return row_read::failed;
     }
-    drv.fetch_int_field(4, &row.callcost);
+    char cost[32] = "";
+    if (drv.fetch_char_field(4, cost, sizeof cost - 1) == 0) {
+        row.cost_empty = strspn(cost, " ") == strlen(cost);
+        drv.fetch_int_field(4, &row.callcost);
+    }
     return row_read::ok;
 }
 

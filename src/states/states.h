@@ -188,6 +188,11 @@ class states_file {
         std::string mark;      // the mark still due: "", "cache", or a database's name
         std::string mark_key;  // the service key of a database's mark
         int sends = 0;         // how often it was written whole
+        // A call priced from the tariff file: the line used ("<file>:<n>"),
+        // the seconds billed and the amount ("TA"); else "", -1, -1.
+        std::string rating_line;
+        long long billed = -1;
+        long long amount = -1;
     };
     // Writes `e` (a posting also as the last number used). A posting still
     // waiting under the same "P#" is forgotten, with a WARNING once per `link`.
@@ -217,6 +222,25 @@ class states_file {
         std::string date, time, record;
     };
     int mark_cached(const std::string& room, const std::vector<cache_mark>& marks);
+
+    // --- ratings (states/ratings.cpp) ------------------------------------------
+    // How each priced call was priced, for a disputed bill: kept by room,
+    // "P#", date and time (a new rating of the same key replaces the old),
+    // on the connection that no operation closes. -1 when the file cannot be
+    // written.
+    struct rating_record {
+        std::string room, seq, date, time;
+        std::string number;  // as dialled
+        std::string line;    // "<file>:<n>"
+        std::string prefix;
+        long long billed = 0;
+        long long amount = 0;
+    };
+    int rating_put(const rating_record& r);
+    // Forgets the ratings stored more than `keep_days` days ago.
+    int ratings_prune(int keep_days);
+    // Every rating kept, oldest first.
+    int ratings(std::vector<rating_record>& out);
 
     // --- wake-up bookings -------------------------------------------------------
     // The wake-up calls the daemon places ([wakeup] call), kept across
@@ -272,6 +296,8 @@ class states_file {
     bool outbox_checked_ GUARDED_BY(occupancy_) = false;
     bool open_wakeups() REQUIRES(occupancy_);
     bool wakeups_checked_ GUARDED_BY(occupancy_) = false;
+    bool open_ratings() REQUIRES(occupancy_);
+    bool ratings_checked_ GUARDED_BY(occupancy_) = false;
     unsigned outbox_warned_ GUARDED_BY(occupancy_) = 0;  // the link last warned about
     int read_outbox(const std::string& where, std::vector<outbox_entry>& out);
     bool connect_own() REQUIRES(occupancy_);
