@@ -96,11 +96,14 @@ TEST(Tariff, LongestPrefixAmongTheLinesValidAtTheCallsStart) {
     EXPECT_EQ("none", found("12345", 20240601));
     EXPECT_EQ("none", found("", 20240601));
 
-    // Dialled text matches as the digits "DD" carries.
-    EXPECT_EQ("0049301234", dialled_digits("0049 30-1234"));
-
     // The settings and the table make the posting's values.
     config cfg;
+    // Dialled text matches as "DD" carries it: with fixes:numbers digits
+    // only, "+" as pms:plus_prefix.
+    EXPECT_EQ("0049 30-1234", dialled_digits(cfg, "0049 30-1234"));
+    cfg.fixes.numbers = true;
+    EXPECT_EQ("0049301234", dialled_digits(cfg, "+49 30-1234"));
+    cfg.fixes.numbers = false;
     cfg.rating.tariffs = "tariffs.csv";
     cfg.tariff = t;
     call_price p = price_call(cfg, "0049891234", 61, 20250101);

@@ -3,14 +3,10 @@
 #include <ctime>
 
 #include "fias/charset.h"
+#include "fias/codec.h"
 
-std::string dialled_digits(std::string_view number) {
-    // The number as "DD" will carry it: digits only.
-    std::string digits;
-    digits.reserve(number.size());
-    for (char c : number)
-        if (c >= '0' && c <= '9') digits.push_back(c);
-    return digits;
+std::string dialled_digits(const config& cfg, std::string_view number) {
+    return fias_dialled(std::string(number), {cfg.fixes.numbers, 0, cfg.plus_prefix});
 }
 
 int32_t call_start_date(const char* date, const char* format) {
@@ -28,7 +24,7 @@ call_price price_call(const config& cfg, std::string_view number, int64_t billab
     p.outcome = call_price::unrated;
     const tariff* table = cfg.tariff.get();
     if (!table) return p;
-    const tariff_line* line = table->find(dialled_digits(number), date);
+    const tariff_line* line = table->find(dialled_digits(cfg, number), date);
     if (!line) return p;
     p.outcome = call_price::priced;
     p.line = table->name() + ":" + std::to_string(line->line);

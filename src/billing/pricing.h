@@ -26,9 +26,10 @@ struct call_price {
     int64_t amount = 0;       // minor units ("TA")
 };
 
-// The digits a dialled number is matched with: the number as "DD" carries
-// it, without anything that is not a digit.
-std::string dialled_digits(std::string_view number);
+// What a dialled number is matched with: the number as "DD" carries it,
+// after the codec's checks (with fixes:numbers digits only, "+" made
+// pms:plus_prefix).
+std::string dialled_digits(const config& cfg, std::string_view number);
 
 // The call's start date as YYYYMMDD, from its date text in `format` (local
 // time); today's date when the text cannot be read.

@@ -232,6 +232,11 @@ fias_packet_ptr fias_parse_packet(const char* line, int /*packetlen*/,
     return p;
 }
 
+std::string fias_dialled(const std::string& text, const fias_codec_options& opts) {
+    bool dropped = false;
+    return dialled(text, opts, dropped);
+}
+
 fias_value_notes fias_check_values(fias_packet_t* p, const fias_codec_options& opts) {
     fias_value_notes notes;
     if (!p) return notes;

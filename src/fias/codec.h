@@ -44,6 +44,10 @@ fias_packet_ptr fias_parse_packet(const char* line, int packetlen,
 // names, what was dropped.
 fias_value_notes fias_check_values(fias_packet_t* p, const fias_codec_options& opts = {});
 
+// Dialled digits `text` as "DD" carries them (see above); empty when the
+// field would be left out.
+std::string fias_dialled(const std::string& text, const fias_codec_options& opts = {});
+
 // The record text of `p` (without frame). Fields go out in slot order, in
 // their checked form; slots without value, and text slots without text, are
 // left out. A date or time slot whose value has text goes out as that text.
