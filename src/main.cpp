@@ -40,6 +40,7 @@
 #include "states/states.h"
 #include "stop_flag.h"
 #include "templates/templates.h"
+#include "wakeup/schedule.h"
 
 namespace {
 
@@ -212,13 +213,45 @@ class daemon_process {
                 post_cached_now(*cfg, rooms, all, *parts);
             };
         if (cfg->use_manager) attach_cdr_capture(*session, cfg, *states, std::move(stored));
-        // [dialcodes]: minibar and room status from the room phone.
+        // [dialcodes]: minibar, room status and the guest's own codes from
+        // the room phone.
         if (cfg->uses_dialcodes() && posting && posting->sequence)
-            attach_dialcodes(*session, cfg, {*link, *states, posting->audit}, *posting->sequence);
+            attach_dialcodes(*session, cfg, {*link, *states, posting->audit}, *posting->sequence,
+                             phone_wakeups_of());
         if (dialer) wakeup->attach(*session);
         notify->running(notify_part::capture);
         session->start();
         manager.set(std::move(session));
+    }
+
+    // The dialer's part in the room phone's wake-ups (none without it).
+    phone_wakeups phone_wakeups_of() {
+        phone_wakeups out;
+        if (!wakeup || !records) return out;
+        out.book = [dialer = wakeup](const std::string& room, const std::string& date,
+                                     const std::string& time) {
+            return dialer->book(room, date, time);
+        };
+        out.cancel = [dialer = wakeup](const std::string& room, const std::string& time) {
+            std::vector<std::pair<std::string, std::string>> gone;
+            for (const wakeup_dialer::booking& b : dialer->cancel(room, "", time)) {
+                std::string date = b.date;
+                if (date.empty()) {
+                    const time_t due = b.due;
+                    struct tm tm {};
+                    localtime_r(&due, &tm);
+                    char text[16];
+                    strftime(text, sizeof text, "%y%m%d", &tm);
+                    date = text;
+                }
+                gone.emplace_back(date, wakeup_time_key(b.time));
+            }
+            return gone;
+        };
+        out.run_steps = [dispatcher = records](const std::string& record) {
+            dispatcher->run_own(record);
+        };
+        return out;
     }
 
     // Stops the Manager session, waiting until `deadline` at most.
@@ -280,6 +313,8 @@ class daemon_process {
             events = cfg.use_manager ? "cdr" : "off";
         // [dialcodes]: their UserEvents come with the "user" class.
         if (cfg.uses_dialcodes()) events = with_classes(events, {"user"});
+        // Voice mail counts come as MessageWaiting, of the "call" class.
+        if (cfg.dialcodes.voicemail) events = with_classes(events, {"call"});
         // The wake-up dialer: "call" for the outcomes of its calls, "user"
         // for the snooze key.
         if (cfg.wakeup.call) events = with_classes(events, {"call", "user"});
@@ -372,6 +407,10 @@ class daemon_process {
             before.uses_actions() != after->uses_actions() ||
             before.dialcodes.minibar_event != after->dialcodes.minibar_event ||
             before.dialcodes.maid_event != after->dialcodes.maid_event ||
+            before.dialcodes.wakeup_event != after->dialcodes.wakeup_event ||
+            before.dialcodes.wakeup_clear_event != after->dialcodes.wakeup_clear_event ||
+            before.dialcodes.guest_service_event != after->dialcodes.guest_service_event ||
+            before.dialcodes.voicemail != after->dialcodes.voicemail ||
             before.posting.immediate != after->posting.immediate ||
             before.ami_connect_timeout != after->ami_connect_timeout ||
             before.ami_login_timeout != after->ami_login_timeout) {
