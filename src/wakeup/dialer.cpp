@@ -416,7 +416,7 @@ wakeup_dialer::work wakeup_dialer::pass(const config& cfg, long now) {
         if (b.state == answered) {
             end(b, w);
         } else if (b.state == ringing) {
-            // No outcome within the ring time and half a minute: a call that
+            // No outcome within the ring time and half a (wake-up) minute: a call that
             // was ringing when the daemon stopped counts from its deadline,
             // so that its retry can be late.
             for (auto it = placed_.begin(); it != placed_.end();)
@@ -431,7 +431,7 @@ wakeup_dialer::work wakeup_dialer::pass(const config& cfg, long now) {
             const long fell_due = b.next;
             b.attempt++;
             b.state = ringing;
-            b.next = now + ms(ring_time(cfg) + 30);
+            b.next = now + ms(ring_time(cfg)) + wakeup_minute().count() / 2;
             w.calls.push_back(originate(b, cfg));
             w.calls.back().fell_due = fell_due;
             placing.push_back(&b);
