@@ -241,14 +241,19 @@ TEST(Wakeup, BookingsSurviveRestartsAndResultsWaitForTheLink) {
     ASSERT_TRUE(run.start()) << run.log();
     ASSERT_TRUE(wait_until([&] { return originates(run.mgr, "PJSIP/301") == 1; }, 5s));
     run.pms.stop();
-    ASSERT_TRUE(run.wait_log("ended: OK")) << run.log();
     // Killed once the booking ended: its result was stored with its end.
+    ASSERT_TRUE(wait_until([&] {
+        return run.states("select count(*) from outbox where kind='WA'")[0][0] == "1";
+    })) << run.log();
+    EXPECT_TRUE(run.states("select * from wakeups").empty());
     run.process().stop();
     ASSERT_TRUE(run.pms.start());
     ASSERT_TRUE(run.start()) << run.log();
     ASSERT_TRUE(run.pms.wait_for_count("WA|RN301|DA" + da + "|TI" + ti + "|ASOK|", 1, 20s))
         << run.log();
 
+    // Stopped once the daemon noted the write.
+    ASSERT_TRUE(wait_until([&] { return run.states("select count(*) from outbox")[0][0] == "0"; }));
     // Busy, and its retry falls due while the daemon is stopped: past
     // late_limit it ends "UR" without a call.
     run.mgr.set_originate("302", {originate_outcome::busy, 100ms});

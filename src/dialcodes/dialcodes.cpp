@@ -345,9 +345,9 @@ void phone_wakeup(const outbox_parts& parts, posting_sequence& sequence,
     send_record(parts, sequence, e);
 }
 
-// A wake-up cleared from the room phone: one "WC" per booking cancelled, or
-// the clear-all form when there was none; without [wakeup] call, the time
-// dialled or the clear-all form.
+// A wake-up cleared from the room phone: one "WC" per booking cancelled;
+// when there was none, and without [wakeup] call, the time dialled (dated by
+// the rule) or, without a time, the clear-all form.
 void phone_wakeup_clear(const outbox_parts& parts, posting_sequence& sequence,
                         const phone_wakeups& wakeups, dialcode_event e) {
     LOG(L_NOTICE, "Wake-up clear from the phone of room %s%s%s", e.room.c_str(),
@@ -363,10 +363,9 @@ void phone_wakeup_clear(const outbox_parts& parts, posting_sequence& sequence,
         if (wakeups.run_steps) wakeups.run_steps(dialcode_record(e, "", {}));
         send_record(parts, sequence, e);
     }
-    if (!cancelled.empty()) return;
-    e.date.clear();
-    e.time.clear();
-    send_record(parts, sequence, e);
+    // None: the time dialled, so that the PMS's own booking goes; or the
+    // clear-all form.
+    if (cancelled.empty()) send_record(parts, sequence, e);
 }
 
 }  // namespace
