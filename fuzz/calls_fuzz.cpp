@@ -1,7 +1,7 @@
 // The posting filter's patterns and the dial codes' UserEvents: the first
 // line of the input is posting:free_numbers (a comma-separated list), the
-// second a dialled number, the rest the headers of a UserEvent ("Name:
-// value" a line). Must never crash or hang; a record made from an event has
+// second a dialled number, the rest the headers of a UserEvent or a
+// MessageWaiting ("Name: value" a line). Must never crash or hang; a record made from an event has
 // exactly the fields it was given, so no value may carry a "|" or a control
 // character onto the wire.
 #include <cstddef>
@@ -40,6 +40,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     cfg.extensions["101"] = {"101", "2101"};
     cfg.dialcodes.minibar_event = "Minibar";
     cfg.dialcodes.maid_event = "RoomStatus";
+    cfg.dialcodes.wakeup_event = "WakeupSet";
+    cfg.dialcodes.wakeup_clear_event = "WakeupClear";
+    cfg.dialcodes.guest_service_event = "GuestService";
+    cfg.dialcodes.voicemail = true;
     const std::string dst = lines.size() > 1 ? lines[1] : "";
     const call_filter filter(cfg, {"101", "102"});
     (void)filter.reason({"101", dst, 60, "ANSWERED"});
@@ -47,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     message m;
     for (size_t i = 2; i < lines.size() && m.add(lines[i]); ++i) {
     }
-    const dialcode_event e = read_dialcode_event(cfg, {"101", "102"}, m);
+    const dialcode_event e = read_dialcode_event(cfg, {"101", "102"}, m, 1795547467);
     if (e.kind == dialcode_event::none || !e.error.empty()) return 0;
     struct tm now {};
     const std::string record = dialcode_record(e, "0001", now);
@@ -56,9 +60,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (static_cast<unsigned char>(c) < ' ') __builtin_trap();
         bars += c == '|';
     }
-    const size_t fields = e.kind == dialcode_event::minibar
-                              ? 7 + (e.amount.empty() ? 0 : 1)    // P# RN PT DA TI MA M# (TA)
-                              : 2 + (e.maid_id.empty() ? 0 : 1);  // RN RS (ID)
+    size_t fields = 2;  // RN RS, RN VM
+    if (e.kind == dialcode_event::minibar)
+        fields = 7 + (e.amount.empty() ? 0 : 1);  // P# RN PT DA TI MA M# (TA)
+    else if (e.kind == dialcode_event::maid)
+        fields = 2 + (e.maid_id.empty() ? 0 : 1);  // RN RS (ID)
+    else if (e.kind == dialcode_event::wakeup || e.kind == dialcode_event::wakeup_clear)
+        fields = 3;  // RN DA TI
     if (bars != fields + 1) __builtin_trap();
     return 0;
 }

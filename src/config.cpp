@@ -274,11 +274,16 @@ void read_posting(const dictionary* d, config& cfg) {
                 b.c_str());
     }
     p.immediate = iniparser_getboolean(d, "posting:immediate", 0) != 0;
-    for (auto [key, out] : {std::pair{"dialcodes:minibar_event", &cfg.dialcodes.minibar_event},
-                            std::pair{"dialcodes:maid_event", &cfg.dialcodes.maid_event}}) {
+    dialcodes_settings& dc = cfg.dialcodes;
+    for (auto [key, out] : {std::pair{"dialcodes:minibar_event", &dc.minibar_event},
+                            std::pair{"dialcodes:maid_event", &dc.maid_event},
+                            std::pair{"dialcodes:wakeup_event", &dc.wakeup_event},
+                            std::pair{"dialcodes:wakeup_clear_event", &dc.wakeup_clear_event},
+                            std::pair{"dialcodes:guest_service_event", &dc.guest_service_event}}) {
         read_text(d, key, *out);
         if (*out && out->value().empty()) out->reset();
     }
+    dc.voicemail = iniparser_getboolean(d, "dialcodes:voicemail", 0) != 0;
 }
 
 // [rating]: the tariff file and how its prices become amounts. A relative

@@ -105,6 +105,16 @@ struct posting_settings {
 struct dialcodes_settings {
     opt_text minibar_event;  // its name: a minibar posting ("PS" with PT=M)
     opt_text maid_event;     // its name: a room status ("RE" with RS)
+    // The guest's own wake-up ("WR", "WC") and door sign ("RE" with RS 8-10).
+    opt_text wakeup_event;
+    opt_text wakeup_clear_event;
+    opt_text guest_service_event;
+    bool voicemail = false;  // MessageWaiting events become "RE" with VM
+    // Whether the room phone's wake-ups, door sign or voice mail are reported.
+    bool self_service() const {
+        return wakeup_event || wakeup_clear_event || guest_service_event || voicemail;
+    }
+    bool operator==(const dialcodes_settings&) const = default;
 };
 
 // [wakeup]: wake-up calls placed by the daemon through the Manager session.
@@ -223,7 +233,8 @@ struct config {
     bool uses_outbox() const { return fixes.posting || uses_dialcodes() || wakeup.call; }
     // Whether Manager UserEvents become records for the PMS ([dialcodes]).
     bool uses_dialcodes() const {
-        return dialcodes.minibar_event.has_value() || dialcodes.maid_event.has_value();
+        return dialcodes.minibar_event.has_value() || dialcodes.maid_event.has_value() ||
+               dialcodes.self_service();
     }
     // The extensions of `room` (the room's own number when [extensions] has
     // no line for it), and the room of an extension (itself when none has it).

@@ -218,6 +218,20 @@ void warn_posting(const config& cfg) {
             "[dialcodes] needs the Manager's \"user\" events, which services:cdr_mgr_events = "
             "\"%s\" does not ask for",
             cfg.mgr_events.c_str());
+    if (cfg.dialcodes.voicemail && cfg.mgr_events_set &&
+        cfg.mgr_events.find("call") == std::string::npos && cfg.mgr_events != "on")
+        LOG(L_WARNING,
+            "dialcodes:voicemail = yes needs the Manager's \"call\" events, which "
+            "services:cdr_mgr_events = \"%s\" does not ask for",
+            cfg.mgr_events.c_str());
+    if (cfg.dialcodes.voicemail && (cfg.mwi_on || cfg.mwi_off))
+        LOG(L_WARNING,
+            "dialcodes:voicemail = yes together with services:mwi_on or mwi_off: the message "
+            "lamp the PMS sets comes back to it as voice mail counts");
+    if (cfg.dialcodes.self_service() && (!cfg.mgr_host || !cfg.mgr_user))
+        LOG(L_WARNING,
+            "[dialcodes] needs a Manager login (services:cdr_mgr_host, cdr_mgr_user, "
+            "cdr_mgr_password): no event of the room phone is read");
 }
 
 }  // namespace

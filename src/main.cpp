@@ -31,6 +31,7 @@
 #include "fias/link.h"
 #include "handlers/dispatch.h"
 #include "logger.h"
+#include "text.h"
 #include "metrics.h"
 #include "mgr/cdr.h"
 #include "ops/notify.h"
@@ -41,6 +42,7 @@
 #include "states/states.h"
 #include "stop_flag.h"
 #include "templates/templates.h"
+#include "wakeup/schedule.h"
 
 namespace {
 
@@ -267,13 +269,38 @@ class daemon_process {
                 post_cached_now(*cfg, rooms, all, *parts);
             };
         if (cfg->use_manager) attach_cdr_capture(*session, cfg, *states, std::move(stored));
-        // [dialcodes]: minibar and room status from the room phone.
+        // [dialcodes]: minibar, room status and the guest's own codes from
+        // the room phone.
         if (cfg->uses_dialcodes() && posting && posting->sequence)
-            attach_dialcodes(*session, cfg, {*link, *states, posting->audit}, *posting->sequence);
+            attach_dialcodes(*session, cfg, {*link, *states, posting->audit}, *posting->sequence,
+                             phone_wakeups_of());
         if (dialer) wakeup->attach(*session);
         notify->running(notify_part::capture);
         session->start();
         manager.set(std::move(session));
+    }
+
+    // The dialer's part in the room phone's wake-ups (none without it).
+    phone_wakeups phone_wakeups_of() {
+        phone_wakeups out;
+        if (!wakeup || !records) return out;
+        out.book = [dialer = wakeup](const std::string& room, const std::string& date,
+                                     const std::string& time) {
+            return dialer->book(room, date, time);
+        };
+        out.cancel = [dialer = wakeup](const std::string& room, const std::string& time) {
+            std::vector<std::pair<std::string, std::string>> gone;
+            for (const wakeup_dialer::booking& b : dialer->cancel(room, "", time)) {
+                std::string date = b.date;
+                if (date.empty()) date = local_time_text(b.due, "%y%m%d");
+                gone.emplace_back(date, wakeup_time_key(b.time));
+            }
+            return gone;
+        };
+        out.run_steps = [dispatcher = records](const std::string& record) {
+            dispatcher->run_own(record);
+        };
+        return out;
     }
 
     // Stops the Manager session, waiting until `deadline` at most.
@@ -326,8 +353,7 @@ class daemon_process {
         mgr_session::settings session;  // the connection, the login, its event classes
         bool capture = false;           // services:cdr_use_manager
         bool immediate = false;         // [posting] immediate, fed by the capture
-        opt_text minibar_event;         // [dialcodes]
-        opt_text maid_event;
+        dialcodes_settings dialcodes;   // the events the dial codes subscribe to
         bool operator==(const manager_setup&) const = default;
     };
     manager_setup manager_setup_of(const config& cfg) const {
@@ -347,8 +373,7 @@ class daemon_process {
         if (!cfg.use_manager) s.stop_prefix = "Manager session stopped";
         m.capture = cfg.use_manager;
         m.immediate = cfg.posting.immediate;
-        m.minibar_event = cfg.dialcodes.minibar_event;
-        m.maid_event = cfg.dialcodes.maid_event;
+        m.dialcodes = cfg.dialcodes;
         return m;
     }
 
@@ -367,6 +392,8 @@ class daemon_process {
             events = cfg.use_manager ? "cdr" : "off";
         // [dialcodes]: their UserEvents come with the "user" class.
         if (cfg.uses_dialcodes()) events = with_classes(events, {"user"});
+        // Voice mail counts come as MessageWaiting, of the "call" class.
+        if (cfg.dialcodes.voicemail) events = with_classes(events, {"call"});
         // The wake-up dialer: "call" for the outcomes of its calls, "user"
         // for the snooze key.
         if (cfg.wakeup.call) events = with_classes(events, {"call", "user"});

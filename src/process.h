@@ -33,6 +33,7 @@ std::chrono::milliseconds manager_retry_period();
 
 // The wake-up dialer's clock: the system's, moved by
 // ORLANBECK_TEST_CLOCK_OFFSET_S seconds (either sign) for tests; and its
-// minute (a snooze's unit): 60 s, ORLANBECK_TEST_WAKEUP_MINUTE_MS for tests.
+// minute (a snooze's unit, and twice the wait for a call's outcome after its
+// ring time): 60 s, ORLANBECK_TEST_WAKEUP_MINUTE_MS for tests.
 std::chrono::seconds test_clock_offset();
 std::chrono::milliseconds wakeup_minute();

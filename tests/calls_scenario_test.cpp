@@ -51,6 +51,16 @@ TEST(PostingFilter, PatternsAndReasons) {
     EXPECT_EQ("posted", reason("555", 5, std::nullopt));
 }
 
+// The local date (or `format`) `seconds` from now.
+std::string local_date(int seconds, const char* format = "%y%m%d") {
+    const time_t t = time(nullptr) + seconds;
+    struct tm tm {};
+    localtime_r(&t, &tm);
+    char text[16];
+    strftime(text, sizeof text, format, &tm);
+    return text;
+}
+
 // A daemon caching calls from the Manager, rooms 101 (with extension 2101)
 // and 102.
 void manager_rooms(daemon_run& run) {
@@ -179,6 +189,54 @@ TEST(DialCodes, MinibarAndRoomStatusReachThePmsOnceAlsoWhenTheLinkWasDown) {
     EXPECT_EQ((texts{"RE|RN101|RS3|ID7|"}), run.pms.frames("RE|"));
     // The answer settles the minibar posting and runs no billok.
     EXPECT_TRUE(run.pbx("select name from sqlite_master where name='billok_ran'").empty());
+}
+
+TEST(DialCodes, TheGuestsOwnCodesAndVoiceMailReachThePmsAndBadValuesAreDropped) {
+    daemon_run run;
+    manager_rooms(run);
+    run.unset("services", "cdr_use_manager").unset("services", "cdr_mgr_events");
+    run.set("dialcodes", "wakeup_event", "WakeupSet")
+        .set("dialcodes", "wakeup_clear_event", "WakeupClear")
+        .set("dialcodes", "guest_service_event", "GuestService")
+        .set("dialcodes", "voicemail", "yes");
+    ASSERT_TRUE(run.start()) << run.log();
+    EXPECT_NE(std::string::npos, run.mgr.login_texts().at(0).find("Events: user,call\r\n"));
+    EXPECT_EQ(1u, run.pms.count_frames("LR|RIRE|FLRNRSCSDNVM|"));
+    for (const char* status : {"DND", "mur", "Off"})
+        run.mgr.send_user_event("GuestService", {{"Room", "2101"}, {"Status", status}});
+    auto waiting = [&](const std::string& mailbox, const char* fresh, const char* old) {
+        run.mgr.send_raw("Event: MessageWaiting\r\nPrivilege: call,all\r\nMailbox: " + mailbox +
+                         "\r\nWaiting: 1\r\nNew: " + fresh + "\r\nOld: " + old + "\r\n\r\n");
+    };
+    waiting("101@default", "2", "1");
+    waiting("102@default", "0", "0");
+    waiting("999@default", "1", "0");
+    waiting("101@default", "x", "0");
+    // Without [wakeup] call the daemon keeps no bookings: the time dialled,
+    // dated by the rule, and the clear-all form.
+    const std::string tomorrow = local_date(86400);
+    run.mgr.send_user_event("WakeupSet", {{"Room", "102"}, {"Time", "0630"}, {"Date", tomorrow}});
+    run.mgr.send_user_event("WakeupClear", {{"Room", "102"}, {"Time", "0630"}});
+    run.mgr.send_user_event("WakeupClear", {{"Room", "102"}});
+    for (const auto& [time, date] : {std::pair{"2460", ""}, {"063", ""}, {"0630", "200101"}})
+        run.mgr.send_user_event("WakeupSet", {{"Room", "101"}, {"Time", time}, {"Date", date}});
+    run.mgr.send_user_event("GuestService", {{"Room", "101"}, {"Status", "ON"}});
+    run.mgr.send_user_event("GuestService", {{"Room", "999"}, {"Status", "DND"}});
+    ASSERT_TRUE(run.pms.wait_for_frame("WC|RN102|DA|TI|", 10s)) << run.log();
+    ASSERT_TRUE(run.wait_log("unknown room \"999\"")) << run.log();
+
+    EXPECT_EQ((texts{"RE|RN101|RS8|", "RE|RN101|RS9|", "RE|RN101|RS10|", "RE|RN101|VM0201|",
+                     "RE|RN102|VM0000|"}),
+              run.pms.frames("RE|"));
+    EXPECT_EQ((texts{"WR|RN102|DA" + tomorrow + "|TI063000|"}), run.pms.frames("WR|"));
+    // 06:30 is still ahead today, or else tomorrow.
+    const std::string dated = local_date(0, "%H%M") < "0630" ? local_date(0) : tomorrow;
+    EXPECT_EQ((texts{"WC|RN102|DA" + dated + "|TI063000|", "WC|RN102|DA|TI|"}),
+              run.pms.frames("WC|"));
+    for (const char* bad : {"\"2460\" is not HHMM", "\"063\" is not HHMM", "is in the past",
+                            "\"x\" and Old \"0\" are not numbers", "\"ON\" is not DND"})
+        EXPECT_EQ(1u, run.count_log(bad)) << bad;
+    EXPECT_EQ(0u, run.count_log("Wake-up call"));
 }
 
 }  // namespace

@@ -119,6 +119,17 @@ TEST_F(Config, ServiceStringsThatCannotWorkAreReportedOnce) {
     EXPECT_EQ(log_lines_with({"services:room_status"}), 0u) << log_text();
 }
 
+TEST_F(Config, SelfServiceWithoutItsEventClassesLoginOrBesideTheLampIsReported) {
+    ASSERT_EQ(load("[services]\ncdr_mgr_events = cdr\nmwi_on = ami:MWIUpdate|Mailbox=%exten%\n"
+                   "[dialcodes]\nguest_service_event = GuestService\nvoicemail = yes\n"),
+              0);
+    check_configuration(cfg());
+    EXPECT_EQ(cfg().dialcodes.guest_service_event.value_or(""), "GuestService");
+    for (const char* about : {"\"user\" events", "\"call\" events", "needs a Manager login",
+                              "comes back to it as voice mail counts"})
+        EXPECT_EQ(log_lines_with({"WARNING[", about}), 1u) << about << log_text();
+}
+
 TEST_F(Config, DatabaseSections) {
     ASSERT_EQ(load("[PBX]\ndbdriver = SQLite\ndatabase = " + db("pbx.db") +
                    "\ndate_format = %d.%m.%Y %H:%M:%S\ntime_format = %H.%M\nsynchronous = Normal\n"

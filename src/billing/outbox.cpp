@@ -27,12 +27,18 @@ long deliver(const outbox_parts& parts, states_file::outbox_entry& entry, const 
             entry.kind.c_str(), entry.room.c_str());
         return -1;
     }
-    if (!may_go_out(parts)) return entry.id;
+    send_stored(parts, entry, error);
+    return entry.id;
+}
+
+void send_stored(const outbox_parts& parts, const states_file::outbox_entry& entry,
+                 const char* error) {
+    if (!may_go_out(parts)) return;
+    const unsigned number = parts.link.link_number();
     if (parts.link.send_raw(entry.record.c_str()) < 0)
         log_failed_write(entry, error);
     else
         parts.states.outbox_written(entry.id, number);
-    return entry.id;
 }
 
 void send_outbox(const outbox_parts& parts) {

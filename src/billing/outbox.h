@@ -30,6 +30,11 @@ struct outbox_parts {
 long deliver(const outbox_parts& parts, states_file::outbox_entry& entry,
              const char* error = nullptr);
 
+// Writes `entry`, stored in the outbox already (its id set), on the link
+// when it may go out now, as deliver() does after storing it.
+void send_stored(const outbox_parts& parts, const states_file::outbox_entry& entry,
+                 const char* error = nullptr);
+
 // Writes what the outbox holds for the current link, in order: what was
 // never written whole, and unanswered postings once more with their own
 // "P#" (logged). Stops at the first write that fails. Nothing on a link that

@@ -17,6 +17,7 @@
 
 #include "fias/codec.h"
 #include "logger.h"
+#include "text.h"
 #include "metrics.h"
 #include "process.h"
 
@@ -24,16 +25,6 @@ namespace {
 
 constexpr char STX = 0x02;
 constexpr char ETX = 0x03;
-
-// `format` filled in with the current local time.
-std::string local_time_text(const char* format) {
-    time_t now = time(nullptr);
-    struct tm tmv;
-    localtime_r(&now, &tmv);
-    char buf[32] = "";
-    strftime(buf, sizeof buf, format, &tmv);
-    return buf;
-}
 
 constexpr auto link_end_connect_limit = std::chrono::seconds(5);
 constexpr int send_buffer_bytes = 64 * 1024;
@@ -203,7 +194,7 @@ int pms_link::connect(const std::string& host, int port) {
         setsockopt(sock, SOL_SOCKET, SO_SNDBUF, &buffer, sizeof buffer);
     }
     attach(sock, std::move(session), peer);
-    send_raw(local_time_text("LS|DA%y%m%d|TI%H%M%S|").c_str());
+    send_raw(local_time_text(time(nullptr), "LS|DA%y%m%d|TI%H%M%S|").c_str());
     return 0;
 }
 
@@ -332,18 +323,18 @@ int pms_link::send_packet(const fias_packet_t* p) {
 }
 
 int pms_link::send_la() {
-    return send_raw(local_time_text("LA|DA%y%m%d|TI%H%M%S|").c_str());
+    return send_raw(local_time_text(time(nullptr), "LA|DA%y%m%d|TI%H%M%S|").c_str());
 }
 
 int pms_link::send_dr() {
-    return send_raw(local_time_text("DR|DA%y%m%d|TI%H%M%S|").c_str());
+    return send_raw(local_time_text(time(nullptr), "DR|DA%y%m%d|TI%H%M%S|").c_str());
 }
 
 int pms_link::init_connection(const char* iftype, fias_record_set optional,
                               fias_field_set optional_fields) {
     // A packet like every record with a value from outside (the interface
     // type is the configuration's).
-    const std::string now = local_time_text("%y%m%d%H%M%S");
+    const std::string now = local_time_text(time(nullptr), "%y%m%d%H%M%S");
     fias_packet_ptr ld = fias_create_packet(FIAS_LD);
     for (const auto& [name, text] :
          {std::pair<const char*, std::string>{"DA", now.substr(0, 6)},

@@ -71,9 +71,10 @@ constexpr int FIAS_MAX_FIELDS = 12;
 // Fields that belong to a feature: announced in the link description (and
 // read) only when it is configured. One bit per feature.
 using fias_field_set = uint8_t;
-constexpr fias_field_set fias_field_lamp = 1;     // "ML" of "RE": the message lamp
-constexpr fias_field_set fias_field_minibar = 2;  // "MA" and "M#" of "PS": minibar postings
-constexpr fias_field_set fias_field_maid = 4;     // "ID" of "RE": the maid's room status
+constexpr fias_field_set fias_field_lamp = 1;       // "ML" of "RE": the message lamp
+constexpr fias_field_set fias_field_minibar = 2;    // "MA" and "M#" of "PS": minibar postings
+constexpr fias_field_set fias_field_maid = 4;       // "ID" of "RE": the maid's room status
+constexpr fias_field_set fias_field_voicemail = 8;  // "VM" of "RE": voice mail counts
 
 struct fias_date_t {
     uint8_t year = 0;  // two digits, as on the wire

@@ -40,12 +40,14 @@ fias_record_set announced_records(const config& cfg) {
 }
 
 // The fields of features that the link description announces: the message
-// lamp with a lamp step, the minibar's and the maid's with their dial codes.
+// lamp with a lamp step, the minibar's, the maid's and the voice mail counts
+// with their dial codes.
 fias_field_set announced_fields(const config& cfg) {
     fias_field_set out = 0;
     if (cfg.mwi_on || cfg.mwi_off) out |= fias_field_lamp;
     if (cfg.dialcodes.minibar_event) out |= fias_field_minibar;
     if (cfg.dialcodes.maid_event) out |= fias_field_maid;
+    if (cfg.dialcodes.voicemail) out |= fias_field_voicemail;
     return out;
 }
 
@@ -93,14 +95,17 @@ std::string raw_field(const std::string& data, const char* name) {
 }
 
 // The dialer's part of a record ([wakeup] call): bookings, cancellations,
-// check-outs and room moves.
-void tell_dialer(wakeup_dialer& dialer, fias_packet_t& p, const std::string& data) {
+// check-outs and room moves. False when the record's own handler is not to
+// run: with wake-ups booked from the room phone, a "WR" for a booking the
+// room has already (the PMS echoing the phone's) runs no step.
+bool tell_dialer(const config& cfg, wakeup_dialer& dialer, fias_packet_t& p,
+                 const std::string& data) {
     const std::string room = field_text(fias_get_field(&p, "RN"));
-    if (room.empty()) return;
+    if (room.empty()) return true;
     switch (p.packet_code) {
         case FIAS_WR:
-            dialer.book(room, raw_field(data, "DA"), raw_field(data, "TI"));
-            break;
+            return dialer.book(room, raw_field(data, "DA"), raw_field(data, "TI")) != 0 ||
+                   !cfg.dialcodes.wakeup_event;
         case FIAS_WC:
             dialer.cancel(room, raw_field(data, "DA"), raw_field(data, "TI"));
             break;
@@ -115,6 +120,7 @@ void tell_dialer(wakeup_dialer& dialer, fias_packet_t& p, const std::string& dat
         default:
             break;
     }
+    return true;
 }
 
 // The PMS starts the link: answer with our description and "LA". A night
@@ -145,7 +151,12 @@ void resync_start(const record_context& ctx, const record_parts& parts) {
 }
 
 void resync_end(const record_context& ctx, const record_parts& parts) {
-    parts.sync.end(ctx, parts.for_room);
+    // A room the resync checks out loses its wake-up calls, as with "GO".
+    wakeup_dialer* dialer = ctx.cfg->wakeup.call ? parts.wakeup : nullptr;
+    parts.sync.end(ctx, [&parts, dialer](const std::string& room, std::function<void()> job) {
+        if (dialer) dialer->check_out(room);
+        parts.for_room(room, std::move(job));
+    });
 }
 
 void answer(const record_context& ctx, const record_parts& parts) {
@@ -224,7 +235,7 @@ void record_dispatcher::process_fias_packet(const std::string& data) const {
     if (fill_options_of(*cfg).escape && cfg->pmsencoding)
         for (fias_field_t& f : p->fields)
             if (f.value && f.value->str) f.value->str = to_utf8(*f.value->str, *cfg->pmsencoding);
-    if (cfg->wakeup.call && parts_.wakeup) tell_dialer(*parts_.wakeup, *p, data);
+    if (cfg->wakeup.call && parts_.wakeup && !tell_dialer(*cfg, *parts_.wakeup, *p, data)) return;
     for (const handler_entry& e : handlers) {
         if (e.code != p->packet_code) continue;
         const fias_field_t* rn = fias_get_field(p.get(), "RN");
@@ -246,6 +257,24 @@ void record_dispatcher::process_fias_packet(const std::string& data) const {
         room_jobs_.submit(field_text(rn),
                           [this, run, cfg, record] { run_handler(*run, cfg, *record); });
         break;
+    }
+}
+
+void record_dispatcher::run_own(const std::string& record) const {
+    const config_ptr cfg = parts_.configs.current();
+    fias_packet_ptr p =
+        fias_parse_packet(record.c_str(), static_cast<int>(record.size()), {cfg->fixes.numbers, 0});
+    if (!p) return;
+    for (const handler_entry& e : handlers) {
+        if (e.code != p->packet_code) continue;
+        const std::string room = field_text(fias_get_field(p.get(), "RN"));
+        std::shared_ptr<fias_packet_t> own(std::move(p));
+        auto job = [this, &e, cfg, own] { run_handler(e, cfg, *own); };
+        if (cfg->uses_actions())
+            room_jobs_.submit(room, std::move(job));
+        else
+            job();
+        return;
     }
 }
 

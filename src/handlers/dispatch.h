@@ -73,6 +73,11 @@ class record_dispatcher {
 
     // Parses one record text and runs its handler, in the calling thread.
     void process_fias_packet(const std::string& data) const;
+    // Runs the handler of a record the daemon made itself (a "WR" or "WC" of
+    // the room phone) for its service steps, as for one from the PMS: in the
+    // room's turn with Manager action steps, else at once. The dialer is not
+    // told of it.
+    void run_own(const std::string& record) const;
 
   private:
     void run_ordered();

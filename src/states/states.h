@@ -262,6 +262,11 @@ class states_file {
     // Stores new bookings (id 0: given their id) and changed ones together.
     int wakeup_save(std::vector<wakeup_booking*>& bookings);
     int wakeup_remove(long id);
+    // Ends booking `id`: deletes it and stores its result `wa` (a "WA") in
+    // the outbox, in one transaction, so that a booking
+    // is never gone without its result nor there with it. The entry's id, or
+    // -1 when nothing was changed.
+    long wakeup_finish(long id, const outbox_entry& wa);
     // Every booking, by id.
     int wakeup_bookings(std::vector<wakeup_booking>& out);
 

@@ -85,3 +85,22 @@ int states_file::wakeup_bookings(std::vector<wakeup_booking>& out) {
     occupancy_.free_result();
     return 0;
 }
+
+long states_file::wakeup_finish(long id, const outbox_entry& wa) {
+    db_lock guard(occupancy_);
+    if (!open_wakeups() || !open_outbox() || sqlite_begin(occupancy_) != 0) return -1;
+    const std::string number = std::to_string(id);
+    const bool ok =
+        sqlite_query_bound(occupancy_, "delete from wakeups where id=?", {number}) == 0 &&
+        sqlite_query_bound(occupancy_,
+                           "insert into outbox (kind, seq, room, extension, number, date, time, "
+                           "record, mark, mark_key) values (?,?,?,?,?,?,?,?,?,?)",
+                           {wa.kind, wa.seq, wa.room, wa.extension, wa.number, wa.date, wa.time,
+                            wa.record, wa.mark, wa.mark_key}) == 0;
+    const long entry = ok ? sqlite_count(occupancy_, "select last_insert_rowid()") : -1;
+    if (entry <= 0) {
+        occupancy_.query("rollback");
+        return -1;
+    }
+    return sqlite_commit(occupancy_) == 0 ? entry : -1;
+}

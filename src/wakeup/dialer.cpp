@@ -19,8 +19,9 @@
 
 namespace {
 
-// A booking's state.
-enum { waiting = 0, ringing = 1, answered = 2 };
+// A booking's state; `finished` only within the pass that ends it (never
+// stored).
+enum { waiting = 0, ringing = 1, answered = 2, finished = 3 };
 // The outcome of one call.
 enum { none = 0, picked_up, busy, no_answer, congestion, not_created };
 
@@ -70,13 +71,9 @@ std::string shown_time(const std::string& ti) {
     return out;
 }
 
-// How long a place that could not be placed (the Manager session is down)
+// How long a call that could not be placed (the Manager session is down)
 // waits before it is tried again.
 constexpr long manager_down_retry_ms = 5000;
-// How long after its answer a call may still be snoozed.
-long snooze_limit_ms() {
-    return 10 * wakeup_minute().count();
-}
 
 }  // namespace
 
@@ -178,32 +175,35 @@ void wakeup_dialer::save(booking& b) {
             b.room.c_str());
 }
 
-void wakeup_dialer::forget(long id) {
+void wakeup_dialer::unlist(long id) {
     for (auto it = placed_.begin(); it != placed_.end();)
         it = it->second == id ? placed_.erase(it) : std::next(it);
     bookings_.erase(id);
-    late_since_.erase(id);
-    parts_.states.wakeup_remove(id);
+    held_.erase(id);
     parts_.notify.wakeups(static_cast<int>(bookings_.size()));
 }
 
-void wakeup_dialer::book(const std::string& room, const std::string& date,
-                         const std::string& time) {
+void wakeup_dialer::forget(long id) {
+    unlist(id);
+    parts_.states.wakeup_remove(id);
+}
+
+int wakeup_dialer::book(const std::string& room, const std::string& date, const std::string& time) {
     const long now = now_ms();
     const std::optional<time_t> due = wakeup_moment(date, time, now / 1000);
     if (!due) {
         LOG(L_ERROR, "Wake-up for room %s: \"%s\" \"%s\" is no date and time; nothing booked",
             room.c_str(), date.c_str(), time.c_str());
-        return;
+        return -1;
     }
     {
         mutex_lock guard(mutex_);
-        if (!started_) return;
+        if (!started_) return -1;
         for (const auto& [id, b] : bookings_)
             if (b.room == room && b.due == *due) {
                 LOG(L_NOTICE, "Wake-up for room %s at %s is booked already", room.c_str(),
                     shown_time(time).c_str());
-                return;
+                return 0;
             }
         booking b;
         b.room = room;
@@ -212,33 +212,36 @@ void wakeup_dialer::book(const std::string& room, const std::string& date,
         b.due = *due;
         b.next = *due * 1000L;
         save(b);
-        if (b.id <= 0) return;
+        if (b.id <= 0) return -1;
         LOG(L_NOTICE, "Wake-up for room %s booked for %s", room.c_str(),
             local_time_text(*due, "%Y-%m-%d %H:%M:%S").c_str());
         bookings_[b.id] = b;
         parts_.notify.wakeups(static_cast<int>(bookings_.size()));
     }
     changed_.notify_all();
+    return 1;
 }
 
-void wakeup_dialer::cancel(const std::string& room, const std::string& date,
-                           const std::string& time) {
+std::vector<wakeup_dialer::booking> wakeup_dialer::cancel(const std::string& room,
+                                                          const std::string& date,
+                                                          const std::string& time) {
     const std::string key = wakeup_time_key(time);
     const std::optional<time_t> due =
         date.empty() ? std::nullopt : wakeup_moment(date, time, now_ms() / 1000);
+    std::vector<booking> gone;
     mutex_lock guard(mutex_);
-    if (!started_) return;
-    std::vector<long> gone;
+    if (!started_) return gone;
     for (const auto& [id, b] : bookings_) {
         if (b.room != room) continue;
         if (!time.empty() && (due ? b.due != *due : wakeup_time_key(b.time) != key)) continue;
-        gone.push_back(id);
+        gone.push_back(b);
     }
-    for (long id : gone) {
+    for (const booking& b : gone) {
         LOG(L_NOTICE, "Wake-up for room %s at %s cancelled", room.c_str(),
-            shown_time(bookings_[id].time).c_str());
-        forget(id);
+            shown_time(b.time).c_str());
+        forget(b.id);
     }
+    return gone;
 }
 
 void wakeup_dialer::move(const std::string& from, const std::string& to) {
@@ -280,16 +283,43 @@ wakeup_dialer::call wakeup_dialer::originate(booking& b, const config& cfg) {
     return c;
 }
 
-void wakeup_dialer::end(booking& b, const config& cfg, work& w) {
-    const char* result = b.last == picked_up ? "OK"
-                         : b.all_failed      ? "UR"
-                         : b.last == busy    ? "BY"
-                                             : "NR";
+void wakeup_dialer::end(booking& b, work& w, const char* result) {
+    if (!result)
+        result = b.last == picked_up ? "OK" : b.all_failed ? "UR" : b.last == busy ? "BY" : "NR";
     LOG(L_NOTICE, "Wake-up for room %s at %s ended: %s", b.room.c_str(), shown_time(b.time).c_str(),
         result);
     metrics::wakeup_result(result);
-    (void)cfg;
-    w.ends.push_back({b, result});
+    b.state = finished;
+    w.ends.push_back({b, result, {}});
+}
+
+// The booking leaves the states file together with its result's arrival in
+// the outbox, and the dialer's lists at once.
+void wakeup_dialer::finish(ended& e) {
+    states_file::outbox_entry& entry = e.report;
+    entry.kind = "WA";
+    entry.room = e.b.room;
+    entry.date = e.b.date;
+    entry.time = e.b.time;
+    // Date and time go back as the "WR" gave them, so that the PMS links the
+    // result to its request.
+    fias_packet_ptr rec = fias_create_packet(FIAS_WA);
+    for (const auto& [name, text] : {std::pair<const char*, const std::string&>{"RN", e.b.room},
+                                     {"DA", e.b.date},
+                                     {"TI", e.b.time},
+                                     {"AS", e.result}}) {
+        if (text.empty()) continue;
+        fias_value_t v;
+        v.str = text;
+        fias_set_packet_field(rec.get(), name, &v);
+    }
+    entry.record = fias_packet_to_str(rec.get());
+    const long id = parts_.states.wakeup_finish(e.b.id, entry);
+    entry.id = std::max(id, 0L);
+    if (id < 0)
+        LOG(L_ERROR, "The WA record of room %s could not be written to the states file: not sent",
+            e.b.room.c_str());
+    unlist(e.b.id);
 }
 
 void wakeup_dialer::apply(booking& b, int kind, const std::string& message, const config& cfg,
@@ -302,14 +332,13 @@ void wakeup_dialer::apply(booking& b, int kind, const std::string& message, cons
         LOG(L_NOTICE, "Wake-up call for room %s (attempt %d of %d): failed: %s", b.room.c_str(),
             b.attempt, n, message.c_str());
     b.last = kind;
-    late_since_.erase(b.id);
     if (kind != not_created) b.all_failed = false;
     if (kind == picked_up) {
         b.state = answered;
         b.answered = now;
         b.next = now + ms(std::max(cfg.wakeup.snooze_window, 0));
     } else if (b.attempt >= n) {
-        end(b, cfg, w);
+        end(b, w);
         return;
     } else {
         b.state = waiting;
@@ -328,10 +357,10 @@ void wakeup_dialer::take_snooze(const snooze& s, const config& cfg, long now) {
     }
     for (auto& [id, b] : bookings_) {
         if (b.room != s.room) continue;
-        // A call whose outcome is still to come may have been answered: its
-        // dialplan can speak before the outcome arrives.
-        const bool recent = b.state == answered && now - b.answered <= snooze_limit_ms();
-        if (!recent && b.state != ringing) continue;
+        // Open from the answer until the booking ends: snooze_window after
+        // it. A call whose outcome is still to come may have been answered:
+        // its dialplan can speak before the outcome arrives.
+        if (b.state != answered && b.state != ringing) continue;
         for (auto it = placed_.begin(); it != placed_.end();)
             it = it->second == id ? placed_.erase(it) : std::next(it);
         b.state = waiting;
@@ -345,7 +374,7 @@ void wakeup_dialer::take_snooze(const snooze& s, const config& cfg, long now) {
         return;
     }
     (void)cfg;
-    LOG(L_WARNING, "Wake-up snooze for room %s: no wake-up call answered there lately; ignored",
+    LOG(L_WARNING, "Wake-up snooze for room %s: no wake-up call of a booking in progress; ignored",
         s.room.c_str());
 }
 
@@ -355,7 +384,7 @@ wakeup_dialer::work wakeup_dialer::pass(const config& cfg, long now) {
         const outcome o = std::move(outcomes_.front());
         outcomes_.pop_front();
         auto placed = placed_.find(o.action_id);
-        if (placed == placed_.end()) continue;  // settled already (silence, snooze, cancel)
+        if (placed == placed_.end()) continue;  // settled already (deadline, snooze, cancel)
         const long id = placed->second;
         placed_.erase(placed);
         auto b = bookings_.find(id);
@@ -367,62 +396,46 @@ wakeup_dialer::work wakeup_dialer::pass(const config& cfg, long now) {
         snoozes_.pop_front();
     }
     // Calls that waited for the Manager go out as soon as it is back.
-    if (logged_in_)
-        for (const auto& [id, since] : late_since_)
-            if (auto b = bookings_.find(id); b != bookings_.end())
-                b->second.next = std::min(b->second.next, now);
+    if (logged_in_) held_.clear();
     logged_in_ = false;
     std::vector<booking*> placing;
     for (auto& [id, b] : bookings_) {
-        if (b.next > now) continue;
+        if (b.next > now || b.state == finished) continue;
         if (b.state == answered) {
-            end(b, cfg, w);
+            end(b, w);
         } else if (b.state == ringing) {
-            // No outcome within the ring time and half a minute.
+            // No outcome within the ring time and half a (wake-up) minute: a call that
+            // was ringing when the daemon stopped counts from its deadline,
+            // so that its retry can be late.
             for (auto it = placed_.begin(); it != placed_.end();)
                 it = it->second == id ? placed_.erase(it) : std::next(it);
-            apply(b, no_answer, "", cfg, now, w);
-        } else if (const auto since = late_since_.find(id);
-                   now - (since == late_since_.end() ? b.next : since->second) >
-                   ms(std::max(cfg.wakeup.late_limit, 0))) {
+            apply(b, no_answer, "", cfg, b.next, w);
+        } else if (now - b.next > ms(std::max(cfg.wakeup.late_limit, 0))) {
             LOG(L_WARNING, "Wake-up for room %s at %s is more than %d s late: no call placed",
                 b.room.c_str(), shown_time(b.time).c_str(), cfg.wakeup.late_limit);
-            end(b, cfg, w);
-        } else {
+            end(b, w, "UR");
+        } else if (auto held = held_.find(id); held == held_.end() || held->second <= now) {
+            held_.erase(id);
+            const long fell_due = b.next;
             b.attempt++;
             b.state = ringing;
-            b.next = now + ms(ring_time(cfg) + 30);
+            b.next = now + ms(ring_time(cfg)) + wakeup_minute().count() / 2;
             w.calls.push_back(originate(b, cfg));
+            w.calls.back().fell_due = fell_due;
             placing.push_back(&b);
         }
     }
     // Written before the calls go out, in one transaction.
     if (parts_.states.wakeup_save(placing) != 0)
         LOG(L_ERROR, "Wake-up calls being placed could not be written to the states file");
-    for (const ended& e : w.ends) forget(e.b.id);
+    for (ended& e : w.ends) finish(e);
     return w;
 }
 
+// The result, stored with the booking's end, goes out now if it may; the
+// alert runs once.
 void wakeup_dialer::report(const ended& e, const config& cfg) {
-    states_file::outbox_entry entry;
-    entry.kind = "WA";
-    entry.room = e.b.room;
-    entry.date = e.b.date;
-    entry.time = e.b.time;
-    // Date and time go back as the "WR" gave them, so that the PMS links the
-    // result to its request.
-    fias_packet_ptr rec = fias_create_packet(FIAS_WA);
-    for (const auto& [name, text] : {std::pair<const char*, const std::string&>{"RN", e.b.room},
-                                     {"DA", e.b.date},
-                                     {"TI", e.b.time},
-                                     {"AS", e.result}}) {
-        if (text.empty()) continue;
-        fias_value_t v;
-        v.str = text;
-        fias_set_packet_field(rec.get(), name, &v);
-    }
-    entry.record = fias_packet_to_str(rec.get());
-    deliver({parts_.link, parts_.states, parts_.audit}, entry);
+    if (e.report.id > 0) send_stored({parts_.link, parts_.states, parts_.audit}, e.report);
     if (e.result != "OK" && cfg.wakeup.alert) run_alert(e, cfg);
 }
 
@@ -486,15 +499,18 @@ void wakeup_dialer::run() {
     for (;;) {
         const config_ptr cfg = parts_.configs.current();
         work w;
-        long next = 0;
         {
             mutex_lock guard(mutex_);
             if (stopping_) return;
             w = pass(*cfg, now_ms());
             if (w.calls.empty() && w.ends.empty()) {
                 // Asleep until the next booking is due or something arrives.
-                next = std::numeric_limits<long>::max();
-                for (const auto& [id, b] : bookings_) next = std::min(next, b.next);
+                long next = std::numeric_limits<long>::max();
+                for (const auto& [id, b] : bookings_) {
+                    const auto held = held_.find(id);
+                    next = std::min(next,
+                                    held == held_.end() ? b.next : std::max(b.next, held->second));
+                }
                 const long wait = std::min(next - now_ms(), 60000L);
                 if (outcomes_.empty() && snoozes_.empty() && !logged_in_ && wait > 0)
                     changed_.wait_for(mutex_, std::chrono::milliseconds(wait));
@@ -522,9 +538,9 @@ void wakeup_dialer::run() {
                 if (b == bookings_.end() || b->second.state != ringing) continue;
                 b->second.attempt--;
                 b->second.state = waiting;
-                // Late counts from the moment it first fell due.
-                late_since_.emplace(c.booking, b->second.next - ms(ring_time(*cfg) + 30));
-                b->second.next = now + manager_down_retry_ms;
+                // Late counts from the moment it fell due, also after a restart.
+                b->second.next = c.fell_due;
+                held_[c.booking] = now + manager_down_retry_ms;
                 back.push_back(&b->second);
             }
             parts_.states.wakeup_save(back);
