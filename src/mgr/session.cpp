@@ -199,8 +199,7 @@ mgr_message_kind classify_message(const message& m) {
     return k;
 }
 
-bool mgr_session::deliver(const message& m) {
-    const mgr_message_kind k = classify_message(m);
+bool mgr_session::deliver(const message& m, const mgr_message_kind& k) {
     if (k.kind != mgr_message_kind::answer) return false;
     const long id = k.action;
     const char* response = mgr_get_header(m, "Response");
@@ -372,8 +371,8 @@ void mgr_session::run() {
                 for (int i = 0; i < msg->count(); ++i)
                     LOG(L_DEBUG, "%s got: %s", addr, shown_header(msg->line(i)).c_str());
             if (s->connected != 0) {
-                if (deliver(*msg)) continue;
                 const mgr_message_kind k = classify_message(*msg);
+                if (deliver(*msg, k)) continue;
                 if (k.kind == mgr_message_kind::event) {
                     metrics::manager_event(mgr_get_header(*msg, "Event"));
                     auto handlers = handlers_.find(k.name);
