@@ -87,11 +87,13 @@ bool mgr_session::send_now(const std::string& name, const std::string& action_id
 bool mgr_session::write_whole(int fd, const std::string& text,
                               std::chrono::steady_clock::time_point deadline,
                               const std::string& what) {
-    if (mgr_send(fd, text, deadline, stop_.fd()) == 0) return true;
+    const int r = mgr_send(fd, text, deadline, stop_.fd());
+    if (r == 0) return true;
     // Whatever part went out must not be followed by another action: the
     // connection ends, the reader sees it and logs in again.
-    LOG(L_ERROR, "Manager: the %s could not be written in time: ending the connection",
-        what.c_str());
+    if (r == -2)
+        LOG(L_ERROR, "Manager: the %s could not be written in time: ending the connection",
+            what.c_str());
     shutdown(fd, SHUT_RDWR);
     return false;
 }
