@@ -181,8 +181,10 @@ TEST_F(Capture, AWriteThatCannotFinishEndsTheConnection) {
 // cached while the Manager takes none of it.
 TEST_F(Capture, EventsAreReadWhileTheQueueIsSent) {
     const int queued = 1500;
-    const std::string value(3000, 'q');               // together more than the sockets hold
-    sqlite_exec(states_path, "delete from actions");  // left by other tests
+    const std::string value(3000, 'q');            // together more than the sockets hold
+    std::vector<states_file::queued_action> left;  // by other tests
+    states.queued_actions(left);
+    for (const states_file::queued_action& q : left) states.action_done(q.id);
     StartCapture(false, /*actions=*/true, [&] {
         for (int i = 0; i < queued; ++i)
             ASSERT_EQ(mgr_session::answer::queued, Put(std::to_string(i), value).result);

@@ -206,7 +206,7 @@ int mgr_send(int fd, std::string_view text, std::chrono::steady_clock::time_poin
         // Full (EAGAIN) or partly written: wait until the socket takes more.
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) return -1;
+        if (left.count() <= 0) return -2;
         pollfd w[2] = {{fd, POLLOUT, 0}, {wake_fd, POLLIN, 0}};
         int r;
         do {

@@ -125,9 +125,10 @@ int connect_nonb(mansession& s);
 // the socket, or -1.
 int mgr_connect(mansession& s);
 
-// Writes all of `text` to `fd` before `deadline`: 0, or -1 (write error, the
-// socket did not take it all in time, or `wake_fd` became readable). After
-// -1 the connection must be ended: part of the text may be on the wire.
+// Writes all of `text` to `fd` before `deadline`: 0, -1 (write error, or
+// `wake_fd` became readable) or -2 (the socket did not take it all in time).
+// After a failure the connection must be ended: part of the text may be on
+// the wire.
 int mgr_send(int fd, std::string_view text, std::chrono::steady_clock::time_point deadline,
              int wake_fd = -1);
 

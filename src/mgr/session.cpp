@@ -87,11 +87,13 @@ bool mgr_session::send_now(const std::string& name, const std::string& action_id
 bool mgr_session::write_whole(int fd, const std::string& text,
                               std::chrono::steady_clock::time_point deadline,
                               const std::string& what) {
-    if (mgr_send(fd, text, deadline, stop_.fd()) == 0) return true;
+    const int r = mgr_send(fd, text, deadline, stop_.fd());
+    if (r == 0) return true;
     // Whatever part went out must not be followed by another action: the
     // connection ends, the reader sees it and logs in again.
-    LOG(L_ERROR, "Manager: the %s could not be written in time: ending the connection",
-        what.c_str());
+    if (r == -2)
+        LOG(L_ERROR, "Manager: the %s could not be written in time: ending the connection",
+            what.c_str());
     shutdown(fd, SHUT_RDWR);
     return false;
 }
@@ -199,8 +201,7 @@ mgr_message_kind classify_message(const message& m) {
     return k;
 }
 
-bool mgr_session::deliver(const message& m) {
-    const mgr_message_kind k = classify_message(m);
+bool mgr_session::deliver(const message& m, const mgr_message_kind& k) {
     if (k.kind != mgr_message_kind::answer) return false;
     const long id = k.action;
     const char* response = mgr_get_header(m, "Response");
@@ -372,8 +373,8 @@ void mgr_session::run() {
                 for (int i = 0; i < msg->count(); ++i)
                     LOG(L_DEBUG, "%s got: %s", addr, shown_header(msg->line(i)).c_str());
             if (s->connected != 0) {
-                if (deliver(*msg)) continue;
                 const mgr_message_kind k = classify_message(*msg);
+                if (deliver(*msg, k)) continue;
                 if (k.kind == mgr_message_kind::event) {
                     metrics::manager_event(mgr_get_header(*msg, "Event"));
                     auto handlers = handlers_.find(k.name);

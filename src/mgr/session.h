@@ -128,7 +128,9 @@ class mgr_session {
     bool log_in(mansession& s, const char* addr);
     void logged_in(mansession& s) EXCLUDES(mutex_);
     void connection_lost() EXCLUDES(write_mutex_, mutex_);
-    bool deliver(const message& m) EXCLUDES(mutex_);
+    // An answer to one of the daemon's actions (`k` says what `m` is):
+    // true when it was one.
+    bool deliver(const message& m, const struct mgr_message_kind& k) EXCLUDES(mutex_);
     // Notes action `id` as sent (the states file, the count by name).
     void note_sent(long id, const std::string& name) REQUIRES(mutex_);
     // Writes `text` whole to `fd` before `deadline`, or ends the connection
