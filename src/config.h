@@ -71,6 +71,7 @@ struct fixes_settings {
     bool mysql = false;            // dbdriver = mysql makes a MySQL record
     bool manager_events = false;   // the login asks for "cdr" when cdr_mgr_events is not set
     bool deadlines = false;        // a deadline on every outside call
+    bool any = false;              // some key above is on
     std::vector<std::string> unknown;  // keys of the section that are none of the above
 };
 

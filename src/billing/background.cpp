@@ -92,7 +92,7 @@ fias_packet_ptr post_call(pass_env& env, const std::string& room, const call_row
     fias_packet_ptr rec = fias_create_packet(FIAS_PS);
     if (!rec) return nullptr;
     set_field(rec.get(), "RN", text_value(room.c_str()));
-    set_field(rec.get(), "DD", text_value(row.dst));
+    set_field(rec.get(), "DD", text_value(row.dst.c_str()));
     *sequence = env.sequence.next();
     set_field(rec.get(), "P#", text_value(sequence->c_str()));
     fias_value_t du;
@@ -101,8 +101,8 @@ fias_packet_ptr post_call(pass_env& env, const std::string& room, const call_row
     du.time.min = static_cast<uint8_t>((row.billsec % 3600) / 60);
     du.time.sec = static_cast<uint8_t>(row.billsec % 60);
     set_field(rec.get(), "DU", du);
-    set_field(rec.get(), "DA", date_value(row.date, dateformat));
-    set_field(rec.get(), "TI", time_value(row.time, timeformat));
+    set_field(rec.get(), "DA", date_value(row.date.c_str(), dateformat));
+    set_field(rec.get(), "TI", time_value(row.time.c_str(), timeformat));
     if (row.callcost != -1) {
         fias_value_t ta;
         ta.ival = static_cast<uint32_t>(row.callcost);
@@ -235,7 +235,7 @@ bool kept_out(const call_filter& filter, const std::string& room, const call_row
     if (row.has_disposition) disposition = row.disposition;
     const char* why = filter.reason({room, row.dst, row.billsec, disposition});
     if (!why) return false;
-    LOG(L_NOTICE, "Call of room %s to %s not posted: %s", room.c_str(), row.dst, why);
+    LOG(L_NOTICE, "Call of room %s to %s not posted: %s", room.c_str(), row.dst.c_str(), why);
     std::string reason = why;  // as a label: "free_number", "unanswered", ...
     std::replace(reason.begin(), reason.end(), ' ', '_');
     metrics::call_filtered(reason.c_str());
@@ -250,7 +250,7 @@ void post_cached(pass_env& env, const config& cfg, const std::vector<std::string
     const call_filter filter(cfg, filter_rooms);
     for (const std::string& room : rooms) {
         std::vector<long> outbox_ids;  // whose cache mark is due
-        const int marked = states.post_unposted(
+        const int marked = states.calls().post_unposted(
             room,
             [&](const call_row& row) -> std::optional<posted_call> {
                 if (kept_out(filter, room, row)) return posted_call{"", "", true};
@@ -265,14 +265,14 @@ void post_cached(pass_env& env, const config& cfg, const std::vector<std::string
             },
             env.fill);
         if (marked == 0)
-            for (long id : outbox_ids) states.outbox_marked(id);
+            for (long id : outbox_ids) states.outbox().marked(id);
     }
 }
 
 void cache_pass(pass_env& env, const config& cfg, const std::vector<std::string>& rooms) {
     LOG(L_DEBUG, "Cache case: check internal cdrcache values");
     post_cached(env, cfg, rooms, rooms);
-    env.parts.states.checkpoint();
+    env.parts.states.calls().checkpoint();
 }
 
 bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>& rooms) {
@@ -291,8 +291,8 @@ bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>
             std::vector<std::string> marks;
             std::vector<long> outbox_ids;  // whose billmark is due
             auto add_mark = [&](const call_row& row, const char* seq) REQUIRES(drv) {
-                marks.push_back(prepare_query2(&drv, billmark.c_str(), extension.c_str(), row.date,
-                                               row.time, seq, env.fill));
+                marks.push_back(prepare_query2(&drv, billmark.c_str(), extension.c_str(),
+                                               row.date.c_str(), row.time.c_str(), seq, env.fill));
                 if (env.fill.quiet)
                     LOG(L_DEBUG, "Sending mark query: %s\n", marks.back().c_str());
                 else
@@ -324,7 +324,7 @@ bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>
                 }
             }
             if (run_marks(drv, marks))
-                for (long id : outbox_ids) env.parts.states.outbox_marked(id);
+                for (long id : outbox_ids) env.parts.states.outbox().marked(id);
         }
     return true;
 }
@@ -368,7 +368,7 @@ bool single_row_pass(pass_env& env, const config& cfg, const std::string& servic
         std::string m = prepare_query2(&drv, mark.c_str(), room.c_str(), done->date.c_str(),
                                        done->time.c_str(), nullptr, env.fill);
         LOG(L_DEBUG, "Sending mark query: %s\n", m.c_str());
-        if (drv.query(m.c_str()) == 0 && env.outbox) env.parts.states.outbox_marked(entry.id);
+        if (drv.query(m.c_str()) == 0 && env.outbox) env.parts.states.outbox().marked(entry.id);
     }
     return true;
 }
@@ -453,14 +453,14 @@ const opt_text& mark_service(const config& cfg, const std::string& key) {
 
 void run_due_marks(const config& cfg, states_file& states) {
     std::vector<states_file::outbox_entry> due;
-    if (states.outbox_marks_due(due) != 0) return;
+    if (states.outbox().marks_due(due) != 0) return;
     const fill_options fill = fill_options_of(cfg);
     for (const states_file::outbox_entry& e : due) {
         LOG(L_NOTICE, "The mark of the %s record of room %s is still due: it runs now",
             e.kind.c_str(), e.room.c_str());
         if (e.mark == "cache") {
-            if (states.mark_cached(e.room, {{e.date, e.time, e.record}}) == 0)
-                states.outbox_marked(e.id);
+            if (states.calls().mark(e.room, {{e.date, e.time, e.record}}) == 0)
+                states.outbox().marked(e.id);
             continue;
         }
         const opt_text& service = mark_service(cfg, e.mark_key);
@@ -473,7 +473,7 @@ void run_due_marks(const config& cfg, states_file& states) {
                 "The mark of the %s record of room %s cannot run (services:%s, database "
                 "\"%s\"): it is dropped",
                 e.kind.c_str(), e.room.c_str(), e.mark_key.c_str(), e.mark.c_str());
-            states.outbox_marked(e.id);
+            states.outbox().marked(e.id);
             continue;
         }
         const std::string& who = e.extension.empty() ? e.room : e.extension;
@@ -483,7 +483,7 @@ void run_due_marks(const config& cfg, states_file& states) {
             prepare_query2(drv.get(), s.statement.c_str(), who.c_str(), e.date.c_str(),
                            e.time.c_str(), e.kind == "PS" ? e.seq.c_str() : nullptr, fill);
         LOG(L_DEBUG, "Sending mark query: %s\n", m.c_str());
-        if (drv->query(m.c_str()) == 0) states.outbox_marked(e.id);
+        if (drv->query(m.c_str()) == 0) states.outbox().marked(e.id);
     }
 }
 
@@ -535,9 +535,9 @@ void post_cached_now(const config& cfg, const std::vector<std::string>& rooms,
 
 void service_background(const config_loader& configs, const billing_parts& parts, stop_flag& stop) {
     states_file& states = parts.states;
-    unsigned version = states.rooms_version();
+    unsigned version = states.rooms().version();
     std::vector<std::string> rooms;
-    states.room_list(rooms);
+    states.rooms().list(rooms);
     posting_sequence own;
     posting_sequence& sequence = parts.sequence ? *parts.sequence : own;
     billing_memory memory;
@@ -553,10 +553,10 @@ void service_background(const config_loader& configs, const billing_parts& parts
         config_ptr cfg = configs.current();
         // With [fixes] reload the cycle bills the rooms of the table as it
         // is now (a reload or a check-in changes it).
-        if (cfg->fixes.reload && version != states.rooms_version()) {
-            version = states.rooms_version();
+        if (cfg->fixes.reload && version != states.rooms().version()) {
+            version = states.rooms().version();
             std::vector<std::string> now;
-            if (states.room_list(now) == 0) rooms = std::move(now);
+            if (states.rooms().list(now) == 0) rooms = std::move(now);
         }
         if (!cfg->night_audit) parts.audit.close("pms:night_audit is off");
         if (!billing_cycle(*cfg, rooms, parts, sequence, &memory)) return;

@@ -91,7 +91,7 @@ bool mgr_session::send_locked(long id, const std::string& name, const std::strin
     if (fd_ < 0) return false;
     const std::string text = "Action: " + name + "\r\nActionID: " + action_id_prefix +
                              std::to_string(id) + "\r\n" + body;
-    states_.action_sent(id);
+    states_.actions().sent(id);
     names_[id] = name;
     if (names_.size() > static_cast<size_t>(states_file::max_queued_actions))
         names_.erase(names_.begin());
@@ -107,7 +107,7 @@ mgr_session::answer mgr_session::action(const std::string& room, const std::stri
     mutex_lock guard(mutex_);
     // Queued and sent under one lock, so that a login that sends the queue
     // meanwhile sends it exactly once and in order.
-    const long id = states_.queue_action(room, name, body);
+    const long id = states_.actions().queue(room, name, body);
     answer a;
     if (id < 0) {
         a.result = answer::error;
@@ -158,7 +158,7 @@ bool mgr_session::deliver(const message& m) {
     a.result = strcasecmp(response, "Success") == 0 ? answer::success : answer::error;
     a.message = mgr_get_header(m, "Message");
     mutex_lock guard(mutex_);
-    states_.action_done(id);
+    states_.actions().done(id);
     const auto named = names_.find(id);
     if (named != names_.end()) {
         metrics::manager_action(named->second, a.result == answer::success ? "success" : "error");
@@ -182,12 +182,12 @@ void mgr_session::logged_in(mansession& s, const char* addr) {
     up_ = true;
     if (!settings_.actions) return;
     std::vector<states_file::queued_action> queue;
-    states_.queued_actions(queue);
+    states_.actions().all(queue);
     for (const states_file::queued_action& q : queue) {
         if (q.sent >= 2) {
             LOG(L_ERROR, "%s: Manager action %s for room %s was never answered: given up", addr,
                 q.name.c_str(), q.room.c_str());
-            states_.action_done(q.id);
+            states_.actions().done(q.id);
             unattended_.erase(q.id);
             continue;
         }
