@@ -1,4 +1,4 @@
-// CDR capture: mgr_cache_cdr on the states file, and the capture on a Manager session
+// CDR capture: the call cache of the states file, and the capture on a Manager session
 // against the Manager simulator over loopback.
 //
 // One states file serves all the tests of this program; `rooms` and
@@ -85,17 +85,6 @@ class Capture : public ::testing::Test {
 };
 
 TEST_F(Capture, OnlyRoomCallsAreCachedWithEveryColumn) {
-    auto cache = [](const mgr_cdr_event& ev, const std::vector<std::string>& rooms) {
-        auto m = std::make_unique<message>();
-        for (const auto& [name, value] : ev.headers)
-            mgr_add_header(*m, "%s: %s", name.c_str(), value.c_str());
-        mgr_cache_cdr(*m, cdr_rooms(rooms), states);
-    };
-    // A quote in a value is kept as it is.
-    cache(call("101", "quoted").set("CallerID", "\"O'Brien\" <101>"), {"101"});
-    EXPECT_EQ(std::vector<std::string>{"\"O'Brien\" <101>|quoted"}, cached("clid, uniqueid"));
-    EXPECT_TRUE(sqlite_exec(states_path, "delete from cdrcache"));
-
     StartCapture();
     WaitLoggedIn(1);
     ASSERT_EQ(1, sim->send_cdr(call("555", "not-a-room")));

@@ -393,25 +393,25 @@ const char* wakeup_answer(int result) {
 std::optional<reported> wakeup_pass(pass_env& pass, dbdriver_t& drv, const std::string& room,
                                     states_file::outbox_entry& entry) REQUIRES(drv) {
     int result = 0;
-    char date[32] = "";
-    char time[32] = "";
+    std::string date;
+    std::string time;
     if (drv.fetch_int_field(0, &result) < 0) {
         LOG(L_ERROR, "No mandatory billsec field in cdr query");
         return std::nullopt;
     }
-    if (drv.fetch_char_field(1, date, sizeof date - 1) < 0) {
+    if (drv.fetch_text_field(1, date) < 0) {
         LOG(L_ERROR, "No mandatory date field in cdr query");
         return std::nullopt;
     }
-    if (drv.fetch_char_field(2, time, sizeof time - 1) < 0) {
+    if (drv.fetch_text_field(2, time) < 0) {
         LOG(L_ERROR, "No mandatory time field in cdr query");
         return std::nullopt;
     }
     fias_packet_ptr rec = fias_create_packet(FIAS_WA);
     if (!rec) return reported{};
     set_field(rec.get(), "RN", text_value(room.c_str()));
-    set_field(rec.get(), "DA", date_value(date, drv.dateformat));
-    set_field(rec.get(), "TI", time_value(time, drv.timeformat));
+    set_field(rec.get(), "DA", date_value(date.c_str(), drv.dateformat));
+    set_field(rec.get(), "TI", time_value(time.c_str(), drv.timeformat));
     set_field(rec.get(), "AS", text_value(wakeup_answer(result)));
     entry.kind = "WA";
     entry.date = date;
