@@ -192,6 +192,37 @@ TEST_F(Capture, HostileValuesAreCachedPostedAndMarkedAsData) {
                           "'sqlite%' order by name"));
 }
 
+// A wake-up booking and an outbox record change together, or not at all.
+TEST_F(Capture, ABookingAndARecordChangeInOneTransaction) {
+    wakeup_booking booking;
+    booking.room = "101";
+    std::vector<wakeup_booking*> bookings{&booking};
+    ASSERT_EQ(0, states.wakeups().save(bookings));
+    outbox_entry report;
+    report.kind = "WA";
+    report.room = "101";
+    report.record = "WA|RN101|ASOK|";
+    auto both = [&](bool commit) {
+        states_transaction tx(states.own_connection());
+        EXPECT_EQ(0, states.wakeups().remove(tx, booking.id));
+        EXPECT_GT(states.outbox().put(tx, report, 1), 0);
+        if (commit) {
+            EXPECT_EQ(0, tx.commit());
+        }
+    };
+    auto counts = [&] {
+        std::vector<wakeup_booking> left;
+        std::vector<outbox_entry> due;
+        states.wakeups().all(left);
+        states.outbox().to_send(1, due);
+        return std::make_pair(left.size(), due.size());
+    };
+    both(false);
+    EXPECT_EQ(std::make_pair(size_t{1}, size_t{0}), counts());
+    both(true);
+    EXPECT_EQ(std::make_pair(size_t{0}, size_t{1}), counts());
+}
+
 // A new file: 0640 whatever the umask, with its -wal and -shm; with
 // quiet_checks (any [fixes] key) its first start logs no ERROR.
 TEST_F(Capture, ANewStatesFileIsPrivateAndQuietlyMade) {

@@ -154,6 +154,8 @@ class sqlite_handler_t final : public db_handle {
                                                                                             : -1;
     }
 
+    bool in_transaction() { return sqlite_ && !sqlite3_get_autocommit(sqlite_.get()); }
+
     // Commits the open transaction; one that cannot be committed is rolled
     // back and logged.
     int commit() {
@@ -341,6 +343,11 @@ void sqlite_init_record(dbdriver_t& drv, const char* name) {
 int sqlite_begin(dbdriver_t& drv) {
     auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
     return h ? h->begin() : -1;
+}
+
+bool sqlite_in_transaction(dbdriver_t& drv) {
+    auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
+    return h && h->in_transaction();
 }
 
 int sqlite_commit(dbdriver_t& drv) {

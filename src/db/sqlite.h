@@ -69,6 +69,8 @@ bool sqlite_has_table(dbdriver_t& drv, std::string_view name) REQUIRES(drv);
 // already), sqlite_commit() commits what is open (a failed commit is rolled
 // back and logged as a failed statement: -1).
 int sqlite_begin(dbdriver_t& drv) REQUIRES(drv);
+// Whether a transaction is open on the connection.
+bool sqlite_in_transaction(dbdriver_t& drv) REQUIRES(drv);
 int sqlite_commit(dbdriver_t& drv) REQUIRES(drv);
 
 // With `normal`, the connections `drv` makes from now on commit with SQLite's

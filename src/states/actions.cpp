@@ -15,8 +15,7 @@ const char* const create_statement =
 
 bool action_queue::open() {
     if (!own_.connect()) return false;
-    if (!checked_) checked_ = own_.drv.query(create_statement) == 0;
-    return checked_;
+    return own_.make_tables(checked_, {create_statement});
 }
 
 long action_queue::queue(const std::string& room, const std::string& name,

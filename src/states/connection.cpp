@@ -14,6 +14,14 @@ bool states_connection::connect() {
     return true;
 }
 
+bool states_connection::make_tables(bool& made, std::initializer_list<const char*> statements) {
+    if (made) return true;
+    for (const char* statement : statements)
+        if (drv.query(statement) != 0) return false;
+    made = !sqlite_in_transaction(drv);
+    return true;
+}
+
 // The lock is taken and given back on `c_`, the connection of the
 // annotation: the analysis cannot follow the reference.
 states_transaction::states_transaction(states_connection& c) : c_(c) {

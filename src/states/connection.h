@@ -8,6 +8,7 @@
 //  - connect() and every statement run under `drv`'s lock (db_lock).
 #pragma once
 
+#include <initializer_list>
 #include <string>
 
 #include "db/driver.h"
@@ -22,6 +23,10 @@ class states_connection {
     // sqlite.h); the first time, commits are made to wait for the operating
     // system only (synchronous=NORMAL). False when the file cannot be opened.
     bool connect() REQUIRES(drv);
+    // Runs `statements` (which make a store's tables when missing) unless
+    // `made` says they ran; `made` is set only outside a transaction, as a
+    // rollback takes away what a transaction made. False when one fails.
+    bool make_tables(bool& made, std::initializer_list<const char*> statements) REQUIRES(drv);
 
     dbdriver_t drv;
     std::string path;

@@ -23,8 +23,7 @@ std::string now_text() {
 
 bool occupancy_store::open() {
     if (!own_.connect()) return false;
-    if (!checked_) checked_ = own_.drv.query(create_statement) == 0;
-    return checked_;
+    return own_.make_tables(checked_, {create_statement});
 }
 
 // The rows of `statement` (room, name, lang, since), `room` bound when given.

@@ -32,10 +32,9 @@ const char* const remove_settled = "delete from outbox where id=? and waiting=0 
 
 bool outbox_store::open() {
     if (!own_.connect()) return false;
-    if (!checked_)
-        checked_ = own_.drv.query(create_outbox) == 0 && own_.drv.query(create_sequence) == 0 &&
-                   own_.drv.query("update outbox set link=0") == 0;
-    return checked_;
+    if (!own_.make_tables(checked_, {create_outbox, create_sequence})) return false;
+    if (!links_reset_) links_reset_ = own_.drv.query("update outbox set link=0") == 0;
+    return links_reset_;
 }
 
 long outbox_store::put(const outbox_entry& e, unsigned link) {

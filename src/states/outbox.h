@@ -74,5 +74,6 @@ class outbox_store {
 
     states_connection& own_;
     bool checked_ GUARDED_BY(own_.drv) = false;
-    unsigned warned_ GUARDED_BY(own_.drv) = 0;  // the link last warned about
+    bool links_reset_ GUARDED_BY(own_.drv) = false;  // entries of earlier runs: on no link
+    unsigned warned_ GUARDED_BY(own_.drv) = 0;       // the link last warned about
 };

@@ -21,8 +21,7 @@ const char* const insert_statement =
 
 bool wakeup_store::open() {
     if (!own_.connect()) return false;
-    if (!checked_) checked_ = own_.drv.query(create_wakeups) == 0;
-    return checked_;
+    return own_.make_tables(checked_, {create_wakeups});
 }
 
 int wakeup_store::save(std::vector<wakeup_booking*>& bookings) {
