@@ -73,16 +73,6 @@ class sqlite_handler_t final : public db_handle {
         return 0;
     }
 
-    // The first column of `sql`'s first row as a number, quietly.
-    int count(const char* sql) {
-        if (!sqlite_) return -1;
-        sqlite3_stmt* st = nullptr;
-        if (sqlite3_prepare_v2(sqlite_.get(), sql, -1, &st, nullptr) != SQLITE_OK) return -1;
-        const int n = sqlite3_step(st) == SQLITE_ROW ? sqlite3_column_int(st, 0) : -1;
-        sqlite3_finalize(st);
-        return n;
-    }
-
     // query() of `sql` with its "?" bound to `params`, as a statement
     // prepared once per connection and kept until the connection closes.
     int query_bound(const char* sql, std::initializer_list<sqlite_value> params) {
@@ -381,11 +371,6 @@ long long sqlite_count_bound(dbdriver_t& drv, const char* sql,
 bool sqlite_has_table(dbdriver_t& drv, std::string_view name) {
     auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
     return h && h->has_table(name);
-}
-
-int sqlite_count(dbdriver_t& drv, const char* sql) {
-    auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
-    return h ? h->count(sql) : -1;
 }
 
 void sqlite_set_sync_normal(dbdriver_t& drv, bool normal) {

@@ -22,25 +22,21 @@ dbdriver_ptr sqlite_create_drv(const char* name);
 // Gives `drv` a fresh SQLite handle and the name `name`.
 void sqlite_init_record(dbdriver_t& drv, const char* name);
 
-// The first column of the first row of `sql` as a number, on the open
-// connection of an SQLite record, with nothing logged; -1 when the
-// connection is closed or the statement fails.
-int sqlite_count(dbdriver_t& drv, const char* sql) REQUIRES(drv);
-
 // A value bound to a "?" of a statement: a text (as it is, any bytes, any
-// length) or a number.
+// length) or a number. Made implicitly from either, so that a list of values
+// reads as the statement's values.
 struct sqlite_value {
     std::string_view text;
     long long number = 0;
     bool is_number = false;
 
-    sqlite_value(std::string_view t) : text(t) {}              // NOLINT: implicit by design
-    sqlite_value(const std::string& t) : text(t) {}            // NOLINT
-    sqlite_value(const char* t) : text(t ? t : "") {}          // NOLINT
-    sqlite_value(long long n) : number(n), is_number(true) {}  // NOLINT
-    sqlite_value(long n) : number(n), is_number(true) {}       // NOLINT
-    sqlite_value(int n) : number(n), is_number(true) {}        // NOLINT
-    sqlite_value(unsigned n) : number(n), is_number(true) {}   // NOLINT
+    sqlite_value(std::string_view t) : text(t) {}
+    sqlite_value(const std::string& t) : text(t) {}
+    sqlite_value(const char* t) : text(t ? t : "") {}
+    sqlite_value(long long n) : number(n), is_number(true) {}
+    sqlite_value(long n) : number(n), is_number(true) {}
+    sqlite_value(int n) : number(n), is_number(true) {}
+    sqlite_value(unsigned n) : number(n), is_number(true) {}
 };
 
 // Like drv.query(sql), with each "?" of `sql` bound to the next value of
