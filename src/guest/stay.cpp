@@ -57,7 +57,7 @@ void do_checkin(const record_context& ctx) {
     // the process.
     states_file& states = ctx.states;
     if (states.rooms().store(field_text(rn), !ctx.cfg->fixes.states_file,
-                          fill_options_of(*ctx.cfg).dates) != 0) {
+                             fill_options_of(*ctx.cfg).dates) != 0) {
         LOG(L_ERROR, "Unable to open states file %s", states.path().c_str());
         return;
     }

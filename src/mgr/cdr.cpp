@@ -155,7 +155,8 @@ class insert_batch {
 }  // namespace
 
 void mgr_cache_cdr(const message& m, const cdr_rooms& rooms, states_file& states, bool escape) {
-    if (std::optional<cached_call> call = room_call(m, rooms, escape)) states.calls().cache({*call});
+    if (std::optional<cached_call> call = room_call(m, rooms, escape))
+        states.calls().cache({*call});
 }
 
 namespace {
