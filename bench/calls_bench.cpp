@@ -32,7 +32,7 @@ void BM_ImmediatePosting(benchmark::State& state) {
         const std::string path = work_dir() + "/immediate.db";
         std::filesystem::remove(path);
         states_file states;
-        if (states.open(path) != 0 || states.store_room("101", false) != 0) {
+        if (states.open(path) != 0 || states.rooms().store("101", false) != 0) {
             state.SkipWithError("states file");
             return;
         }

@@ -89,7 +89,7 @@ void BM_ReaderToRoomTest(benchmark::State& state) {
     open_states();
     set_level(static_cast<int>(state.range(0)));
     std::vector<std::string> list;
-    states.room_list(list);
+    states.rooms().list(list);
     const cdr_rooms rooms(std::move(list));
     int port = 0;
     int listener = listen_loopback(0, &port);

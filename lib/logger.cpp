@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -275,6 +276,50 @@ std::string masked_name(std::string text, std::string_view name) {
 std::string masked_names(std::string text) {
     if (!logger_hides_names()) return text;
     for (const std::string& name : names_in_scope) text = masked_name(std::move(text), name);
+    return text;
+}
+
+namespace {
+
+// Letters, digits and the bytes of non-ASCII characters: what a database's
+// tokenizer keeps together in a word.
+bool word_byte(char c) {
+    return isalnum(static_cast<unsigned char>(c)) || static_cast<unsigned char>(c) >= 0x80;
+}
+
+// `text` with every whole word `word` replaced by "<name>".
+std::string masked_word(std::string text, std::string_view word) {
+    constexpr std::string_view mask = "<name>";
+    for (size_t at = text.find(word); at != std::string::npos; at = text.find(word, at)) {
+        const size_t end = at + word.size();
+        if ((at > 0 && word_byte(text[at - 1])) || (end < text.size() && word_byte(text[end]))) {
+            at = end;
+            continue;
+        }
+        text.replace(at, word.size(), mask);
+        at += mask.size();
+    }
+    return text;
+}
+
+}  // namespace
+
+std::string masked_name_pieces(std::string text) {
+    if (!logger_hides_names()) return text;
+    for (const std::string& name : names_in_scope) {
+        text = masked_name(std::move(text), name);
+        // A quote in a name ends a literal of a statement, and the database
+        // names the words after it in its error ("near \"Brien\""): each
+        // word of the name is masked where it stands as a word.
+        for (size_t from = 0; from < name.size();) {
+            size_t end = from;
+            while (end < name.size() && word_byte(name[end])) ++end;
+            if (end - from >= 2 && end - from < name.size())
+                text =
+                    masked_word(std::move(text), std::string_view(name).substr(from, end - from));
+            from = end + 1;
+        }
+    }
     return text;
 }
 

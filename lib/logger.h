@@ -83,6 +83,10 @@ std::string masked_name(std::string text, std::string_view name);
 // `text` with the names of this thread's hidden_name scopes masked, when names
 // are hidden; unchanged otherwise.
 std::string masked_names(std::string text);
+// masked_names(), and also each word of a name (of two characters or more)
+// where it stands as a word: a database's error text about a statement shows
+// the part of a value after a quote that ended its literal.
+std::string masked_name_pieces(std::string text);
 
 namespace logger_detail {
 extern std::atomic<int> log_level;

@@ -204,8 +204,10 @@ fixes_settings read_fixes(const dictionary* d) {
                 {"manager_events", f.manager_events},
                 {"deadlines", f.deadlines},
                 {"room_numbers", f.room_numbers}};
-    for (const auto& k : keys)
+    for (const auto& k : keys) {
         k.value = iniparser_getboolean(d, ("fixes:" + std::string(k.key)).c_str(), all) != 0;
+        f.any = f.any || k.value;
+    }
 
     int n = iniparser_getsecnkeys(d, "fixes");
     if (n <= 0) return f;

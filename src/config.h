@@ -73,6 +73,7 @@ struct fixes_settings {
     bool manager_events = false;   // the login asks for "cdr" when cdr_mgr_events is not set
     bool deadlines = false;        // a deadline on every outside call
     bool room_numbers = false;     // a record's room number empty or too long: no step runs
+    bool any = false;              // some key above is on
     std::vector<std::string> unknown;  // keys of the section that are none of the above
 };
 

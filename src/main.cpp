@@ -238,10 +238,10 @@ class daemon_process {
         std::shared_ptr<mgr_session> session = manager.get();
         v.manager_used = manager_used;
         v.manager_up = session && session->is_up();
-        v.postings_unanswered = std::max(0, states->postings_unanswered());
-        v.calls_waiting = std::max(0, states->calls_waiting());
-        v.oldest_waiting_call_age = std::max(0, states->oldest_waiting_call_age());
-        v.actions_queued = std::max(0, states->actions_queued());
+        v.postings_unanswered = std::max(0, states->outbox().unanswered());
+        v.calls_waiting = std::max(0, states->calls().waiting());
+        v.oldest_waiting_call_age = std::max(0, states->calls().oldest_waiting_age());
+        v.actions_queued = std::max(0, states->actions().count());
         if (wakeup) {
             const wakeup_dialer::counts_t c = wakeup->counts();
             v.wakeup_bookings = c.bookings;
@@ -571,13 +571,10 @@ int main(int argc, char** argv) {
     // never unwinds.
     states_file states;
     state.states = &states;
-    if (states.open(cfg->statesfile) != 0) {
+    if (states.open(cfg->statesfile, state.start_fixes.any) != 0) {
         LOG(L_ERROR, "Unable to open states file %s", cfg->statesfile.c_str());
         exit(1);
     }
-    if (state.start_fixes.private_files)
-        for (const char* suffix : {"", "-wal", "-shm"})
-            chmod((cfg->statesfile + suffix).c_str(), 0640);
     load_rooms_conf(cfg->rooms, states, fill_options_of(*cfg).dates);
 
     pms_link link;
@@ -590,7 +587,7 @@ int main(int argc, char** argv) {
     // With the outbox the posting numbers go on after the last one used.
     posting_sequence sequence;
     if (cfg->uses_outbox())
-        sequence.last = static_cast<unsigned>(std::max(0L, states.last_posting_number()));
+        sequence.last = static_cast<unsigned>(std::max(0L, states.outbox().last_posting_number()));
     // Wake-up calls placed by the daemon, when configured at start.
     wakeup_dialer dialer({configs, link, states, audit, notify, state.manager});
     if (cfg->wakeup.call) state.wakeup = &dialer;

@@ -183,10 +183,10 @@ TEST_F(BillingCycle, TheOutboxCarriesPostingsAndMarksAcrossARestart) {
              "('102','2009-12-01','23:59:59','0049301',3600,498,0);"));
     ASSERT_TRUE(cycle({"101", "102"}));
     ASSERT_EQ(2u, frames().size());
-    std::optional<states_file::outbox_entry> answered = states.outbox_waiting("0001");
+    std::optional<states_file::outbox_entry> answered = states.outbox().waiting("0001");
     ASSERT_TRUE(answered);
-    ASSERT_EQ(0, states.outbox_answered(answered->id));
-    EXPECT_FALSE(states.outbox_waiting("0001")) << "an answer settles its posting once";
+    ASSERT_EQ(0, states.outbox().answered(answered->id));
+    EXPECT_FALSE(states.outbox().waiting("0001")) << "an answer settles its posting once";
 
     // A restart between a posting's write and its mark: the call is in the
     // outbox with its billmark due, and still unmarked in the PBX.
@@ -201,13 +201,13 @@ TEST_F(BillingCycle, TheOutboxCarriesPostingsAndMarksAcrossARestart) {
     left.mark = "pbx";
     left.mark_key = "billmark";
     ASSERT_TRUE(exec("insert into calls values ('103','2009-05-16','08:00:00','5550000',5,-1,0)"));
-    ASSERT_GT(states.outbox_put(left, link.link_number()), 0);
+    ASSERT_GT(states.outbox().put(left, link.link_number()), 0);
 
     states_file restarted;
     ASSERT_EQ(0, restarted.open(dir.file("states.db")));
     const billing_parts after{link, restarted, audit, extensions, notify};
     posting_sequence numbers;
-    numbers.last = static_cast<unsigned>(restarted.last_posting_number());
+    numbers.last = static_cast<unsigned>(restarted.outbox().last_posting_number());
     EXPECT_EQ(3u, numbers.last);
     ASSERT_TRUE(exec("insert into calls values ('101','2009-05-17','09:00:00','5557777',9,-1,0)"));
     ASSERT_TRUE(billing_cycle(cfg, {"101", "102", "103"}, after, numbers));
@@ -221,7 +221,7 @@ TEST_F(BillingCycle, TheOutboxCarriesPostingsAndMarksAcrossARestart) {
     ASSERT_TRUE(billing_cycle(cfg, {"101", "102", "103"}, after, numbers));
     EXPECT_EQ(5u, frames().size()) << "a posting goes out again once only";
     std::vector<states_file::outbox_entry> due;
-    EXPECT_EQ(0, restarted.outbox_marks_due(due));
+    EXPECT_EQ(0, restarted.outbox().marks_due(due));
     EXPECT_TRUE(due.empty());
 }
 
@@ -296,7 +296,7 @@ TEST_F(BillingCycle, RowsWithoutACostArePricedByTheLineValidOnTheirDateAndOthers
               }),
               frames());
     std::vector<states_file::rating_record> kept;
-    ASSERT_EQ(0, states.ratings(kept));
+    ASSERT_EQ(0, states.ratings().all(kept));
     ASSERT_EQ(3u, kept.size());
     EXPECT_EQ("tariffs.csv:2", kept[0].line);
     EXPECT_EQ("tariffs.csv:3", kept[2].line);

@@ -1,9 +1,11 @@
-// CDR capture: mgr_cache_cdr on the states file, and the capture on a Manager session
+// CDR capture: the call cache of the states file, and the capture on a Manager session
 // against the Manager simulator over loopback.
 //
 // One states file serves all the tests of this program; `rooms` and
 // `cdrcache` are emptied before each.
 #include <gtest/gtest.h>
+
+#include <sys/stat.h>
 
 #include <functional>
 #include <memory>
@@ -94,17 +96,6 @@ class Capture : public ::testing::Test {
 };
 
 TEST_F(Capture, OnlyRoomCallsAreCachedWithEveryColumn) {
-    auto cache = [](const mgr_cdr_event& ev, const std::vector<std::string>& rooms) {
-        auto m = std::make_unique<message>();
-        for (const auto& [name, value] : ev.headers)
-            mgr_add_header(*m, "%s: %s", name.c_str(), value.c_str());
-        mgr_cache_cdr(*m, cdr_rooms(rooms), states);
-    };
-    // A quote in a value breaks the statement: the driver logs it, nothing is kept.
-    cache(call("101", "quoted").set("CallerID", "\"O'Brien\" <101>"), {"101"});
-    EXPECT_TRUE(cached().empty());
-    EXPECT_EQ(1u, InLog("Sqlite query error:"));
-
     StartCapture();
     WaitLoggedIn(1);
     ASSERT_EQ(1, sim->send_cdr(call("555", "not-a-room")));
@@ -123,6 +114,143 @@ TEST_F(Capture, OnlyRoomCallsAreCachedWithEveryColumn) {
     EXPECT_EQ(row, cached("accountcode, src, dst, dcontext, clid, channel, dstchannel, lastapp, "
                           "lastdata, start, answer, end, duration, billsec, disposition, "
                           "amaflags, c_from, c_to, cost, callclass, faxdata, userfield, uniqueid"));
+}
+
+// Values of any content and length go into the cache, come back whole to the
+// posting and are marked; the tables stay.
+TEST_F(Capture, HostileValuesAreCachedPostedAndMarkedAsData) {
+    const std::vector<std::string> payloads = {
+        "'",
+        "'); DROP TABLE cdrcache;--",
+        "1','x','y',0);DROP TABLE rooms;--",
+        std::string(5000, 'x'),
+        std::string(3000, '5'),  // a long dial string
+        "\xff\xfe\xc3(invalid \x80 UTF-8",
+        "a\r\nb|\x02\x03%s%n",
+    };
+    const std::string room = "1'); DROP TABLE cdrcache;--";
+    ASSERT_EQ(0, states.rooms().store(room, false));
+    std::vector<std::string> rooms;
+    ASSERT_EQ(0, states.rooms().list(rooms));
+    EXPECT_EQ(2u, rooms.size());
+    std::vector<cached_call> calls;
+    for (const std::string& value : payloads) {
+        const std::string clid = std::string(1200, 'N') + value;
+        const std::string uid = "uid-" + std::to_string(calls.size() + 1);
+        // A mark finds its call by room and start second.
+        const std::string start = "2024-05-01 10:00:0" + std::to_string(calls.size());
+        const char* const v[cached_call_values] = {clid.c_str(),
+                                                   room.c_str(),
+                                                   value.c_str(),
+                                                   value.c_str(),
+                                                   value.c_str(),
+                                                   "",
+                                                   "",
+                                                   "",
+                                                   start.c_str(),
+                                                   "",
+                                                   "",
+                                                   "65",
+                                                   "65",
+                                                   "ANSWERED",
+                                                   value.c_str(),
+                                                   "",
+                                                   "",
+                                                   "",
+                                                   "",
+                                                   "",
+                                                   "",
+                                                   uid.c_str()};
+        calls.emplace_back(v, true);
+        calls.back().log_statement();
+    }
+    states.calls().cache(calls);
+    ASSERT_EQ(payloads.size(), cached().size());
+    EXPECT_EQ(static_cast<int>(payloads.size()), states.calls().waiting());
+
+    std::vector<std::string> offered;
+    ASSERT_EQ(0, states.calls().post_unposted(
+                     room,
+                     [&](const call_row& row) -> std::optional<posted_call> {
+                         offered.push_back(row.dst);
+                         EXPECT_EQ("uid-" + std::to_string(offered.size()), row.uniqueid);
+                         return posted_call{"PS|DD" + row.dst + "|", "0001"};
+                     },
+                     fill_options{true}));
+    EXPECT_EQ(payloads, offered);
+    EXPECT_EQ(0, states.calls().waiting());
+    const std::vector<std::string> marked = cached("userfield");
+    ASSERT_EQ(payloads.size(), marked.size());
+    for (size_t i = 0; i < payloads.size(); ++i) EXPECT_EQ("PS|DD" + payloads[i] + "|", marked[i]);
+
+    // The occupancy and the queued actions keep such values as well.
+    ASSERT_EQ(0, states.occupancy().put({room, payloads[1], payloads[5], ""}));
+    ASSERT_TRUE(states.occupancy().find(room));
+    EXPECT_EQ(payloads[1], states.occupancy().find(room)->name);
+    ASSERT_GT(states.actions().queue(room, "DBPut", payloads[3] + payloads[1]), 0);
+    std::vector<states_file::queued_action> queued;
+    ASSERT_EQ(0, states.actions().all(queued));
+    ASSERT_EQ(1u, queued.size());
+    EXPECT_EQ(payloads[3] + payloads[1], queued[0].body);
+    ASSERT_EQ(0, states.forget_guest(room, {payloads[1]}));
+    EXPECT_FALSE(states.occupancy().find(room));
+    ASSERT_EQ(0, states.actions().done(queued[0].id));
+
+    EXPECT_EQ(0u, InLog("ERROR"));
+    EXPECT_EQ((sql_rows{{"actions"}, {"cdrcache"}, {"occupancy"}, {"rooms"}}),
+              sqlite_rows(states_path,
+                          "select name from sqlite_master where type='table' and name not like "
+                          "'sqlite%' order by name"));
+}
+
+// A wake-up booking and an outbox record change together, or not at all.
+TEST_F(Capture, ABookingAndARecordChangeInOneTransaction) {
+    wakeup_booking booking;
+    booking.room = "101";
+    std::vector<wakeup_booking*> bookings{&booking};
+    ASSERT_EQ(0, states.wakeups().save(bookings));
+    outbox_entry report;
+    report.kind = "WA";
+    report.room = "101";
+    report.record = "WA|RN101|ASOK|";
+    auto both = [&](bool commit) {
+        states_transaction tx(states.own_connection());
+        EXPECT_EQ(0, states.wakeups().remove(tx, booking.id));
+        EXPECT_GT(states.outbox().put(tx, report, 1), 0);
+        if (commit) {
+            EXPECT_EQ(0, tx.commit());
+        }
+    };
+    auto counts = [&] {
+        std::vector<wakeup_booking> left;
+        std::vector<outbox_entry> due;
+        states.wakeups().all(left);
+        states.outbox().to_send(1, due);
+        return std::make_pair(left.size(), due.size());
+    };
+    both(false);
+    EXPECT_EQ(std::make_pair(size_t{1}, size_t{0}), counts());
+    both(true);
+    EXPECT_EQ(std::make_pair(size_t{0}, size_t{1}), counts());
+}
+
+// A new file: 0640 whatever the umask, with its -wal and -shm; with
+// quiet_checks (any [fixes] key) its first start logs no ERROR.
+TEST_F(Capture, ANewStatesFileIsPrivateAndQuietlyMade) {
+    const mode_t before = umask(0);
+    for (bool quiet : {true, false}) {
+        const std::string path = dir.file(quiet ? "quiet.db" : "plain.db");
+        states_file fresh;
+        ASSERT_EQ(0, fresh.open(path, quiet));
+        for (const char* suffix : {"", "-wal", "-shm"}) {
+            struct stat st {};
+            ASSERT_EQ(0, stat((path + suffix).c_str(), &st)) << suffix;
+            EXPECT_EQ(0640u, st.st_mode & 07777) << suffix;
+        }
+        EXPECT_EQ(quiet ? 0u : 2u, InLog("ERROR"));
+    }
+    umask(before);
+    EXPECT_EQ(1u, InLog("Sqlite query error: no such table: rooms"));
 }
 
 TEST_F(Capture, LostConnectionLogsInAgainAndABurstLosesNothing) {
@@ -183,8 +311,8 @@ TEST_F(Capture, EventsAreReadWhileTheQueueIsSent) {
     const int queued = 1500;
     const std::string value(3000, 'q');            // together more than the sockets hold
     std::vector<states_file::queued_action> left;  // by other tests
-    states.queued_actions(left);
-    for (const states_file::queued_action& q : left) states.action_done(q.id);
+    states.actions().all(left);
+    for (const states_file::queued_action& q : left) states.actions().done(q.id);
     StartCapture(false, /*actions=*/true, [&] {
         for (int i = 0; i < queued; ++i)
             ASSERT_EQ(mgr_session::answer::queued, Put(std::to_string(i), value).result);

@@ -187,17 +187,17 @@ TEST(Rating, TheStatesFileKeepsTheAuditAlsoInTheOutboxOfAnOlderFile) {
     e.rating_line = "tariffs.csv:3";
     e.billed = 120;
     e.amount = 29;
-    ASSERT_GT(states.outbox_put(e, 1), 0);
+    ASSERT_GT(states.outbox().put(e, 1), 0);
     EXPECT_EQ((sql_rows{{"tariffs.csv:3", "120", "29"}}),
               sqlite_rows(path, "select rating_line, billed, amount from outbox"));
     // A room "number" is a value, whatever it holds; the same key is rated once.
     const std::string room = "1','x');drop table outbox;--";
     for (long long amount : {28, 29})
-        ASSERT_EQ(0, states.rating_put({room, "0001", "2024-05-01", "10:00:00", "0049891234",
+        ASSERT_EQ(0, states.ratings().put({room, "0001", "2024-05-01", "10:00:00", "0049891234",
                                         "tariffs.csv:3", "0049", 120, amount}));
-    ASSERT_EQ(0, states.ratings_prune(1));
+    ASSERT_EQ(0, states.ratings().prune(1));
     std::vector<states_file::rating_record> kept;
-    ASSERT_EQ(0, states.ratings(kept));
+    ASSERT_EQ(0, states.ratings().all(kept));
     ASSERT_EQ(1u, kept.size());
     EXPECT_EQ(room, kept[0].room);
     EXPECT_EQ(29, kept[0].amount);

@@ -116,6 +116,19 @@ TEST_F(SqliteDriver, ResultsAndFieldReaders) {
     EXPECT_EQ(drv_->numrets(), -1);
     EXPECT_EQ(drv_->fetch_row(), -1);
     EXPECT_TRUE(logged("sq_query: Sqlite query error: no such table: nosuch, ext.errcode 1"));
+
+    // With names hidden, the error text shows no piece of the guest's name.
+    logger_hide_names(true);
+    {
+        const hidden_name guest("O'Brien-Smith");
+        EXPECT_EQ(drv_->query("insert into t values ('O'Brien-Smith', 1)"), -1);
+    }
+    logger_hide_names(false);
+    const std::string log = read_file(dir_.file("test.log"));
+    EXPECT_TRUE(
+        logged("sq_query: Sqlite query error: near \"<name>\": syntax error, ext.errcode 1"))
+        << log;
+    EXPECT_EQ(log.find("Brien"), std::string::npos) << log;
 }
 
 TEST_F(SqliteDriver, SynchronousNormalOnlyOnAFileInWalMode) {

@@ -31,7 +31,7 @@ void do_pa(const record_context& ctx, posting_extensions& extensions) {
     // one that is not waiting (answered already, or never sent) changes
     // nothing, so that nothing is marked twice.
     std::optional<states_file::outbox_entry> posting;
-    if (ctx.cfg->uses_outbox()) posting = ctx.states.outbox_waiting(field_text(seq));
+    if (ctx.cfg->uses_outbox()) posting = ctx.states.outbox().waiting(field_text(seq));
     if (!posting && policy.keeps_outbox()) {
         LOG(L_NOTICE, "Answer to posting P#%s of room %s, which waits for none: nothing is marked",
             field_text(seq), field_text(rn));
@@ -43,7 +43,7 @@ void do_pa(const record_context& ctx, posting_extensions& extensions) {
         states_file& states;
         const std::optional<states_file::outbox_entry>& posting;
         ~settle() {
-            if (posting) states.outbox_answered(posting->id);
+            if (posting) states.outbox().answered(posting->id);
         }
     } settled{ctx.states, posting};
     accepted ? metrics::posting_accepted() : metrics::posting_refused();
@@ -67,7 +67,7 @@ void do_pa(const record_context& ctx, posting_extensions& extensions) {
     }
 
     if (ctx.cfg->use_manager) {
-        ctx.states.accept_posting(policy.accepted(), rn, da, ti, seq,
+        ctx.states.calls().accept(policy.accepted(), rn, da, ti, seq,
                                   policy.answer_fill(fill_options_of(*ctx.cfg)));
         return;
     }

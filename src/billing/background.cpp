@@ -90,7 +90,7 @@ bool send_report(pass_env& env, const fias_packet_t* rec, const char* error,
 // With [rating]: the price of a call that carries no cost of its own.
 call_price price_of(const pass_env& env, const call_row& row, const char* dateformat) {
     if (!env.cfg.rating.tariffs || (row.callcost != -1 && !row.cost_empty)) return {};
-    return price_call(env.cfg, row.dst, row.billsec, call_start_date(row.date, dateformat));
+    return price_call(env.cfg, row.dst, row.billsec, call_start_date(row.date.c_str(), dateformat));
 }
 
 // Builds and sends the "PS" record of one call (the text sent in *record).
@@ -106,7 +106,7 @@ bool post_call(pass_env& env, const std::string& room, const call_row& row, cons
     const bool rated = price.outcome == call_price::priced ||
                        (price.outcome == call_price::unrated && env.cfg.rating.unrated_zero);
     set_field(rec.get(), "RN", text_value(room.c_str()));
-    set_field(rec.get(), "DD", text_value(row.dst));
+    set_field(rec.get(), "DD", text_value(row.dst.c_str()));
     *sequence = env.sequence.next();
     set_field(rec.get(), "P#", text_value(sequence->c_str()));
     fias_value_t du;
@@ -115,8 +115,8 @@ bool post_call(pass_env& env, const std::string& room, const call_row& row, cons
     du.time.min = static_cast<uint8_t>((row.billsec % 3600) / 60);
     du.time.sec = static_cast<uint8_t>(row.billsec % 60);
     set_field(rec.get(), "DU", du);
-    set_field(rec.get(), "DA", date_value(row.date, dateformat));
-    set_field(rec.get(), "TI", time_value(row.time, timeformat));
+    set_field(rec.get(), "DA", date_value(row.date.c_str(), dateformat));
+    set_field(rec.get(), "TI", time_value(row.time.c_str(), timeformat));
     // A priced call's amount goes out as its value, whatever [fixes] says.
     fias_codec_options as_value = env.codec;
     as_value.numbers = true;
@@ -171,8 +171,9 @@ bool post_call(pass_env& env, const std::string& room, const call_row& row, cons
         LOG(L_NOTICE, "Call of room %s to %s priced by %s (%s): %lld s billed, TA %u (P#%s)",
             room.c_str(), row.dst, price.line.c_str(), price.prefix.c_str(),
             static_cast<long long>(price.billed), amount, sequence->c_str());
-        env.parts.states.rating_put({room, *sequence, row.date, row.time, row.dst, price.line,
-                                     price.prefix, price.billed, static_cast<long long>(amount)});
+        env.parts.states.ratings().put({room, *sequence, row.date, row.time, row.dst, price.line,
+                                        price.prefix, price.billed,
+                                        static_cast<long long>(amount)});
     }
     return true;
 }
@@ -291,7 +292,7 @@ bool kept_out(const call_filter& filter, const std::string& room, const call_row
     if (row.has_disposition) disposition = row.disposition;
     const char* why = filter.reason({room, row.dst, row.billsec, disposition});
     if (!why) return false;
-    LOG(L_NOTICE, "Call of room %s to %s not posted: %s", room.c_str(), row.dst, why);
+    LOG(L_NOTICE, "Call of room %s to %s not posted: %s", room.c_str(), row.dst.c_str(), why);
     std::string reason = why;  // as a label: "free_number", "unanswered", ...
     std::replace(reason.begin(), reason.end(), ' ', '_');
     metrics::call_filtered(reason.c_str());
@@ -306,7 +307,7 @@ void post_cached(pass_env& env, const config& cfg, const std::vector<std::string
     const call_filter filter(cfg, filter_rooms);
     for (const std::string& room : rooms) {
         std::vector<long> outbox_ids;  // whose cache mark is due
-        const int marked = states.post_unposted(
+        const int marked = states.calls().post_unposted(
             room,
             [&](const call_row& row) -> std::optional<posted_call> {
                 if (kept_out(filter, room, row)) return posted_call{"", "", true};
@@ -322,14 +323,14 @@ void post_cached(pass_env& env, const config& cfg, const std::vector<std::string
             },
             env.fill);
         if (marked == 0)
-            for (long id : outbox_ids) states.outbox_marked(id);
+            for (long id : outbox_ids) states.outbox().marked(id);
     }
 }
 
 void cache_pass(pass_env& env, const config& cfg, const std::vector<std::string>& rooms) {
     LOG(L_DEBUG, "Cache case: check internal cdrcache values");
     post_cached(env, cfg, rooms, rooms);
-    env.parts.states.checkpoint();
+    env.parts.states.calls().checkpoint();
 }
 
 bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>& rooms) {
@@ -348,8 +349,8 @@ bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>
             std::vector<std::string> marks;
             std::vector<long> outbox_ids;  // whose billmark is due
             auto add_mark = [&](const call_row& row, const char* seq) REQUIRES(drv) {
-                marks.push_back(prepare_query2(&drv, billmark.c_str(), extension.c_str(), row.date,
-                                               row.time, seq, env.fill));
+                marks.push_back(prepare_query2(&drv, billmark.c_str(), extension.c_str(),
+                                               row.date.c_str(), row.time.c_str(), seq, env.fill));
                 if (env.fill.quiet)
                     LOG(L_DEBUG, "Sending mark query: %s\n", marks.back().c_str());
                 else
@@ -380,7 +381,7 @@ bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>
                 }
             }
             if (run_marks(drv, marks))
-                for (long id : outbox_ids) env.parts.states.outbox_marked(id);
+                for (long id : outbox_ids) env.parts.states.outbox().marked(id);
         }
     return true;
 }
@@ -424,7 +425,7 @@ bool single_row_pass(pass_env& env, const config& cfg, const std::string& servic
         std::string m = prepare_query2(&drv, mark.c_str(), room.c_str(), done->date.c_str(),
                                        done->time.c_str(), nullptr, env.fill);
         LOG(L_DEBUG, "Sending mark query: %s\n", m.c_str());
-        if (drv.query(m.c_str()) == 0 && env.outbox) env.parts.states.outbox_marked(entry.id);
+        if (drv.query(m.c_str()) == 0 && env.outbox) env.parts.states.outbox().marked(entry.id);
     }
     return true;
 }
@@ -449,25 +450,25 @@ const char* wakeup_answer(int result) {
 std::optional<reported> wakeup_pass(pass_env& pass, dbdriver_t& drv, const std::string& room,
                                     states_file::outbox_entry& entry) REQUIRES(drv) {
     int result = 0;
-    char date[32] = "";
-    char time[32] = "";
+    std::string date;
+    std::string time;
     if (drv.fetch_int_field(0, &result) < 0) {
         LOG(L_ERROR, "No mandatory billsec field in cdr query");
         return std::nullopt;
     }
-    if (drv.fetch_char_field(1, date, sizeof date - 1) < 0) {
+    if (drv.fetch_text_field(1, date) < 0) {
         LOG(L_ERROR, "No mandatory date field in cdr query");
         return std::nullopt;
     }
-    if (drv.fetch_char_field(2, time, sizeof time - 1) < 0) {
+    if (drv.fetch_text_field(2, time) < 0) {
         LOG(L_ERROR, "No mandatory time field in cdr query");
         return std::nullopt;
     }
     fias_packet_ptr rec = fias_create_packet(FIAS_WA);
     if (!rec) return reported{};
     set_field(rec.get(), "RN", text_value(room.c_str()));
-    set_field(rec.get(), "DA", date_value(date, drv.dateformat));
-    set_field(rec.get(), "TI", time_value(time, drv.timeformat));
+    set_field(rec.get(), "DA", date_value(date.c_str(), drv.dateformat));
+    set_field(rec.get(), "TI", time_value(time.c_str(), drv.timeformat));
     set_field(rec.get(), "AS", text_value(wakeup_answer(result)));
     entry.kind = "WA";
     entry.date = date;
@@ -509,14 +510,14 @@ const opt_text& mark_service(const config& cfg, const std::string& key) {
 
 void run_due_marks(const config& cfg, states_file& states) {
     std::vector<states_file::outbox_entry> due;
-    if (states.outbox_marks_due(due) != 0) return;
+    if (states.outbox().marks_due(due) != 0) return;
     const fill_options fill = fill_options_of(cfg);
     for (const states_file::outbox_entry& e : due) {
         LOG(L_NOTICE, "The mark of the %s record of room %s is still due: it runs now",
             e.kind.c_str(), e.room.c_str());
         if (e.mark == "cache") {
-            if (states.mark_cached(e.room, {{e.date, e.time, e.record}}) == 0)
-                states.outbox_marked(e.id);
+            if (states.calls().mark(e.room, {{e.date, e.time, e.record}}) == 0)
+                states.outbox().marked(e.id);
             continue;
         }
         const opt_text& service = mark_service(cfg, e.mark_key);
@@ -529,7 +530,7 @@ void run_due_marks(const config& cfg, states_file& states) {
                 "The mark of the %s record of room %s cannot run (services:%s, database "
                 "\"%s\"): it is dropped",
                 e.kind.c_str(), e.room.c_str(), e.mark_key.c_str(), e.mark.c_str());
-            states.outbox_marked(e.id);
+            states.outbox().marked(e.id);
             continue;
         }
         const std::string& who = e.extension.empty() ? e.room : e.extension;
@@ -539,7 +540,7 @@ void run_due_marks(const config& cfg, states_file& states) {
             prepare_query2(drv.get(), s.statement.c_str(), who.c_str(), e.date.c_str(),
                            e.time.c_str(), e.kind == "PS" ? e.seq.c_str() : nullptr, fill);
         LOG(L_DEBUG, "Sending mark query: %s\n", m.c_str());
-        if (drv->query(m.c_str()) == 0) states.outbox_marked(e.id);
+        if (drv->query(m.c_str()) == 0) states.outbox().marked(e.id);
     }
 }
 
@@ -556,7 +557,7 @@ bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms,
                  cfg};
     pms_link& link = parts.link;
     if (cfg.uses_outbox()) run_due_marks(cfg, parts.states);
-    if (cfg.rating.tariffs) parts.states.ratings_prune(cfg.rating.keep_days);
+    if (cfg.rating.tariffs) parts.states.ratings().prune(cfg.rating.keep_days);
     if (!link.active() || parts.audit.holds_postings()) return true;
     if (cfg.uses_outbox()) send_outbox({link, parts.states, parts.audit});
     bool posted = false;
@@ -598,9 +599,9 @@ void post_cached_now(const config& cfg, const std::vector<std::string>& rooms,
 
 void service_background(const config_loader& configs, const billing_parts& parts, stop_flag& stop) {
     states_file& states = parts.states;
-    unsigned version = states.rooms_version();
+    unsigned version = states.rooms().version();
     std::vector<std::string> rooms;
-    states.room_list(rooms);
+    states.rooms().list(rooms);
     posting_sequence own;
     posting_sequence& sequence = parts.sequence ? *parts.sequence : own;
     billing_memory memory;
@@ -616,10 +617,10 @@ void service_background(const config_loader& configs, const billing_parts& parts
         config_ptr cfg = configs.current();
         // With [fixes] reload the cycle bills the rooms of the table as it
         // is now (a reload or a check-in changes it).
-        if (cfg->fixes.reload && version != states.rooms_version()) {
-            version = states.rooms_version();
+        if (cfg->fixes.reload && version != states.rooms().version()) {
+            version = states.rooms().version();
             std::vector<std::string> now;
-            if (states.room_list(now) == 0) rooms = std::move(now);
+            if (states.rooms().list(now) == 0) rooms = std::move(now);
         }
         if (!cfg->night_audit) parts.audit.close("pms:night_audit is off");
         if (!billing_cycle(*cfg, rooms, parts, sequence, &memory)) return;

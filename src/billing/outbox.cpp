@@ -21,7 +21,7 @@ bool may_go_out(const outbox_parts& parts) {
 
 long deliver(const outbox_parts& parts, states_file::outbox_entry& entry, const char* error) {
     const unsigned number = parts.link.link_number();
-    entry.id = parts.states.outbox_put(entry, number);
+    entry.id = parts.states.outbox().put(entry, number);
     if (entry.id < 0) {
         LOG(L_ERROR, "The %s record of room %s could not be written to the states file: not sent",
             entry.kind.c_str(), entry.room.c_str());
@@ -38,14 +38,14 @@ void send_stored(const outbox_parts& parts, const states_file::outbox_entry& ent
     if (parts.link.send_raw(entry.record.c_str()) < 0)
         log_failed_write(entry, error);
     else
-        parts.states.outbox_written(entry.id, number);
+        parts.states.outbox().written(entry.id, number);
 }
 
 void send_outbox(const outbox_parts& parts) {
     if (!may_go_out(parts)) return;
     const unsigned number = parts.link.link_number();
     std::vector<states_file::outbox_entry> due;
-    parts.states.outbox_to_send(number, due);
+    parts.states.outbox().to_send(number, due);
     for (const states_file::outbox_entry& e : due) {
         if (e.kind == "PS" && e.sends > 0) metrics::posting_resent();
         if (e.kind == "PS" && e.sends > 0)
@@ -56,6 +56,6 @@ void send_outbox(const outbox_parts& parts) {
             log_failed_write(e, nullptr);
             return;
         }
-        parts.states.outbox_written(e.id, number);
+        parts.states.outbox().written(e.id, number);
     }
 }

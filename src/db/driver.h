@@ -43,6 +43,9 @@ class db_handle {
     virtual int fetch_int_field(int num, int* val) = 0;
     virtual int fetch_char_field(int num, char* val, int len) = 0;
     virtual int fetch_float_field(int num, float* val) = 0;
+    // The whole text of field `num` (no length bound); the codes of
+    // fetch_char_field.
+    virtual int fetch_text_field(int num, std::string& out) = 0;
     virtual int numrets() = 0;
     virtual void free_result() = 0;
     virtual void close() = 0;
@@ -92,6 +95,9 @@ struct CAPABILITY("database record") dbdriver_t {
     }
     int fetch_float_field(int num, float* val) REQUIRES(this) {
         return dbhandle->fetch_float_field(num, val);
+    }
+    int fetch_text_field(int num, std::string& out) REQUIRES(this) {
+        return dbhandle->fetch_text_field(num, out);
     }
     int numrets() REQUIRES(this) { return dbhandle->numrets(); }
     void free_result() REQUIRES(this) { dbhandle->free_result(); }

@@ -67,6 +67,13 @@ class mysql_handler_t final : public db_handle {
         return my_fetch_char_field(num, val, len);
     }
     int fetch_float_field(int num, float* val) override { return my_fetch_float_field(num, val); }
+    int fetch_text_field(int num, std::string& out) override {
+        const char* text;
+        if (int rc = field_text(num, &text)) return rc;
+        const unsigned long* lengths = res_ ? mysql_fetch_lengths(res_.get()) : nullptr;
+        out.assign(text, lengths && row_[num] ? lengths[num] : strlen(text));
+        return 0;
+    }
     int numrets() override { return my_numrets(); }
     void free_result() override { my_free_result(); }
     void close() override { my_close(); }
@@ -139,7 +146,7 @@ class mysql_handler_t final : public db_handle {
             if (timed_out(start, limit))
                 LOG(L_ERROR, "MySQL section [%s] at %s: statement timed out after %d s",
                     section_.c_str(), server_.c_str(), limit);
-            LOG(L_ERROR, "Query error: %s", mysql_error(mysql_.get()));
+            LOG(L_ERROR, "Query error: %s", masked_name_pieces(mysql_error(mysql_.get())).c_str());
             return -1;
         }
         return 0;

@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 #include <strings.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <list>
@@ -72,19 +73,9 @@ class sqlite_handler_t final : public db_handle {
         return 0;
     }
 
-    // The first column of `sql`'s first row as a number, quietly.
-    int count(const char* sql) {
-        if (!sqlite_) return -1;
-        sqlite3_stmt* st = nullptr;
-        if (sqlite3_prepare_v2(sqlite_.get(), sql, -1, &st, nullptr) != SQLITE_OK) return -1;
-        const int n = sqlite3_step(st) == SQLITE_ROW ? sqlite3_column_int(st, 0) : -1;
-        sqlite3_finalize(st);
-        return n;
-    }
-
     // query() of `sql` with its "?" bound to `params`, as a statement
     // prepared once per connection and kept until the connection closes.
-    int query_bound(const char* sql, std::initializer_list<std::string_view> params) {
+    int query_bound(const char* sql, std::initializer_list<sqlite_value> params) {
         free_result();
         if (!sqlite_) return query(sql);  // fails and logs as query() does
         sqlite3_stmt* st = prepared(sql);
@@ -93,8 +84,13 @@ class sqlite_handler_t final : public db_handle {
             return -1;
         }
         int i = 0;
-        for (std::string_view p : params)
-            sqlite3_bind_text(st, ++i, p.data(), static_cast<int>(p.size()), SQLITE_STATIC);
+        for (const sqlite_value& p : params) {
+            if (p.is_number)
+                sqlite3_bind_int64(st, ++i, p.number);
+            else
+                sqlite3_bind_text64(st, ++i, p.text.data(), p.text.size(), SQLITE_STATIC,
+                                    SQLITE_UTF8);
+        }
         int rc;
         while ((rc = sqlite3_step(st)) == SQLITE_ROW) {
             const int n = sqlite3_column_count(st);
@@ -104,13 +100,40 @@ class sqlite_handler_t final : public db_handle {
             row.vals.reserve(static_cast<size_t>(n));
             for (int c = 0; c < n; ++c) {
                 const auto* v = reinterpret_cast<const char*>(sqlite3_column_text(st, c));
-                row.vals.emplace_back(v ? v : "");
+                row.vals.emplace_back(v ? v : "", static_cast<size_t>(sqlite3_column_bytes(st, c)));
             }
         }
         if (rc != SQLITE_DONE) query_error(sqlite3_errmsg(sqlite_.get()));
         sqlite3_reset(st);
         sqlite3_clear_bindings(st);
         return rc == SQLITE_DONE ? 0 : -1;
+    }
+
+    // The first column of the first row of `sql` with `params` bound, as a
+    // number, quietly (kept as query_bound() keeps its statements).
+    long long count_bound(const char* sql, std::initializer_list<sqlite_value> params) {
+        if (!sqlite_) return -1;
+        sqlite3_stmt* st = prepared(sql);
+        if (!st) return -1;
+        int i = 0;
+        for (const sqlite_value& p : params) {
+            if (p.is_number)
+                sqlite3_bind_int64(st, ++i, p.number);
+            else
+                sqlite3_bind_text64(st, ++i, p.text.data(), p.text.size(), SQLITE_STATIC,
+                                    SQLITE_UTF8);
+        }
+        const long long n = sqlite3_step(st) == SQLITE_ROW ? sqlite3_column_int64(st, 0) : -1;
+        sqlite3_reset(st);
+        sqlite3_clear_bindings(st);
+        return n;
+    }
+
+    // Whether the file holds the table `name`, quietly; false when it cannot
+    // be read.
+    bool has_table(std::string_view name) {
+        return count_bound("select count(*) from sqlite_master where type='table' and name=?",
+                           {name}) > 0;
     }
 
     // A transaction on an open connection that has none: 0, else -1 (nothing
@@ -120,6 +143,8 @@ class sqlite_handler_t final : public db_handle {
         return sqlite3_exec(sqlite_.get(), "BEGIN", nullptr, nullptr, nullptr) == SQLITE_OK ? 0
                                                                                             : -1;
     }
+
+    bool in_transaction() { return sqlite_ && !sqlite3_get_autocommit(sqlite_.get()); }
 
     // Commits the open transaction; one that cannot be committed is rolled
     // back and logged.
@@ -174,6 +199,13 @@ class sqlite_handler_t final : public db_handle {
         if (len <= 0) return 0;
         memset(val, 0, len);
         memcpy(val, v->data(), std::min(v->size(), static_cast<size_t>(len)));
+        return 0;
+    }
+
+    int fetch_text_field(int num, std::string& out) override {
+        const std::string* v;
+        if (int rc = field(num, &v)) return rc;
+        out = *v;
         return 0;
     }
 
@@ -241,26 +273,32 @@ class sqlite_handler_t final : public db_handle {
 
     void query_error(const char* text) {
         write_log(L_ERROR, __FILE_NAME__, __LINE__, "sq_query",
-                  "Sqlite query error: %s, ext.errcode %d", text,
+                  "Sqlite query error: %s, ext.errcode %d", masked_name_pieces(text).c_str(),
                   sqlite3_extended_errcode(sqlite_.get()));
     }
 
     // The kept statement of `sql`, prepared now when it is new; null when it
     // cannot be prepared.
+    // Statements are found by their text's address first (a statement of
+    // this program is one constant), then by the text.
     sqlite3_stmt* prepared(const char* sql) {
-        for (auto& [text, st] : statements_)
-            if (text == sql) return st;
+        for (const kept_statement& k : statements_)
+            if (k.address == sql) return k.statement;
+        for (const kept_statement& k : statements_)
+            if (k.text == sql) return k.statement;
         sqlite3_stmt* st = nullptr;
         if (sqlite3_prepare_v3(sqlite_.get(), sql, -1, SQLITE_PREPARE_PERSISTENT, &st, nullptr) !=
-            SQLITE_OK)
+            SQLITE_OK) {
+            sqlite3_finalize(st);
             return nullptr;
-        statements_.emplace_back(sql, st);
+        }
+        statements_.push_back({sql, sql, st});
         return st;
     }
 
     // Statements must go before their connection, or it could not close.
     void finalize_all() {
-        for (auto& [text, st] : statements_) sqlite3_finalize(st);
+        for (const kept_statement& k : statements_) sqlite3_finalize(k.statement);
         statements_.clear();
     }
 
@@ -272,7 +310,12 @@ class sqlite_handler_t final : public db_handle {
     }
 
     std::unique_ptr<sqlite3, sqlite_closer> sqlite_;
-    std::vector<std::pair<std::string, sqlite3_stmt*>> statements_;
+    struct kept_statement {
+        const char* address;  // of the text it was prepared from
+        std::string text;
+        sqlite3_stmt* statement;
+    };
+    std::vector<kept_statement> statements_;
     std::unique_ptr<std::list<row_t>> rows_;
     std::list<row_t>::iterator next_;
     bool walking_ = false;
@@ -292,6 +335,11 @@ int sqlite_begin(dbdriver_t& drv) {
     return h ? h->begin() : -1;
 }
 
+bool sqlite_in_transaction(dbdriver_t& drv) {
+    auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
+    return h && h->in_transaction();
+}
+
 int sqlite_commit(dbdriver_t& drv) {
     auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
     return h ? h->commit() : -1;
@@ -302,14 +350,27 @@ void sqlite_checkpoint(dbdriver_t& drv) {
 }
 
 int sqlite_query_bound(dbdriver_t& drv, const char* sql,
-                       std::initializer_list<std::string_view> params) {
+                       std::initializer_list<sqlite_value> params) {
     auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
-    return h ? h->query_bound(sql, params) : -1;
+    if (!h) return -1;
+    if (!drv.stats) drv.stats = metrics::statements_of(drv.name);
+    const auto started = std::chrono::steady_clock::now();
+    const int rc = h->query_bound(sql, params);
+    metrics::statement(
+        drv.stats, rc == 0,
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
+    return rc;
 }
 
-int sqlite_count(dbdriver_t& drv, const char* sql) {
+long long sqlite_count_bound(dbdriver_t& drv, const char* sql,
+                             std::initializer_list<sqlite_value> params) {
     auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
-    return h ? h->count(sql) : -1;
+    return h ? h->count_bound(sql, params) : -1;
+}
+
+bool sqlite_has_table(dbdriver_t& drv, std::string_view name) {
+    auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
+    return h && h->has_table(name);
 }
 
 void sqlite_set_sync_normal(dbdriver_t& drv, bool normal) {

@@ -22,18 +22,42 @@ dbdriver_ptr sqlite_create_drv(const char* name);
 // Gives `drv` a fresh SQLite handle and the name `name`.
 void sqlite_init_record(dbdriver_t& drv, const char* name);
 
-// The first column of the first row of `sql` as a number, on the open
-// connection of an SQLite record, with nothing logged; -1 when the
-// connection is closed or the statement fails.
-int sqlite_count(dbdriver_t& drv, const char* sql) REQUIRES(drv);
+// A value bound to a "?" of a statement: a text (as it is, any bytes, any
+// length) or a number. Made implicitly from either, so that a list of values
+// reads as the statement's values.
+struct sqlite_value {
+    std::string_view text;
+    long long number = 0;
+    bool is_number = false;
 
-// Like drv.query(sql), with each "?" of `sql` bound to the next text of
+    sqlite_value(std::string_view t) : text(t) {}
+    sqlite_value(const std::string& t) : text(t) {}
+    sqlite_value(const char* t) : text(t ? t : "") {}
+    sqlite_value(long long n) : number(n), is_number(true) {}
+    sqlite_value(long n) : number(n), is_number(true) {}
+    sqlite_value(int n) : number(n), is_number(true) {}
+    sqlite_value(unsigned n) : number(n), is_number(true) {}
+};
+
+// Like drv.query(sql), with each "?" of `sql` bound to the next value of
 // `params`; the statement is prepared once per connection and kept until the
 // connection closes, so that a statement run per room or per call is not
-// parsed every time. Rows are read with the fetch operations as after query();
-// errors are logged as query() logs them. -1 when `drv` is no SQLite record.
-int sqlite_query_bound(dbdriver_t& drv, const char* sql,
-                       std::initializer_list<std::string_view> params) REQUIRES(drv);
+// parsed every time. The values stay values: they are never part of the
+// statement's text. Rows are read with the fetch operations as after query()
+// (fetch_text_field() gives a whole text); errors are logged as query() logs
+// them. -1 when `drv` is no SQLite record.
+int sqlite_query_bound(dbdriver_t& drv, const char* sql, std::initializer_list<sqlite_value> params)
+    REQUIRES(drv);
+
+// The first column of the first row of `sql` with `params` bound, as a
+// number, nothing logged; -1 when the connection is closed or the statement
+// fails.
+long long sqlite_count_bound(dbdriver_t& drv, const char* sql,
+                             std::initializer_list<sqlite_value> params) REQUIRES(drv);
+
+// Whether the open connection's file holds the table `name`; asked without a
+// statement that could fail (false, nothing logged, when it cannot be read).
+bool sqlite_has_table(dbdriver_t& drv, std::string_view name) REQUIRES(drv);
 
 // A transaction on the open connection of an SQLite record, under its lock,
 // so that a group of statements costs one commit: sqlite_begin() opens one
@@ -41,6 +65,8 @@ int sqlite_query_bound(dbdriver_t& drv, const char* sql,
 // already), sqlite_commit() commits what is open (a failed commit is rolled
 // back and logged as a failed statement: -1).
 int sqlite_begin(dbdriver_t& drv) REQUIRES(drv);
+// Whether a transaction is open on the connection.
+bool sqlite_in_transaction(dbdriver_t& drv) REQUIRES(drv);
 int sqlite_commit(dbdriver_t& drv) REQUIRES(drv);
 
 // With `normal`, the connections `drv` makes from now on commit with SQLite's

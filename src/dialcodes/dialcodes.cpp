@@ -376,7 +376,7 @@ void attach_dialcodes(mgr_session& session, config_ptr cfg, const outbox_parts& 
     auto handle = [cfg, parts, &sequence, wakeups](const message& m) {
         if (kind_of(*cfg, m) == dialcode_event::none) return;  // another program's event
         std::vector<std::string> rooms;
-        if (parts.states.room_list(rooms) != 0)
+        if (parts.states.rooms().list(rooms) != 0)
             LOG(L_ERROR, "The rooms of the states file cannot be read");
         const dialcode_event e = read_dialcode_event(*cfg, rooms, m);
         if (e.kind == dialcode_event::none) {

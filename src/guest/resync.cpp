@@ -13,7 +13,7 @@ void check_out(const record_context& ctx, const occupant& o) {
     const fias_field_t rn = text_field("RN", o.room);
     const fias_field_t name = text_field("GN", o.name);
     const fias_field_t lang = text_field("GL", o.lang);
-    ctx.states.remove_guest(o.room);
+    ctx.states.occupancy().remove(o.room);
     run_service(ctx.escaping(), "checkout", ctx.cfg->checkout,
                 {.rn = &rn, .name = &name, .lang = &lang});
     if (logger_hides_names()) ctx.states.forget_guest(o.room, {o.name});
@@ -57,7 +57,7 @@ bool resync::confirms(const record_context& ctx) {
         announced_.insert(room);
         last_record_ = clock_type::now();
     }
-    std::optional<occupant> o = ctx.states.find_guest(room);
+    std::optional<occupant> o = ctx.states.occupancy().find(room);
     const bool same = o && o->name == field_text(fias_get_field(&ctx.record, "GN"));
     {
         mutex_lock guard(mutex_);
@@ -94,7 +94,7 @@ void resync::end(const record_context& ctx, const room_runner& run) {
         checked_in = checked_in_;
     }
     std::vector<occupant> occupied;
-    if (ctx.states.guests(occupied) != 0) {
+    if (ctx.states.occupancy().all(occupied) != 0) {
         CTX_LOG(ctx, L_ERROR, "Database resync: occupancy unreadable, nothing is checked out");
         return;
     }

@@ -49,13 +49,13 @@ void do_checkin(const record_context& ctx) {
     // open, never opened again: later statements on it fail for the rest of
     // the process.
     states_file& states = ctx.states;
-    if (states.store_room(field_text(rn), !ctx.cfg->fixes.states_file,
-                          fill_options_of(*ctx.cfg).dates) != 0) {
+    if (states.rooms().store(field_text(rn), !ctx.cfg->fixes.states_file,
+                             fill_options_of(*ctx.cfg).dates) != 0) {
         LOG(L_ERROR, "Unable to open states file %s", states.path().c_str());
         return;
     }
     if (keeps_occupancy(*ctx.cfg))
-        states.put_guest({field_text(rn), field_text(g.name), field_text(g.lang), ""});
+        states.occupancy().put({field_text(rn), field_text(g.name), field_text(g.lang), ""});
     run_service(ctx, "checkin", ctx.cfg->checkin,
                 {.rn = rn, .name = g.name, .lang = g.lang, .shared = g.shared});
 }
@@ -66,7 +66,7 @@ void do_checkout(const record_context& ctx) {
     if (!rn) return;
     guest_fields g = log_guest(ctx);
 
-    if (ctx.states.remove_room(field_text(rn)) != 0) {
+    if (ctx.states.rooms().remove(field_text(rn)) != 0) {
         LOG(L_ERROR, "Unable to open states file %s", ctx.states.path().c_str());
         return;
     }
@@ -74,8 +74,8 @@ void do_checkout(const record_context& ctx) {
     // from what the check-out itself queued.
     const bool forget = logger_hides_names();
     const std::optional<occupant> stayed =
-        forget ? ctx.states.find_guest(field_text(rn)) : std::nullopt;
-    if (keeps_occupancy(*ctx.cfg)) ctx.states.remove_guest(field_text(rn));
+        forget ? ctx.states.occupancy().find(field_text(rn)) : std::nullopt;
+    if (keeps_occupancy(*ctx.cfg)) ctx.states.occupancy().remove(field_text(rn));
     run_service(ctx, "checkout", ctx.cfg->checkout,
                 {.rn = rn, .name = g.name, .lang = g.lang, .shared = g.shared});
     if (forget)
@@ -97,17 +97,17 @@ void do_guest_change(const record_context& ctx) {
     // arrival; the old room stays billed, so that its calls are still posted
     // under its number.
     const std::string room = field_text(rn);
-    std::optional<occupant> before = ctx.states.find_guest(move ? field_text(ro) : room);
+    std::optional<occupant> before = ctx.states.occupancy().find(move ? field_text(ro) : room);
     auto kept = [&](const fias_field_t* f, std::string occupant::*part) {
         return f ? std::string(field_text(f)) : before ? *before.*part : std::string();
     };
     occupant now{room, kept(g.name, &occupant::name), kept(g.lang, &occupant::lang),
                  before ? before->since : ""};
     const hidden_name kept_name(now.name);
-    ctx.states.put_guest(now);
+    ctx.states.occupancy().put(now);
     if (move) {
-        ctx.states.remove_guest(field_text(ro));
-        ctx.states.store_room(room, false, fill_options_of(*ctx.cfg).dates);
+        ctx.states.occupancy().remove(field_text(ro));
+        ctx.states.rooms().store(room, false, fill_options_of(*ctx.cfg).dates);
     }
     const fias_field_t name = text_field("GN", now.name);
     const fias_field_t lang = text_field("GL", now.lang);

@@ -143,7 +143,7 @@ class insert_batch {
   private:
     void write() {
         if (pending_.empty()) return;
-        states_.cache_calls(pending_);
+        states_.calls().cache(pending_);
         pending_.clear();
     }
 
@@ -155,7 +155,8 @@ class insert_batch {
 }  // namespace
 
 void mgr_cache_cdr(const message& m, const cdr_rooms& rooms, states_file& states, bool escape) {
-    if (std::optional<cached_call> call = room_call(m, rooms, escape)) states.cache_calls({*call});
+    if (std::optional<cached_call> call = room_call(m, rooms, escape))
+        states.calls().cache({*call});
 }
 
 namespace {
@@ -186,9 +187,9 @@ void attach_cdr_capture(mgr_session& session, config_ptr cfg, states_file& state
                         cdr_stored_hook stored) {
     auto c = std::make_shared<capture_state>(std::move(cfg), states, std::move(stored));
     session.before_start([c](std::string& why) {
-        c->version = c->states.rooms_version();
+        c->version = c->states.rooms().version();
         std::vector<std::string> list;
-        if (c->states.room_list(list, true) == -1) {
+        if (c->states.rooms().list(list, true) == -1) {
             LOG(L_ERROR, "Unable to open states file %s", c->states.path().c_str());
             why = "call capture stopped: the states file cannot be read";
             return false;
@@ -202,10 +203,10 @@ void attach_cdr_capture(mgr_session& session, config_ptr cfg, states_file& state
     session.subscribe("Cdr", [c](const message& m) {
         // With [fixes] reload a call is matched against the rooms of the
         // table as it is now.
-        if (c->cfg->fixes.reload && c->version != c->states.rooms_version()) {
-            c->version = c->states.rooms_version();
+        if (c->cfg->fixes.reload && c->version != c->states.rooms().version()) {
+            c->version = c->states.rooms().version();
             std::vector<std::string> now;
-            if (c->states.room_list(now) == 0)
+            if (c->states.rooms().list(now) == 0)
                 c->rooms = cdr_rooms(std::move(now), extension_rooms(*c->cfg));
         }
         std::string room;

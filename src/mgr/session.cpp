@@ -126,7 +126,7 @@ bool mgr_session::stop(std::chrono::steady_clock::time_point deadline) {
 }
 
 void mgr_session::note_sent(long id, const std::string& name) {
-    states_.action_sent(id);
+    states_.actions().sent(id);
     names_[id] = name;
     if (names_.size() > static_cast<size_t>(states_file::max_queued_actions))
         names_.erase(names_.begin());
@@ -143,7 +143,7 @@ mgr_session::answer mgr_session::action(const std::string& room, const std::stri
         // Queued and written under one lock, so that the queue sent after a
         // login meanwhile holds it exactly once and in order.
         mutex_lock writing(write_mutex_);
-        id = states_.queue_action(room, name, body);
+        id = states_.actions().queue(room, name, body);
         if (id < 0) {
             a.result = answer::error;
             a.message = "the states file cannot be written";
@@ -209,7 +209,7 @@ bool mgr_session::deliver(const message& m, const mgr_message_kind& k) {
     a.result = strcasecmp(response, "Success") == 0 ? answer::success : answer::error;
     a.message = mgr_get_header(m, "Message");
     mutex_lock guard(mutex_);
-    states_.action_done(id);
+    states_.actions().done(id);
     const auto named = names_.find(id);
     if (named != names_.end()) {
         metrics::manager_action(named->second, a.result == answer::success ? "success" : "error");
@@ -261,13 +261,13 @@ void mgr_session::replay() {
             fd_ = fd;
             up_ = true;
             addr = addr_;
-            states_.queued_actions(queue);
+            states_.actions().all(queue);
             auto q = queue.begin();
             while (q != queue.end()) {
                 if (q->sent >= 2) {
                     LOG(L_ERROR, "%s: Manager action %s for room %s was never answered: given up",
                         addr.c_str(), q->name.c_str(), q->room.c_str());
-                    states_.action_done(q->id);
+                    states_.actions().done(q->id);
                     unattended_.erase(q->id);
                     q = queue.erase(q);
                     continue;
@@ -277,7 +277,7 @@ void mgr_session::replay() {
                     // run into the next action.
                     LOG(L_ERROR, "%s: Manager action %s for room %s is not whole: given up",
                         addr.c_str(), q->name.c_str(), q->room.c_str());
-                    states_.action_done(q->id);
+                    states_.actions().done(q->id);
                     unattended_.erase(q->id);
                     q = queue.erase(q);
                     continue;

@@ -61,7 +61,7 @@ std::string notifier::compose_status() {
         link_since_ = time(nullptr);
         link_seen_ = true;
     }
-    const int calls = manager_.load() ? states_->calls_waiting() : -1;
+    const int calls = manager_.load() ? states_->calls().waiting() : -1;
     std::string text;
     mutex_lock guard(mutex_);
     if (state == pms_link::state::active)

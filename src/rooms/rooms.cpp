@@ -40,7 +40,7 @@ using ldap_values_ptr = std::unique_ptr<berval*, ldap_values_deleter>;
 
 // Writes one room; false when the states file cannot be opened (logged).
 bool store_room(const std::string& room, states_file& states, bool true_stamps) {
-    if (states.store_room(room, false, true_stamps) == 0) return true;
+    if (states.rooms().store(room, false, true_stamps) == 0) return true;
     LOG(L_ERROR, "Unable to open states file %s", states.path().c_str());
     return false;
 }

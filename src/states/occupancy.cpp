@@ -1,9 +1,8 @@
-// The occupancy table of the states file, on the connection that no
-// operation closes.
+#include "states/occupancy.h"
+
 #include <ctime>
 
-#include "states/literal.h"
-#include "states/states.h"
+#include "db/sqlite.h"
 
 namespace {
 
@@ -12,7 +11,7 @@ const char* const create_statement =
     "datetime, primary key(room))";
 
 std::string now_text() {
-    time_t now = time(nullptr);
+    const time_t now = time(nullptr);
     struct tm tmv {};
     localtime_r(&now, &tmv);
     char buf[32] = "";
@@ -22,57 +21,55 @@ std::string now_text() {
 
 }  // namespace
 
-// Opens the file (once) and makes sure the table is there.
-bool states_file::open_occupancy() {
-    if (!connect_own()) return false;
-    if (!occupancy_checked_) occupancy_checked_ = occupancy_.query(create_statement) == 0;
-    return occupancy_checked_;
+bool occupancy_store::open() {
+    if (!own_.connect()) return false;
+    return own_.make_tables(checked_, {create_statement});
 }
 
-// The rows of `statement` (room, name, lang, since).
-int states_file::read_guests(const std::string& statement, std::vector<occupant>& out) {
-    db_lock guard(occupancy_);
-    if (!open_occupancy() || occupancy_.query(statement.c_str()) != 0) {
-        occupancy_.free_result();
+// The rows of `statement` (room, name, lang, since), `room` bound when given.
+int occupancy_store::read(const char* statement, const std::string* room,
+                          std::vector<occupant>& out) {
+    db_lock guard(own_.drv);
+    const int rc = !open() ? -1
+                   : room  ? sqlite_query_bound(own_.drv, statement, {*room})
+                           : sqlite_query_bound(own_.drv, statement, {});
+    if (rc != 0) {
+        own_.drv.free_result();
         return -1;
     }
-    while (occupancy_.fetch_row() == 0) {
+    while (own_.drv.fetch_row() == 0) {
         occupant o;
         std::string* columns[] = {&o.room, &o.name, &o.lang, &o.since};
-        for (int i = 0; i < 4; i++) {
-            char text[256] = "";
-            occupancy_.fetch_char_field(i, text, sizeof text - 1);
-            *columns[i] = text;
-        }
+        for (int i = 0; i < 4; i++) own_.drv.fetch_text_field(i, *columns[i]);
         out.push_back(std::move(o));
     }
-    occupancy_.free_result();
+    own_.drv.free_result();
     return 0;
 }
 
-int states_file::run_occupancy(const std::string& statement) {
-    db_lock guard(occupancy_);
-    if (!open_occupancy()) return -1;
-    return occupancy_.query(statement.c_str()) == 0 ? 0 : -1;
-}
-
-std::optional<occupant> states_file::find_guest(const std::string& room) {
+std::optional<occupant> occupancy_store::find(const std::string& room) {
     std::vector<occupant> rows;
-    read_guests("select room, name, lang, since from occupancy where room=" + quoted(room), rows);
+    read("select room, name, lang, since from occupancy where room=?", &room, rows);
     if (rows.empty()) return std::nullopt;
     return rows.front();
 }
 
-int states_file::guests(std::vector<occupant>& out) {
-    return read_guests("select room, name, lang, since from occupancy order by room", out);
+int occupancy_store::all(std::vector<occupant>& out) {
+    return read("select room, name, lang, since from occupancy order by room", nullptr, out);
 }
 
-int states_file::put_guest(occupant o) {
+int occupancy_store::put(occupant o) {
     if (o.since.empty()) o.since = now_text();
-    return run_occupancy("replace into occupancy values (" + quoted(o.room) + "," + quoted(o.name) +
-                         "," + quoted(o.lang) + "," + quoted(o.since) + ")");
+    db_lock guard(own_.drv);
+    if (!open()) return -1;
+    return sqlite_query_bound(own_.drv, "replace into occupancy values (?,?,?,?)",
+                              {o.room, o.name, o.lang, o.since}) == 0
+               ? 0
+               : -1;
 }
 
-int states_file::remove_guest(const std::string& room) {
-    return run_occupancy("delete from occupancy where room=" + quoted(room));
+int occupancy_store::remove(const std::string& room) {
+    db_lock guard(own_.drv);
+    if (!open()) return -1;
+    return sqlite_query_bound(own_.drv, "delete from occupancy where room=?", {room}) == 0 ? 0 : -1;
 }

@@ -1,11 +1,9 @@
-// The ratings of the states file: how each priced call was priced, kept for
-// rating:keep_days on the connection that no operation closes. Every value
-// reaches its statement as a bound parameter.
+#include "states/ratings.h"
+
+#include <cstdlib>
 #include <ctime>
-#include <string>
 
 #include "db/sqlite.h"
-#include "states/states.h"
 
 namespace {
 
@@ -14,68 +12,55 @@ const char* const create_ratings =
     "null, time text not null, number text, line text, prefix text, billed integer, amount "
     "integer, stored integer, primary key (room, seq, date, time))";
 const char* const index_ratings = "create index if not exists ratings_stored on ratings (stored)";
-const char* const put_rating =
-    "replace into ratings (room, seq, date, time, number, line, prefix, billed, amount, stored) "
-    "values (?, ?, ?, ?, ?, ?, ?, cast(? as integer), cast(? as integer), cast(? as integer))";
-const char* const prune_ratings = "delete from ratings where stored < cast(? as integer)";
-const char* const all_ratings =
-    "select room, seq, date, time, number, line, prefix, billed, amount from ratings order by "
-    "stored, rowid";
 
 }  // namespace
 
-bool states_file::open_ratings() {
-    if (!connect_own()) return false;
-    if (!ratings_checked_)
-        ratings_checked_ =
-            occupancy_.query(create_ratings) == 0 && occupancy_.query(index_ratings) == 0;
-    return ratings_checked_;
+bool rating_store::open() {
+    return own_.connect() && own_.make_tables(checked_, {create_ratings, index_ratings});
 }
 
-int states_file::rating_put(const rating_record& r) {
-    db_lock guard(occupancy_);
-    if (!open_ratings()) return -1;
-    const std::string billed = std::to_string(r.billed);
-    const std::string amount = std::to_string(r.amount);
-    const std::string stored = std::to_string(static_cast<long long>(time(nullptr)));
+int rating_store::put(const rating_record& r) {
+    db_lock guard(own_.drv);
+    if (!open()) return -1;
+    const long long stored = time(nullptr);
     const int rc = sqlite_query_bound(
-        occupancy_, put_rating,
-        {r.room, r.seq, r.date, r.time, r.number, r.line, r.prefix, billed, amount, stored});
-    occupancy_.free_result();
+        own_.drv,
+        "replace into ratings (room, seq, date, time, number, line, prefix, billed, amount, "
+        "stored) values (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
+        {r.room, r.seq, r.date, r.time, r.number, r.line, r.prefix, r.billed, r.amount, stored});
+    own_.drv.free_result();
     return rc == 0 ? 0 : -1;
 }
 
-int states_file::ratings_prune(int keep_days) {
-    db_lock guard(occupancy_);
-    if (!open_ratings()) return -1;
-    const std::string before =
-        std::to_string(static_cast<long long>(time(nullptr)) - 86400LL * keep_days);
-    const int rc = sqlite_query_bound(occupancy_, prune_ratings, {before});
-    occupancy_.free_result();
+int rating_store::prune(int keep_days) {
+    db_lock guard(own_.drv);
+    if (!open()) return -1;
+    const long long before = static_cast<long long>(time(nullptr)) - 86400LL * keep_days;
+    const int rc = sqlite_query_bound(own_.drv, "delete from ratings where stored < ?", {before});
+    own_.drv.free_result();
     return rc == 0 ? 0 : -1;
 }
 
-int states_file::ratings(std::vector<rating_record>& out) {
-    db_lock guard(occupancy_);
-    if (!open_ratings() || sqlite_query_bound(occupancy_, all_ratings, {}) != 0) {
-        occupancy_.free_result();
+int rating_store::all(std::vector<rating_record>& out) {
+    db_lock guard(own_.drv);
+    if (!open() || sqlite_query_bound(own_.drv,
+                                      "select room, seq, date, time, number, line, prefix, "
+                                      "billed, amount from ratings order by stored, rowid",
+                                      {}) != 0) {
+        own_.drv.free_result();
         return -1;
     }
-    while (occupancy_.fetch_row() == 0) {
+    while (own_.drv.fetch_row() == 0) {
         rating_record r;
         std::string* texts[] = {&r.room, &r.seq, &r.date, &r.time, &r.number, &r.line, &r.prefix};
-        for (int i = 0; i < 7; i++) {
-            char text[512] = "";
-            occupancy_.fetch_char_field(i, text, sizeof text - 1);
-            *texts[i] = text;
-        }
-        int n = 0;
-        occupancy_.fetch_int_field(7, &n);
-        r.billed = n;
-        occupancy_.fetch_int_field(8, &n);
-        r.amount = n;
+        for (int i = 0; i < 7; i++) own_.drv.fetch_text_field(i, *texts[i]);
+        std::string n;
+        own_.drv.fetch_text_field(7, n);
+        r.billed = atoll(n.c_str());
+        own_.drv.fetch_text_field(8, n);
+        r.amount = atoll(n.c_str());
         out.push_back(std::move(r));
     }
-    occupancy_.free_result();
+    own_.drv.free_result();
     return 0;
 }

@@ -86,7 +86,7 @@ wakeup_dialer::~wakeup_dialer() {
 
 void wakeup_dialer::start() {
     std::vector<booking> stored;
-    if (parts_.states.wakeup_bookings(stored) != 0)
+    if (parts_.states.wakeups().all(stored) != 0)
         LOG(L_ERROR, "Wake-up bookings cannot be read from the states file");
     {
         mutex_lock guard(mutex_);
@@ -170,7 +170,7 @@ void wakeup_dialer::on_outcome(outcome o) {
 
 void wakeup_dialer::save(booking& b) {
     std::vector<booking*> one{&b};
-    if (parts_.states.wakeup_save(one) != 0)
+    if (parts_.states.wakeups().save(one) != 0)
         LOG(L_ERROR, "The wake-up booking of room %s could not be written to the states file",
             b.room.c_str());
 }
@@ -185,7 +185,7 @@ void wakeup_dialer::unlist(long id) {
 
 void wakeup_dialer::forget(long id) {
     unlist(id);
-    parts_.states.wakeup_remove(id);
+    parts_.states.wakeups().remove(id);
 }
 
 int wakeup_dialer::book(const std::string& room, const std::string& date, const std::string& time) {
@@ -426,7 +426,7 @@ wakeup_dialer::work wakeup_dialer::pass(const config& cfg, long now) {
         }
     }
     // Written before the calls go out, in one transaction.
-    if (parts_.states.wakeup_save(placing) != 0)
+    if (parts_.states.wakeups().save(placing) != 0)
         LOG(L_ERROR, "Wake-up calls being placed could not be written to the states file");
     for (ended& e : w.ends) finish(e);
     return w;
@@ -543,7 +543,7 @@ void wakeup_dialer::run() {
                 held_[c.booking] = now + manager_down_retry_ms;
                 back.push_back(&b->second);
             }
-            parts_.states.wakeup_save(back);
+            parts_.states.wakeups().save(back);
         }
         for (const ended& e : w.ends) report(e, *cfg);
     }

@@ -1,0 +1,45 @@
+#include "states/connection.h"
+
+#include <cstdlib>
+
+#include "db/sqlite.h"
+
+states_connection::states_connection(const char* name) {
+    sqlite_init_record(drv, name);
+}
+
+bool states_connection::connect() {
+    if (drv.connect(nullptr, 0, nullptr, nullptr, path.c_str()) != 0) return false;
+    if (!tuned_) tuned_ = drv.query("PRAGMA synchronous=NORMAL") == 0;
+    return true;
+}
+
+bool states_connection::make_tables(bool& made, std::initializer_list<const char*> statements) {
+    if (made) return true;
+    for (const char* statement : statements)
+        if (drv.query(statement) != 0) return false;
+    made = !sqlite_in_transaction(drv);
+    return true;
+}
+
+// The lock is taken and given back on `c_`, the connection of the
+// annotation: the analysis cannot follow the reference.
+states_transaction::states_transaction(states_connection& c) : c_(c) {
+    c_.drv.lock();
+    began_ = c_.connect() && sqlite_begin(c_.drv) == 0;
+}
+
+states_transaction::~states_transaction() {
+    if (began_ && !done_) c_.drv.query("rollback");
+    c_.drv.unlock();
+}
+
+int states_transaction::commit() NO_THREAD_SAFETY_ANALYSIS {
+    if (!began_ || done_) return -1;
+    done_ = true;
+    return sqlite_commit(c_.drv);
+}
+
+void states_transaction::holds(const states_connection& c) const NO_THREAD_SAFETY_ANALYSIS {
+    if (&c != &c_) abort();
+}
