@@ -164,12 +164,12 @@ bool post_call(pass_env& env, const std::string& room, const call_row& row, cons
         metrics::call_unrated();
         if (!env.cfg.rating.unrated_zero)
             LOG(L_WARNING, "No line of the tariff file prices the call to %s: posted unpriced",
-                row.dst);
+                row.dst.c_str());
     }
     if (price.outcome == call_price::priced) {
         metrics::call_priced();
         LOG(L_NOTICE, "Call of room %s to %s priced by %s (%s): %lld s billed, TA %u (P#%s)",
-            room.c_str(), row.dst, price.line.c_str(), price.prefix.c_str(),
+            room.c_str(), row.dst.c_str(), price.line.c_str(), price.prefix.c_str(),
             static_cast<long long>(price.billed), amount, sequence->c_str());
         env.parts.states.ratings().put({room, *sequence, row.date, row.time, row.dst, price.line,
                                         price.prefix, price.billed,
