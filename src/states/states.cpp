@@ -50,18 +50,23 @@ const char* const create_start_index =
 constexpr mode_t file_mode = 0640;
 
 // Creates the file when missing, and takes from it (and from a -wal or
-// -shm already there) every permission beyond 0640. The descriptor is held
-// while its mode is changed, so the file changed is the one opened.
-void prepare_file(const std::string& path) {
+// -shm already there) every permission beyond 0640. Only the creation opens
+// a descriptor, and only before any connection is open: closing a
+// descriptor of a file drops every lock the process holds on it, and a
+// connection that lost its lock on the -shm may see another process
+// rebuild the shared memory under it. The others change the mode by name.
+void prepare_file(const std::string& path, bool create) {
+    if (create) {
+        const int fd =
+            ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, file_mode);
+        if (fd >= 0) ::close(fd);
+    }
     for (const char* suffix : {"", "-wal", "-shm"}) {
         const std::string name = path + suffix;
-        const int flags = O_RDWR | O_CLOEXEC | (*suffix ? 0 : O_CREAT);
-        const int fd = ::open(name.c_str(), flags, file_mode);
-        if (fd < 0) continue;
         struct stat st {};
-        if (fstat(fd, &st) == 0 && (st.st_mode & 07777 & ~file_mode) != 0)
-            fchmod(fd, st.st_mode & file_mode);
-        ::close(fd);
+        if (lstat(name.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+            (st.st_mode & 07777 & ~file_mode) != 0)
+            chmod(name.c_str(), st.st_mode & file_mode);
     }
 }
 
@@ -74,7 +79,7 @@ states_file::~states_file() = default;
 int states_file::open(const std::string& path, bool quiet_checks) {
     main_.path = path;
     own_.path = path;
-    prepare_file(path);
+    prepare_file(path, true);
     db_lock guard(main_.drv);
     if (!main_.connect()) return -1;
     // Durability. With a write-ahead log and synchronous=NORMAL a transaction
@@ -109,7 +114,7 @@ int states_file::open(const std::string& path, bool quiet_checks) {
     main_.drv.query(create_start_index);
     main_.drv.free_result();
     // The -wal and -shm exist now; one left by an older run may be too open.
-    prepare_file(path);
+    prepare_file(path, false);
     return 0;
 }
 
