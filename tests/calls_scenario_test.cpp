@@ -5,6 +5,7 @@
 
 #include "billing/call_filter.h"
 #include "support_daemon.h"
+#include "text.h"
 
 using namespace std::chrono_literals;
 using texts = std::vector<std::string>;
@@ -53,12 +54,7 @@ TEST(PostingFilter, PatternsAndReasons) {
 
 // The local date (or `format`) `seconds` from now.
 std::string local_date(int seconds, const char* format = "%y%m%d") {
-    const time_t t = time(nullptr) + seconds;
-    struct tm tm {};
-    localtime_r(&t, &tm);
-    char text[16];
-    strftime(text, sizeof text, format, &tm);
-    return text;
+    return local_time_text(time(nullptr) + seconds, format);
 }
 
 // A daemon caching calls from the Manager, rooms 101 (with extension 2101)
@@ -108,30 +104,6 @@ TEST(Calls, OnlyTheAnsweredExternalCallsArePostedEachOnceAndTheOthersLeaveTheCac
     // The lines of the link description are the long-standing ones.
     EXPECT_EQ(1u, run.pms.count_frames("LR|RIPS|FLP#RNPTTADATIDUDDPCCT|"));
     EXPECT_EQ(1u, run.pms.count_frames("LR|RIRE|FLRNRSCSDN|"));
-}
-
-// What a guest dials is one field: it cannot add a room or an amount to the
-// posting, nor end the record.
-TEST(Calls, ADialledNumberAddsNoFieldToItsPosting) {
-    daemon_run run;
-    manager_rooms(run);
-    run.set("fixes", "all", "yes").set("pms", "plus_prefix", "011");
-    ASSERT_TRUE(run.start()) << run.log();
-    ASSERT_EQ(1, run.mgr.send_cdr(call("101", "555|RN102|TA1", 60, 1)));
-    ASSERT_EQ(1, run.mgr.send_cdr(call("101",
-                                       "+44 20\x03\x02"
-                                       "7946",
-                                       60, 2)));
-    ASSERT_TRUE(run.pms.wait_for_count("PS|", 2, 15s)) << run.log();
-    std::string dialled;
-    for (const std::string& ps : run.pms.frames("PS|")) {
-        EXPECT_TRUE(ps.starts_with("PS|P#000")) << ps;
-        EXPECT_EQ(std::string::npos, ps.find("RN102")) << ps;
-        EXPECT_EQ(std::string::npos, ps.find("|TA")) << ps;
-        dialled += ps.substr(ps.find("|DD"));
-    }
-    EXPECT_EQ("|DD5551021||DD01144207946|", dialled);
-    EXPECT_EQ(2u, run.count_log("has characters that a posting cannot carry: they are dropped"));
 }
 
 TEST(Calls, ImmediatePostingDoesNotWaitForTheCycle) {

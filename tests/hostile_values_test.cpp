@@ -16,6 +16,7 @@
 
 #include "sim_notify.h"
 #include "support_daemon.h"
+#include "text.h"
 
 using namespace std::chrono_literals;
 using texts = std::vector<std::string>;
@@ -104,19 +105,10 @@ texts words(const std::string& text) {
     return out;
 }
 
-std::string local_text(const char* format, int seconds_ahead = 0) {
-    const time_t t = time(nullptr) + seconds_ahead;
-    struct tm tm {};
-    localtime_r(&t, &tm);
-    char out[32];
-    strftime(out, sizeof out, format, &tm);
-    return out;
-}
-
 std::string filled(std::string text, const std::string& id = "") {
     const std::pair<std::string, std::string> marks[] = {
-        {"{today}", local_text("%y%m%d")},
-        {"{tomorrow}", local_text("%y%m%d", 86400)},
+        {"{today}", local_time_text(time(nullptr), "%y%m%d")},
+        {"{tomorrow}", local_time_text(time(nullptr) + 86400, "%y%m%d")},
         {"{id}", id}};
     for (const auto& [name, value] : marks)
         if (size_t at = text.find(name); at != std::string::npos)
@@ -233,7 +225,8 @@ class hostile_run {
     void run_all(const payload& p) {
         ASSERT_TRUE(run.start()) << tail();
         // A wake-up for room 101 rings in a moment; room 102 calls.
-        ASSERT_TRUE(run.pms.send_record("WR|RN101|" + local_text("DA%y%m%d|TI%H%M%S|", 1)));
+        ASSERT_TRUE(run.pms.send_record("WR|RN101|" +
+                                        local_time_text(time(nullptr) + 1, "DA%y%m%d|TI%H%M%S|")));
         const mgr_cdr_event bystander = call("102", "room 102's call");
         bystander_number_ = bystander.get("Destination");
         ASSERT_EQ(1, run.mgr.send_cdr(bystander));
