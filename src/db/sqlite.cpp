@@ -73,6 +73,18 @@ class sqlite_handler_t final : public db_handle {
         return 0;
     }
 
+    // Binds `params` to the "?" of `st`, in order; texts are not copied.
+    static void bind_all(sqlite3_stmt* st, std::initializer_list<sqlite_value> params) {
+        int i = 0;
+        for (const sqlite_value& p : params) {
+            if (p.is_number)
+                sqlite3_bind_int64(st, ++i, p.number);
+            else
+                sqlite3_bind_text64(st, ++i, p.text.data(), p.text.size(), SQLITE_STATIC,
+                                    SQLITE_UTF8);
+        }
+    }
+
     // query() of `sql` with its "?" bound to `params`, as a statement
     // prepared once per connection and kept until the connection closes.
     int query_bound(const char* sql, std::initializer_list<sqlite_value> params) {
@@ -83,14 +95,7 @@ class sqlite_handler_t final : public db_handle {
             query_error(sqlite3_errmsg(sqlite_.get()));
             return -1;
         }
-        int i = 0;
-        for (const sqlite_value& p : params) {
-            if (p.is_number)
-                sqlite3_bind_int64(st, ++i, p.number);
-            else
-                sqlite3_bind_text64(st, ++i, p.text.data(), p.text.size(), SQLITE_STATIC,
-                                    SQLITE_UTF8);
-        }
+        bind_all(st, params);
         int rc;
         while ((rc = sqlite3_step(st)) == SQLITE_ROW) {
             const int n = sqlite3_column_count(st);
@@ -115,14 +120,7 @@ class sqlite_handler_t final : public db_handle {
         if (!sqlite_) return -1;
         sqlite3_stmt* st = prepared(sql);
         if (!st) return -1;
-        int i = 0;
-        for (const sqlite_value& p : params) {
-            if (p.is_number)
-                sqlite3_bind_int64(st, ++i, p.number);
-            else
-                sqlite3_bind_text64(st, ++i, p.text.data(), p.text.size(), SQLITE_STATIC,
-                                    SQLITE_UTF8);
-        }
+        bind_all(st, params);
         const long long n = sqlite3_step(st) == SQLITE_ROW ? sqlite3_column_int64(st, 0) : -1;
         sqlite3_reset(st);
         sqlite3_clear_bindings(st);
