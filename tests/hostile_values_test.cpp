@@ -49,9 +49,6 @@ const payload payloads[] = {
 };
 
 enum class mode { plain, fixes };  // no [fixes] section, or [fixes] all = yes
-void PrintTo(mode m, std::ostream* os) {
-    *os << (m == mode::fixes ? "fixes" : "default");
-}
 
 // The records the daemon reads from the PMS, for room 101.
 const char* const pms_forms[] = {

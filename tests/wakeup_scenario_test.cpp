@@ -309,14 +309,4 @@ TEST(Wakeup, TheGuestBooksAndCancelsFromThePhone) {
     EXPECT_EQ(1u, run.pbx("select * from log where what='wakeup_clear' and exten='102'").size());
 }
 
-TEST(Wakeup, WithoutTheSectionNothingChanges) {
-    daemon_run run;
-    run.use_log_templates();
-    ASSERT_TRUE(run.start()) << run.log();
-    ASSERT_TRUE(run.play({"WR|RN501|DA260701|TI0830|"}, "Wakeup set"));
-    EXPECT_EQ(1u, run.pbx("select * from log where what='wakeup_set'").size());
-    EXPECT_EQ(0u, run.count_log("Wake-up"));
-    EXPECT_TRUE(run.states("select name from sqlite_master where name='wakeups'").empty());
-}
-
 }  // namespace
