@@ -10,9 +10,11 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <iterator>
 #include <map>
 #include <regex>
 #include <set>
+#include <sstream>
 
 #include "sim_notify.h"
 #include "support_daemon.h"
@@ -94,12 +96,8 @@ const std::map<std::string, std::string> sent_fields = {
     {"RE", "RNRSCSDNMLID"}, {"WA", "RNDATIAS"}, {"PS", "P#RNPTTADATIDUDDPCCTMAM#"}};
 
 texts words(const std::string& text) {
-    texts out;
-    for (size_t at = 0, end; at < text.size(); at = end + 1) {
-        end = std::min(text.find(' ', at), text.size());
-        out.push_back(text.substr(at, end - at));
-    }
-    return out;
+    std::istringstream in(text);
+    return {std::istream_iterator<std::string>(in), {}};
 }
 
 std::string filled(std::string text, const std::string& id = "") {
