@@ -101,9 +101,6 @@ TEST(Calls, OnlyTheAnsweredExternalCallsArePostedEachOnceAndTheOthersLeaveTheCac
     EXPECT_EQ(1u, run.count_log("Call of room 101 to 102 not posted: free number"));
     EXPECT_EQ(1u, run.count_log("Call of room 101 to 150 not posted: free number"));
     EXPECT_EQ(3u, run.count_log("not posted: unanswered"));
-    // The lines of the link description are the long-standing ones.
-    EXPECT_EQ(1u, run.pms.count_frames("LR|RIPS|FLP#RNPTTADATIDUDDPCCT|"));
-    EXPECT_EQ(1u, run.pms.count_frames("LR|RIRE|FLRNRSCSDN|"));
 }
 
 TEST(Calls, ImmediatePostingDoesNotWaitForTheCycle) {

@@ -182,25 +182,6 @@ TEST_F(Capture, LostConnectionLogsInAgainAndABurstLosesNothing) {
               cached("count(distinct uniqueid), min(src), max(src)"));
 }
 
-// Text an outside caller controls (the caller name) and the exchange's
-// answers to Command, in both forms, change nothing in how events are read.
-TEST_F(Capture, NoValueOrCommandAnswerSwallowsCalls) {
-    StartCapture();
-    WaitLoggedIn(1);
-    ASSERT_EQ(1, sim->send_cdr(call("101", "u1").set("CallerID", "\"Response: Follows\" <101>")));
-    for (const char* uid : {"u2", "u3"}) ASSERT_EQ(1, sim->send_cdr(call("101", uid)));
-    ASSERT_EQ(1, sim->send_raw("Response: Follows\r\nPrivilege: Command\r\n\r\nno such\r\n"
-                               "--END COMMAND--\r\n\r\n"));
-    ASSERT_EQ(1, sim->send_cdr(call("101", "u4").set("LastData", "--END COMMAND--")));
-    ASSERT_EQ(1, sim->send_raw("Response: Success\r\nMessage: Command output follows\r\n"
-                               "Output: Response: Follows\r\n\r\n"));
-    for (const char* uid : {"u5", "u6"}) ASSERT_EQ(1, sim->send_cdr(call("101", uid)));
-    ASSERT_EQ(1, sim->send_cdr(call("101", "u7")));
-    ASSERT_TRUE(WaitCached(7)) << read_file(dir.file("log"));
-    EXPECT_EQ((std::vector<std::string>{"u1", "u2", "u3", "u4", "u5", "u6", "u7"}), cached());
-    EXPECT_EQ(1u, InLog("Found Response Follows"));
-}
-
 // An action the Manager does not take in time ends the connection; what
 // went out of it is never completed on the next one.
 TEST_F(Capture, AWriteThatCannotFinishEndsTheConnection) {

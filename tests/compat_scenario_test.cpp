@@ -119,6 +119,9 @@ TEST(Compatibility, DatesCostsDoNotDisturbAndTemplatesThatCannotRun) {
     EXPECT_NE(std::string::npos, log.find("\tDate: 00-10-15"));
     EXPECT_NE(std::string::npos, log.find("\tTime: 06:30:00"));
     EXPECT_EQ((sql_rows{{"wakeup_set", "101", "2000-11-15", "06:30:00", ""}}), run.pbx_log());
+    // Without [wakeup] the daemon keeps no bookings and places no call.
+    EXPECT_EQ(0u, run.count_log("Wake-up"));
+    EXPECT_TRUE(run.states("select name from sqlite_master where name='wakeups'").empty());
     ASSERT_TRUE(run.play({"WC|RN101|"}, "Wakeup clear"));
     ASSERT_TRUE(wait_until([&] { return run.pbx_log().size() == 2; }));
     EXPECT_EQ((std::vector<std::string>{"wakeup_clear", "101", "", "", ""}), run.pbx_log()[1]);

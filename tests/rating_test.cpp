@@ -194,7 +194,7 @@ TEST(Rating, TheStatesFileKeepsTheAuditAlsoInTheOutboxOfAnOlderFile) {
     const std::string room = "1','x');drop table outbox;--";
     for (long long amount : {28, 29})
         ASSERT_EQ(0, states.ratings().put({room, "0001", "2024-05-01", "10:00:00", "0049891234",
-                                        "tariffs.csv:3", "0049", 120, amount}));
+                                           "tariffs.csv:3", "0049", 120, amount}));
     ASSERT_EQ(0, states.ratings().prune(1));
     std::vector<states_file::rating_record> kept;
     ASSERT_EQ(0, states.ratings().all(kept));
@@ -227,18 +227,13 @@ TEST(Rating, TheTablesCallsArePostedPricedAndAnUnmatchedNumberAsToday) {
         const char* fields;  // TA, PC and CT as posted
     } calls[] = {
         {"004930123456", 125, "|TA21|DA240501|TI100000|DU000205|DD004930123456|PCN|CTBerlin|"},
-        {"0049891234", 61, "|TA29|DA240501|TI100000|DU000101|DD0049891234|PCI|CTGermany|"},
-        {"0012125551234", 59,
-         "|TA100|DA240501|TI100000|DU000059|DD0012125551234|PCI|"
-         "CTInternational|"},
         {"08001234", 300, "|TA0|DA240501|TI100000|DU000500|DD08001234|PCL|CTFreephone|"},
-        {"0039061234", 8, "|TA0|DA240501|TI100000|DU000008|DD0039061234|PCI|CTItaly|"},
         {"0039061235", 37, "|TA31|DA240501|TI100000|DU000037|DD0039061235|PCI|CTItaly|"},
         {"555123", 40, "|PTT|DA240501|TI100000|DU000040|DD555123|"},
     };
     int n = 0;
     for (const auto& c : calls) d.call(c.dd, c.seconds, ++n);
-    ASSERT_TRUE(d.run.pms.wait_for_count("PS|", 7, 15s)) << d.run.log();
+    ASSERT_TRUE(d.run.pms.wait_for_count("PS|", std::size(calls), 15s)) << d.run.log();
     const texts ps = d.run.pms.frames("PS|");
     for (const auto& c : calls) {
         const auto it = std::find_if(ps.begin(), ps.end(), [&](const std::string& f) {
@@ -252,7 +247,7 @@ TEST(Rating, TheTablesCallsArePostedPricedAndAnUnmatchedNumberAsToday) {
     // The audit: the line, the billed seconds and the amount of each priced call.
     EXPECT_TRUE(wait_until([&] {
         const sql_rows rows = d.run.states("select count(*) from ratings");
-        return !rows.empty() && rows[0][0] == "6";
+        return !rows.empty() && rows[0][0] == "3";
     })) << d.run.log();
     const std::string csv = d.run.dir().file("tariffs.csv");
     EXPECT_EQ((sql_rows{{"101", "2024-05-01", "10:00:00", csv + ":4", "004930", "126", "21"}}),

@@ -16,23 +16,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// The status code and body of GET `path` on 127.0.0.1:`port` (0 and "" when
-// nothing answers).
-std::pair<int, std::string> http_get(int port, const std::string& path) {
-    const int fd = connect_loopback(port);
-    if (fd < 0) return {0, ""};
-    const std::string request = "GET " + path + " HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n";
-    std::string reply;
-    if (write(fd, request.data(), request.size()) == static_cast<ssize_t>(request.size())) {
-        char buf[4096];
-        for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;) reply.append(buf, n);
-    }
-    close(fd);
-    const size_t body = reply.find("\r\n\r\n");
-    if (reply.compare(0, 9, "HTTP/1.1 ") != 0 || body == std::string::npos) return {0, reply};
-    return {atoi(reply.c_str() + 9), reply.substr(body + 4)};
-}
-
 // The value of the series `name` (with its labels as written) in a scrape.
 double value_of(const std::string& scrape, const std::string& name) {
     for (const std::string& line : lines_of(scrape))

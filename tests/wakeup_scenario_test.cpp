@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "support_daemon.h"
+#include "text.h"
 #include "wakeup/schedule.h"
 
 using namespace std::chrono_literals;
@@ -15,12 +16,7 @@ namespace {
 // "DA" and "TI" of the local time `seconds` from now.
 std::pair<std::string, std::string> in_seconds(int seconds) {
     const time_t t = time(nullptr) + seconds;
-    struct tm tm {};
-    localtime_r(&t, &tm);
-    char da[16], ti[16];
-    strftime(da, sizeof da, "%y%m%d", &tm);
-    strftime(ti, sizeof ti, "%H%M%S", &tm);
-    return {da, ti};
+    return {local_time_text(t, "%y%m%d"), local_time_text(t, "%H%M%S")};
 }
 
 // The Originate actions the simulator received for `channel`.
@@ -311,32 +307,6 @@ TEST(Wakeup, TheGuestBooksAndCancelsFromThePhone) {
     // The steps ran once per booking and cancel, not for the echo.
     EXPECT_EQ(3u, run.pbx("select * from log where what like 'wakeup%'").size());
     EXPECT_EQ(1u, run.pbx("select * from log where what='wakeup_clear' and exten='102'").size());
-}
-
-TEST(Wakeup, DaylightSavingChangesInBothDirections) {
-    // 02:30 that does not exist rings at 03:00; 02:30 that occurs twice rings
-    // at the first.
-    for (const auto& [utc_moment, da] :
-         {std::pair{utc(2026, 3, 29, 1, 0), "260329"}, {utc(2026, 10, 25, 0, 30), "261025"}}) {
-        daemon_run run;
-        run.use_wakeup();
-        run.env = {"TZ=Europe/Berlin", clock_before(utc_moment, 4)};
-        ASSERT_TRUE(run.start()) << run.log();
-        ASSERT_TRUE(run.pms.send_record("WR|RN401|DA" + std::string(da) + "|TI0230|"));
-        ASSERT_TRUE(run.wait_log("Wake-up call for room 401 (attempt 1 of 3): answered"))
-            << run.log();
-        EXPECT_EQ(1u, originates(run.mgr, "PJSIP/401"));
-    }
-}
-
-TEST(Wakeup, WithoutTheSectionNothingChanges) {
-    daemon_run run;
-    run.use_log_templates();
-    ASSERT_TRUE(run.start()) << run.log();
-    ASSERT_TRUE(run.play({"WR|RN501|DA260701|TI0830|"}, "Wakeup set"));
-    EXPECT_EQ(1u, run.pbx("select * from log where what='wakeup_set'").size());
-    EXPECT_EQ(0u, run.count_log("Wake-up"));
-    EXPECT_TRUE(run.states("select name from sqlite_master where name='wakeups'").empty());
 }
 
 }  // namespace

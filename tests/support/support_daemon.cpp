@@ -1,6 +1,7 @@
 #include "support_daemon.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 using namespace std::chrono_literals;
 
@@ -111,4 +112,19 @@ std::string daemon_run::log_after(const std::string& marker) const {
     std::string out = log();
     size_t at = out.find(marker);
     return at == std::string::npos ? std::string() : out.substr(at);
+}
+
+std::pair<int, std::string> http_get(int port, const std::string& path) {
+    const int fd = connect_loopback(port);
+    if (fd < 0) return {0, ""};
+    const std::string request = "GET " + path + " HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n";
+    std::string reply;
+    if (write(fd, request.data(), request.size()) == static_cast<ssize_t>(request.size())) {
+        char buf[4096];
+        for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;) reply.append(buf, n);
+    }
+    close(fd);
+    const size_t body = reply.find("\r\n\r\n");
+    if (reply.compare(0, 9, "HTTP/1.1 ") != 0 || body == std::string::npos) return {0, reply};
+    return {atoi(reply.c_str() + 9), reply.substr(body + 4)};
 }

@@ -87,3 +87,7 @@ class daemon_run {
     bool manager_ = false;
     child_process proc_;
 };
+
+// The status code and body of GET `path` on 127.0.0.1:`port` (0 and the raw
+// reply, "" when nothing answers, when it is not an HTTP/1.1 answer).
+std::pair<int, std::string> http_get(int port, const std::string& path);
