@@ -5,7 +5,7 @@
 // file keeps its tables, the PMS parses no field the daemon did not put
 // there, room 102 (the bystander) is untouched, no ordinary call is lost,
 // the service manager, the log and /metrics hear only the daemon's own
-// words, and the daemon still runs.
+// words, and the daemon still runs. Then the attacks of the report, by name.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -503,5 +503,100 @@ INSTANTIATE_TEST_SUITE_P(Payloads, HostileValues,
                                                     : "Default") +
                                     payloads[std::get<1>(param.param)].name;
                          });
+
+// The attacks of the report, black-box, under the shipped configuration.
+void shipped(daemon_run& run) {
+    run.use_manager();
+    run.set("fixes", "all", "yes")
+        .set("rooms", "room1", "101")
+        .set("rooms", "room2", "102")
+        .set("services", "checkin", "ami:DBPut|Family=AMPUSER/%exten%|Key=cidname|Val=%name%");
+}
+
+mgr_cdr_event room_call(const std::string& room, int n) {
+    return mgr_cdr_event::make(room, "0049302" + std::to_string(1000 + n), "2024-05-01 10:00:00",
+                               60)
+        .set("UniqueID", "1714557600." + std::to_string(n));
+}
+
+size_t posted_for(const pms_sim& pms, const std::string& room) {
+    size_t n = 0;
+    for (const std::string& ps : pms.frames("PS|")) n += field(ps, "RN") == room;
+    return n;
+}
+
+TEST(HostileAttacks, ACallerNamedResponseFollowsLosesNoCall) {
+    daemon_run run;
+    shipped(run);
+    ASSERT_TRUE(run.start()) << run.log();
+    // An outside caller's name, then six ordinary calls.
+    for (int n = 1; n <= 7; ++n)
+        ASSERT_EQ(1, run.mgr.send_cdr(room_call("101", n).set(
+                         "CallerID", n == 1 ? "\"Response: Follows\" <004930555>" : "<101>")));
+    EXPECT_TRUE(wait_until([&] { return posted_for(run.pms, "101") == 7; }))
+        << posted_for(run.pms, "101") << " of 7 calls posted";
+    // A guest of that name: the check-in writes it for the exchange, whose
+    // calls from the room carry it.
+    ASSERT_TRUE(run.pms.send_record("GI|RN102|GNResponse: Follows|"));
+    ASSERT_TRUE(wait_until([&] { return run.mgr.db_get("AMPUSER/102", "cidname").has_value(); }));
+    const std::string name = *run.mgr.db_get("AMPUSER/102", "cidname");
+    for (int n = 8; n <= 12; ++n)
+        ASSERT_EQ(1,
+                  run.mgr.send_cdr(room_call("102", n).set("CallerID", "\"" + name + "\" <102>")));
+    EXPECT_TRUE(wait_until([&] { return posted_for(run.pms, "102") == 5; }))
+        << posted_for(run.pms, "102") << " of 5 calls posted";
+}
+
+TEST(HostileAttacks, DialledDigitsStayInTheirFieldAndRecord) {
+    daemon_run run;
+    shipped(run);
+    ASSERT_TRUE(run.start()) << run.log();
+    ASSERT_EQ(1, run.mgr.send_cdr(room_call("101", 1).set("Destination", "555|RN102|TA1")));
+    ASSERT_EQ(1, run.mgr.send_cdr(room_call("101", 2).set(
+                     "Destination", "555\x03\x02PS|P#9999|RN102|TA100000|\x03\x02")));
+    ASSERT_TRUE(run.pms.wait_for_count("PS|", 2, 10s)) << run.log();
+    std::this_thread::sleep_for(500ms);
+    for (const std::string& f : run.pms.frames()) {
+        EXPECT_EQ("", record_fault(f)) << shown(f);
+        EXPECT_EQ(std::string::npos, f.find("|RN102|")) << shown(f);
+        EXPECT_EQ(std::string::npos, f.find("|TA1|")) << shown(f);
+    }
+    EXPECT_EQ(2u, posted_for(run.pms, "101"));
+}
+
+TEST(HostileAttacks, ARoomNumberOfSqlLeavesTheStatesFileAlone) {
+    daemon_run run;
+    shipped(run);
+    run.set("pms", "room_max_length", "64");
+    ASSERT_TRUE(run.start()) << run.log();
+    const std::string schema = "select type, name from sqlite_master order by name";
+    const sql_rows tables = run.states(schema);
+    ASSERT_TRUE(run.play({"GI|RN1','x','y',0);DROP TABLE cdrcache;--|GNSmith|"}, "Guest checkin"))
+        << run.log();
+    EXPECT_EQ(tables, run.states(schema));
+    // Nothing attached: no file but the daemon's own is made.
+    for (const auto& e : std::filesystem::directory_iterator(run.dir().path())) {
+        const std::string name = e.path().filename();
+        EXPECT_TRUE(name.starts_with("states.db") || name.starts_with("pbx.db") ||
+                    name.starts_with("orlanbeck."))
+            << name;
+    }
+    ASSERT_EQ(1, run.mgr.send_cdr(room_call("101", 1)));
+    EXPECT_TRUE(run.pms.wait_for_frame("PS|", 10s)) << run.log();
+}
+
+TEST(HostileAttacks, ARoomNumberWithLineBreaksReachesTheServiceManagerAsText) {
+    daemon_run run;
+    notify_sim systemd(run.dir().file("notify.sock"));
+    run.env = {"NOTIFY_SOCKET=" + run.dir().file("notify.sock"), "WATCHDOG_USEC=2000000"};
+    shipped(run);
+    run.set("pms", "room_max_length", "64");
+    ASSERT_TRUE(run.start()) << run.log();
+    ASSERT_TRUE(run.pms.send_record("GI|RN101\nMAINPID=1\nWATCHDOG=trigger|GNSmith|"));
+    ASSERT_TRUE(systemd.wait("last record GI", 10s)) << systemd.all();
+    std::this_thread::sleep_for(500ms);
+    EXPECT_EQ("", notify_faults(systemd, run.process().pid())) << systemd.all();
+    EXPECT_TRUE(run.process().running());
+}
 
 }  // namespace
