@@ -243,6 +243,8 @@ TEST(Rating, TheTablesCallsArePostedPricedAndAnUnmatchedNumberAsToday) {
         EXPECT_NE(std::string::npos, it->find(c.fields)) << *it;
         EXPECT_EQ(c.fields[1] != 'P', it->find("|PTC|") != std::string::npos) << *it;
     }
+    // Logged once the posting went out.
+    EXPECT_TRUE(d.run.wait_log("No line of the tariff file prices the call to 555123"));
     EXPECT_EQ(1u, d.run.count_log("No line of the tariff file prices the call to 555123"));
     // The audit: the line, the billed seconds and the amount of each priced call.
     EXPECT_TRUE(wait_until([&] {
