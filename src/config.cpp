@@ -68,6 +68,16 @@ int read_whole_seconds(const dictionary* d, const std::string& key) {
     return 0;
 }
 
+// A number of seconds that may also be 0 (off): -1 when absent or not such
+// a number (logged as read_whole_seconds() does).
+int read_seconds_or_off(const dictionary* d, const std::string& key) {
+    const char* text = iniparser_getstring(d, key.c_str(), nullptr);
+    if (!text) return -1;
+    if (strcmp(text, "0") == 0) return 0;
+    const int v = read_whole_seconds(d, key);
+    return v > 0 ? v : -1;
+}
+
 // A time in seconds (fractions allowed) as milliseconds; `def` when absent or
 // not a positive number.
 int read_seconds(const dictionary* d, const char* key, int def) {
@@ -442,6 +452,8 @@ bool parse_config_file(const std::string& path, config& cfg) {
     read_text(d, "pms:tls_server_name", cfg.pms_tls_server_name);
     cfg.pms_connect_timeout_ms = read_seconds(d, "pms:connect_timeout", 5000);
     cfg.pms_write_timeout_ms = read_seconds(d, "pms:write_timeout", 10000);
+    cfg.pms_answer_timeout = read_seconds_or_off(d, "pms:answer_timeout");
+    cfg.pms_alive_interval = read_seconds_or_off(d, "pms:alive_interval");
     cfg.plus_prefix = read_plus_prefix(d);
     cfg.room_max_length = read_int_in(d, "pms:room_max_length", 1, 64, 8);
     if (opt_text t = get_text(d, "logger:log_type"))

@@ -17,6 +17,7 @@
 //    the list behind them.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -162,6 +163,10 @@ struct config {
     opt_text pms_tls_server_name;  // absent: pmshost
     int pms_connect_timeout_ms = 5000;
     int pms_write_timeout_ms = 10000;
+    // pms:answer_timeout and pms:alive_interval in seconds, -1 when not set
+    // (answer_timeout(), alive_interval()).
+    int pms_answer_timeout = -1;
+    int pms_alive_interval = -1;
     std::string plus_prefix = "00";  // pms:plus_prefix, for a leading "+" of a dialled number
     int room_max_length = 8;         // pms:room_max_length ([fixes] room_numbers), 1-64
     // [logger]
@@ -232,6 +237,25 @@ struct config {
     // Whether records for the PMS go through the outbox of the states file
     // ([fixes] posting; features whose records must reach the PMS add here).
     bool uses_outbox() const { return fixes.posting || uses_dialcodes() || wakeup.call; }
+    // How long a posting waits for its "PA" (pms:answer_timeout): the key's
+    // value, else 30 s with [fixes] posting, else zero (no time-out).
+    std::chrono::seconds answer_timeout() const {
+        if (pms_answer_timeout > 0) return std::chrono::seconds(pms_answer_timeout);
+        return std::chrono::seconds(fixes.posting ? 30 : 0);
+    }
+    // How long an alive check or a link start-up waits for the PMS: as a
+    // posting, and 30 s where a posting has no time-out.
+    std::chrono::seconds link_answer_timeout() const {
+        const std::chrono::seconds t = answer_timeout();
+        return t.count() > 0 ? t : std::chrono::seconds(30);
+    }
+    // How long the PMS may be silent before the daemon sends an alive check
+    // "LS" (pms:alive_interval): the key's value (0 for none), else 300 s
+    // with [fixes] deadlines, else zero (no alive check).
+    std::chrono::seconds alive_interval() const {
+        if (pms_alive_interval >= 0) return std::chrono::seconds(pms_alive_interval);
+        return std::chrono::seconds(fixes.deadlines ? 300 : 0);
+    }
     // Whether Manager UserEvents become records for the PMS ([dialcodes]).
     bool uses_dialcodes() const {
         return dialcodes.minibar_event.has_value() || dialcodes.maid_event.has_value() ||
