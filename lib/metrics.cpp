@@ -49,6 +49,9 @@ struct all_metrics {
         counter("orlanbeck_postings_refused_total", "Postings the PMS refused");
     Counter& postings_resent = counter("orlanbeck_postings_resent_total",
                                        "Postings sent again after their answer was lost");
+    Counter& billok_failures =
+        counter("orlanbeck_billok_failures_total",
+                "services:billok statements of accepted postings that failed (run again later)");
     Counter& calls_cached =
         counter("orlanbeck_calls_cached_total", "Calls cached from the Manager's Cdr events");
     Family<Counter>& calls_filtered =
@@ -229,6 +232,9 @@ void posting_refused() {
 }
 void posting_resent() {
     get().postings_resent.Increment();
+}
+void billok_failed() {
+    get().billok_failures.Increment();
 }
 void calls_cached(unsigned n) {
     get().calls_cached.Increment(n);

@@ -33,6 +33,7 @@ void record_sent(const char* record);      // a "PS" also counts as a posting se
 void posting_accepted();
 void posting_refused();
 void posting_resent();
+void billok_failed();  // an accepted posting's services:billok failed
 
 // --- calls -------------------------------------------------------------------
 void calls_cached(unsigned n);

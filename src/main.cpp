@@ -31,7 +31,6 @@
 #include "fias/link.h"
 #include "handlers/dispatch.h"
 #include "logger.h"
-#include "text.h"
 #include "metrics.h"
 #include "mgr/cdr.h"
 #include "ops/notify.h"
@@ -42,6 +41,7 @@
 #include "states/states.h"
 #include "stop_flag.h"
 #include "templates/templates.h"
+#include "text.h"
 #include "wakeup/schedule.h"
 
 namespace {
@@ -197,6 +197,9 @@ class daemon_process {
     fixes_settings start_fixes;
     stop_flag stop;  // billing
     owned_thread billing;
+    // With [fixes] posting at start: the one writer of the outbox to the PMS.
+    posting_sender* sender = nullptr;
+    owned_thread sending;
     // What posts to the PMS besides the billing thread ([posting] immediate,
     // [dialcodes]).
     const billing_parts* posting = nullptr;
@@ -272,8 +275,8 @@ class daemon_process {
         // [dialcodes]: minibar, room status and the guest's own codes from
         // the room phone.
         if (cfg->uses_dialcodes() && posting && posting->sequence)
-            attach_dialcodes(*session, cfg, {*link, *states, posting->audit}, *posting->sequence,
-                             phone_wakeups_of());
+            attach_dialcodes(*session, cfg, {*link, *states, posting->audit, sender},
+                             *posting->sequence, phone_wakeups_of());
         if (dialer) wakeup->attach(*session);
         notify->running(notify_part::capture);
         session->start();
@@ -446,6 +449,8 @@ class daemon_process {
         if (wakeup) joined = wakeup->stop(deadline) && joined;
         joined = stop_manager(deadline) && joined;
         joined = records->stop(deadline) && joined;
+        if (sender) sender->wake();
+        joined = sending.join_until(deadline) && joined;
         link->drop();
         // A record worker may still be using a database: one whose lock is
         // taken is left as it is.
@@ -589,17 +594,25 @@ int main(int argc, char** argv) {
     if (cfg->uses_outbox())
         sequence.last = static_cast<unsigned>(std::max(0L, states.outbox().last_posting_number()));
     // Wake-up calls placed by the daemon, when configured at start.
-    wakeup_dialer dialer({configs, link, states, audit, notify, state.manager});
+    std::unique_ptr<posting_sender> sender;
+    if (state.start_fixes.posting) {
+        sender = std::make_unique<posting_sender>(configs, link, states, audit);
+        state.sender = sender.get();
+    }
+    wakeup_dialer dialer({configs, link, states, audit, notify, state.manager, sender.get()});
     if (cfg->wakeup.call) state.wakeup = &dialer;
     record_parts handler_parts{configs, link,       states,        sync,
                                audit,   extensions, state.manager, sequence};
     handler_parts.wakeup = state.wakeup;
+    handler_parts.sender = sender.get();
     record_dispatcher records(handler_parts, state.start_fixes.ordered_records);
     state.records = &records;
     notify.start(link, states, cfg->use_manager);
     state.connect_pms();
 
-    const billing_parts billing{link, states, audit, extensions, notify, &sequence};
+    const billing_parts billing{link,   states,    audit,        extensions,
+                                notify, &sequence, sender.get(), &state.stop};
+    if (sender) state.sending.start([&] { sender->run(state.stop); });
     state.posting = &billing;
     state.billing.start([&] { service_background(configs, billing, state.stop); });
     state.start_manager(cfg);

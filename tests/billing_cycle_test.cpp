@@ -201,7 +201,7 @@ TEST_F(BillingCycle, TheOutboxCarriesPostingsAndMarksAcrossARestart) {
     left.mark = "pbx";
     left.mark_key = "billmark";
     ASSERT_TRUE(exec("insert into calls values ('103','2009-05-16','08:00:00','5550000',5,-1,0)"));
-    ASSERT_GT(states.outbox().put(left, link.link_number()), 0);
+    ASSERT_GT(states.outbox().put(left), 0);
 
     states_file restarted;
     ASSERT_EQ(0, restarted.open(dir.file("states.db")));

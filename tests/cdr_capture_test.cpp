@@ -129,7 +129,7 @@ TEST_F(Capture, ABookingAndARecordChangeInOneTransaction) {
     auto both = [&](bool commit) {
         states_transaction tx(states.own_connection());
         EXPECT_EQ(0, states.wakeups().remove(tx, booking.id));
-        EXPECT_GT(states.outbox().put(tx, report, 1), 0);
+        EXPECT_GT(states.outbox().put(tx, report), 0);
         if (commit) {
             EXPECT_EQ(0, tx.commit());
         }

@@ -8,8 +8,10 @@
 #include <ctime>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <thread>
 
+#include "billing/answer.h"
 #include "billing/call_filter.h"
 #include "billing/outbox.h"
 #include "billing/pricing.h"
@@ -64,6 +66,9 @@ struct pass_env {
     fias_codec_options codec;
     billing_memory* memory;  // may be null
     const config& cfg;
+    // With the posting sender: the records made are collected here, and
+    // stored in the outbox by the pass, instead of being sent.
+    std::vector<states_file::outbox_entry>* collect = nullptr;
     pms_link& link() const { return parts.link; }
 };
 
@@ -78,7 +83,12 @@ bool send_report(pass_env& env, const fias_packet_t* rec, const char* error,
     if (env.policy.marks_only_sent() && !env.link().active()) return false;
     if (env.outbox) {
         entry.record = fias_packet_to_str(rec, own ? *own : env.codec);
-        return deliver({env.link(), env.parts.states, env.parts.audit}, entry, error) >= 0;
+        if (env.collect) {
+            env.collect->push_back(entry);
+            return true;
+        }
+        return deliver({env.link(), env.parts.states, env.parts.audit, env.parts.sender}, entry,
+                       error) >= 0;
     }
     if ((own ? env.link().send_raw(fias_packet_to_str(rec, *own).c_str())
              : env.link().send_packet(rec)) >= 0)
@@ -107,7 +117,14 @@ bool post_call(pass_env& env, const std::string& room, const call_row& row, cons
                        (price.outcome == call_price::unrated && env.cfg.rating.unrated_zero);
     set_field(rec.get(), "RN", text_value(room.c_str()));
     set_field(rec.get(), "DD", text_value(row.dst.c_str()));
-    *sequence = env.sequence.next();
+    if (sequence->empty())
+        *sequence =
+            env.outbox ? next_free_number(env.sequence, env.parts.states) : env.sequence.next();
+    if (sequence->empty()) {
+        LOG(L_ERROR, "The call of room %s to %s is not posted now: every posting number waits",
+            room.c_str(), row.dst.c_str());
+        return false;
+    }
     set_field(rec.get(), "P#", text_value(sequence->c_str()));
     fias_value_t du;
     du.ival = static_cast<uint32_t>(row.billsec);
@@ -327,9 +344,98 @@ void post_cached(pass_env& env, const config& cfg, const std::vector<std::string
     }
 }
 
+// With the posting sender: puts the postings of the cached calls of `rooms`
+// into the outbox, all in one transaction, then marks the calls, so that
+// the sender may send them. When every posting number waits, what was made
+// so far is stored and, with `may_wait`, the pass waits for the sender to
+// free numbers (a number waits also while its posting is still to be sent);
+// otherwise, or when the numbers are held by postings that were all sent, it
+// stops (an ERROR once) and the next cycle goes on.
+void queue_cached(pass_env& env, const config& cfg, const std::vector<std::string>& rooms,
+                  const std::vector<std::string>& filter_rooms, bool may_wait) {
+    states_file& states = env.parts.states;
+    posting_sender& sender = *env.parts.sender;
+    const call_filter filter(cfg, filter_rooms);
+    std::vector<states_file::outbox_entry> made;
+    std::vector<call_cache::queued_mark> marks;
+    std::vector<long long> drops;
+    std::set<std::string> taken;  // numbers of `made`
+    env.collect = &made;
+    auto store = [&] {
+        std::vector<long> ids;
+        if (!made.empty()) {
+            states_transaction tx(states.own_connection());
+            for (states_file::outbox_entry& e : made) {
+                e.id = states.outbox().put(tx, e);
+                if (e.id < 0) break;
+                ids.push_back(e.id);
+            }
+            if (ids.size() != made.size() || tx.commit() != 0) {
+                LOG(L_ERROR, "%zu postings could not be written to the states file: not sent",
+                    made.size());
+                made.clear();
+                marks.clear();
+                taken.clear();
+                return;
+            }
+        }
+        if (states.calls().mark_queued(marks, drops, env.fill) == 0) states.outbox().marked(ids);
+        made.clear();
+        marks.clear();
+        drops.clear();
+        taken.clear();
+        sender.wake();
+    };
+    static std::atomic<bool> complained{false};
+    for (const std::string& room : rooms) {
+        std::vector<call_row> rows;
+        states.calls().unposted(room, rows);
+        for (const call_row& row : rows) {
+            if (kept_out(filter, room, row)) {
+                if (row.cache_row > 0) drops.push_back(row.cache_row);
+                continue;
+            }
+            std::string sequence = next_free_number(env.sequence, states, taken);
+            while (sequence.empty()) {
+                store();
+                const unsigned long seen = sender.progress();
+                const bool sent_all = states.outbox().unsent() == 0;
+                if (!may_wait || sent_all || !env.link().active() ||
+                    (env.parts.stop && env.parts.stop->requested())) {
+                    if (sent_all && !complained.exchange(true))
+                        LOG(L_ERROR,
+                            "Every posting number waits for the answer to its posting: posting "
+                            "pauses until one is free");
+                    return;
+                }
+                sender.wait_progress(seen, std::chrono::seconds(1));
+                env.parts.notify.beat(notify_part::billing);
+                sequence = next_free_number(env.sequence, states, taken);
+            }
+            complained = false;
+            states_file::outbox_entry entry;
+            entry.mark = "cache";
+            if (!post_call(env, room, row, cache_date_format, cache_time_format, &sequence, entry))
+                continue;
+            taken.insert(sequence);
+            marks.push_back({room, row.date, row.time, made.back().record, sequence});
+        }
+    }
+    store();
+}
+
 void cache_pass(pass_env& env, const config& cfg, const std::vector<std::string>& rooms) {
     LOG(L_DEBUG, "Cache case: check internal cdrcache values");
-    post_cached(env, cfg, rooms, rooms);
+    if (env.parts.sender) {
+        std::unique_lock<std::mutex> intake(env.parts.sender->intake);
+        queue_cached(env, cfg, rooms, rooms, true);
+        // Rooms that immediate posting left to the cycle meanwhile.
+        for (std::vector<std::string> left = env.parts.sender->take_left(); !left.empty();
+             left = env.parts.sender->take_left())
+            queue_cached(env, cfg, left, rooms, true);
+    } else {
+        post_cached(env, cfg, rooms, rooms);
+    }
     env.parts.states.calls().checkpoint();
 }
 
@@ -508,11 +614,15 @@ const opt_text& mark_service(const config& cfg, const std::string& key) {
 
 }  // namespace
 
-void run_due_marks(const config& cfg, states_file& states) {
+void run_due_marks(const config& cfg, states_file& states, pms_link* link) {
     std::vector<states_file::outbox_entry> due;
     if (states.outbox().marks_due(due) != 0) return;
     const fill_options fill = fill_options_of(cfg);
     for (const states_file::outbox_entry& e : due) {
+        if (e.mark_key == "billok") {
+            if (link) run_due_billok(config_ptr(config_ptr(), &cfg), *link, states, e);
+            continue;
+        }
         LOG(L_NOTICE, "The mark of the %s record of room %s is still due: it runs now",
             e.kind.c_str(), e.room.c_str());
         if (e.mark == "cache") {
@@ -556,10 +666,10 @@ bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms,
                  memory,
                  cfg};
     pms_link& link = parts.link;
-    if (cfg.uses_outbox()) run_due_marks(cfg, parts.states);
+    if (cfg.uses_outbox()) run_due_marks(cfg, parts.states, &link);
     if (cfg.rating.tariffs) parts.states.ratings().prune(cfg.rating.keep_days);
     if (!link.active() || parts.audit.holds_postings()) return true;
-    if (cfg.uses_outbox()) send_outbox({link, parts.states, parts.audit});
+    if (cfg.uses_outbox()) send_outbox({link, parts.states, parts.audit, parts.sender});
     bool posted = false;
     if (cfg.use_manager) {
         cache_pass(env, cfg, rooms);
@@ -594,7 +704,10 @@ void post_cached_now(const config& cfg, const std::vector<std::string>& rooms,
                  {cfg.fixes.numbers, 0, cfg.plus_prefix},
                  nullptr,
                  cfg};
-    post_cached(env, cfg, rooms, all_rooms);
+    if (!parts.sender) return post_cached(env, cfg, rooms, all_rooms);
+    std::unique_lock<std::mutex> intake(parts.sender->intake, std::try_to_lock);
+    if (!intake.owns_lock()) return parts.sender->leave(rooms);
+    queue_cached(env, cfg, rooms, all_rooms, false);
 }
 
 void service_background(const config_loader& configs, const billing_parts& parts, stop_flag& stop) {

@@ -21,6 +21,7 @@
 
 #include "billing/night_audit.h"
 #include "billing/postings.h"
+#include "billing/sender.h"
 #include "config.h"
 #include "fias/link.h"
 #include "ops/notify.h"
@@ -37,6 +38,12 @@ struct billing_parts {
     // The process's posting numbers (main's); the thread keeps its own
     // when none is given.
     posting_sequence* sequence = nullptr;
+    // With [fixes] posting at start: the one writer of the outbox to the
+    // PMS; the passes only put records into the outbox.
+    posting_sender* sender = nullptr;
+    // The billing thread's stop (a pass that waits for posting numbers
+    // gives up when it is requested).
+    const stop_flag* stop = nullptr;
 };
 
 // What the billing thread remembers across cycles: the complaints already
@@ -51,14 +58,18 @@ struct billing_memory {
 void service_background(const config_loader& configs, const billing_parts& parts, stop_flag& stop);
 
 // With the outbox: runs the marks still due for what the outbox holds (a
-// restart may have come between a record's write and its mark).
-void run_due_marks(const config& cfg, states_file& states);
+// restart may have come between a record's write and its mark), and, given
+// the link, the services:billok statements that failed.
+void run_due_marks(const config& cfg, states_file& states, pms_link* link = nullptr);
 
 // [posting] immediate: posts the cached calls of `rooms` now, when the link
 // is active and no night audit holds postings (otherwise the next cycle
-// does). Every pass over a room's calls runs under the states file's lock,
-// so a call is posted once and in order also when the cycle runs at the same
-// time. `all_rooms` is what the filter's "rooms" stands for. Any thread.
+// does). Every pass over a room's calls runs under the states file's lock
+// (with the posting sender, under its intake lock, and a pass that finds the
+// cycle queuing leaves the rooms to it), so a call is posted once and in
+// order also when the cycle runs at the same time. `all_rooms` is what the
+// filter's "rooms" stands for. Any thread; with the sender it never writes
+// to the PMS.
 void post_cached_now(const config& cfg, const std::vector<std::string>& rooms,
                      const std::vector<std::string>& all_rooms, const billing_parts& parts);
 

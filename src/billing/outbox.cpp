@@ -1,5 +1,6 @@
 #include "billing/outbox.h"
 
+#include "billing/sender.h"
 #include "logger.h"
 #include "metrics.h"
 
@@ -19,9 +20,17 @@ bool may_go_out(const outbox_parts& parts) {
 
 }  // namespace
 
+std::string next_free_number(posting_sequence& sequence, states_file& states,
+                             const std::set<std::string>& taken) {
+    for (int tries = 0; tries < 10000; ++tries) {
+        std::string number = sequence.next();
+        if (!taken.count(number) && !states.outbox().number_waiting(number)) return number;
+    }
+    return "";
+}
+
 long deliver(const outbox_parts& parts, states_file::outbox_entry& entry, const char* error) {
-    const unsigned number = parts.link.link_number();
-    entry.id = parts.states.outbox().put(entry, number);
+    entry.id = parts.states.outbox().put(entry);
     if (entry.id < 0) {
         LOG(L_ERROR, "The %s record of room %s could not be written to the states file: not sent",
             entry.kind.c_str(), entry.room.c_str());
@@ -33,6 +42,7 @@ long deliver(const outbox_parts& parts, states_file::outbox_entry& entry, const 
 
 void send_stored(const outbox_parts& parts, const states_file::outbox_entry& entry,
                  const char* error) {
+    if (parts.sender) return parts.sender->wake();
     if (!may_go_out(parts)) return;
     const unsigned number = parts.link.link_number();
     if (parts.link.send_raw(entry.record.c_str()) < 0)
@@ -42,6 +52,7 @@ void send_stored(const outbox_parts& parts, const states_file::outbox_entry& ent
 }
 
 void send_outbox(const outbox_parts& parts) {
+    if (parts.sender) return parts.sender->wake();
     if (!may_go_out(parts)) return;
     const unsigned number = parts.link.link_number();
     std::vector<states_file::outbox_entry> due;

@@ -8,7 +8,11 @@
 // outlive every caller.
 #pragma once
 
+#include <set>
+#include <string>
+
 #include "billing/night_audit.h"
+#include "billing/postings.h"
 #include "fias/link.h"
 #include "states/states.h"
 
@@ -16,19 +20,31 @@
 // settles it and runs no services:billok and no cache change.
 inline constexpr const char* minibar_outbox_key = "minibar";
 
+class posting_sender;
+
 struct outbox_parts {
     pms_link& link;
     states_file& states;
     audit_window& audit;
+    // With [fixes] posting the sender writes what the outbox holds; the
+    // functions below then only store records and wake it.
+    posting_sender* sender = nullptr;
 };
 
 // Stores `entry` (its kind, room, record text and, for a posting, its "P#"
-// filled in) and writes it on the link when it may go out now: the link is
+// filled in) and writes it on the link (or has the sender write it) when it
+// may go out now: the link is
 // active and no night audit holds postings. A write that fails logs
 // `error` (or a line of its own when null). The entry's id, or -1 when it
 // could not be stored (logged; nothing is sent).
 long deliver(const outbox_parts& parts, states_file::outbox_entry& entry,
              const char* error = nullptr);
+
+// The next posting number ("P#") under which no posting of the outbox waits
+// (for its answer or to be sent), nor one of `taken`: numbers coming round
+// after 9999 skip those. Empty when every number waits.
+std::string next_free_number(posting_sequence& sequence, states_file& states,
+                             const std::set<std::string>& taken = {});
 
 // Writes `entry`, stored in the outbox already (its id set), on the link
 // when it may go out now, as deliver() does after storing it.

@@ -7,8 +7,8 @@
 
 #include "fias/codec.h"
 #include "logger.h"
-#include "text.h"
 #include "process.h"
+#include "text.h"
 
 namespace {
 
@@ -318,7 +318,12 @@ void send_record(const outbox_parts& parts, posting_sequence& sequence, const di
                  : e.kind == dialcode_event::wakeup_clear ? "WC"
                                                           : "RE";
     if (e.kind == dialcode_event::minibar) {
-        entry.seq = sequence.next();
+        entry.seq = next_free_number(sequence, parts.states);
+        if (entry.seq.empty()) {
+            LOG(L_ERROR, "Minibar of room %s not posted: every posting number waits for an answer",
+                e.room.c_str());
+            return;
+        }
         entry.mark_key = minibar_outbox_key;
         entry.number = e.article;
         LOG(L_NOTICE, "Minibar of room %s: article %s, quantity %s%s%s (P#%s)", e.room.c_str(),

@@ -160,7 +160,7 @@ void resync_end(const record_context& ctx, const record_parts& parts) {
 }
 
 void answer(const record_context& ctx, const record_parts& parts) {
-    do_pa(ctx, parts.extensions);
+    do_pa(ctx, parts.extensions, parts.sender);
 }
 
 void audit_start(const record_context& ctx, const record_parts& parts) {

@@ -27,6 +27,7 @@
 
 #include "billing/night_audit.h"
 #include "billing/postings.h"
+#include "billing/sender.h"
 #include "config.h"
 #include "fias/link.h"
 #include "guest/resync.h"
@@ -49,6 +50,7 @@ struct record_parts {
     posting_sequence& sequence;              // the process's posting numbers
     resync::room_runner for_room = nullptr;  // set by the dispatcher
     wakeup_dialer* wakeup = nullptr;         // told of wake-up records, check-outs and moves
+    posting_sender* sender = nullptr;        // told of settled posting answers
 };
 
 struct record_context;

@@ -173,6 +173,48 @@ int call_cache::post_unposted(
     return sqlite_commit(drv);
 }
 
+int call_cache::unposted(const std::string& room, std::vector<call_row>& rows) {
+    dbdriver_t& drv = main_.drv;
+    db_lock guard(drv);
+    if (sqlite_query_bound(drv, unposted_bound, {room}) != 0) {
+        drv.free_result();
+        return -1;
+    }
+    while (drv.fetch_row() == 0) {
+        LOG(L_DEBUG, "Have something in cache for room %s\n", room.c_str());
+        call_row row;
+        if (read_call_row(drv, row) != row_read::ok) break;
+        row.has_disposition = drv.fetch_text_field(5, row.disposition) >= 0;
+        std::string rowid;
+        if (drv.fetch_text_field(6, rowid) >= 0)
+            row.cache_row = strtoll(rowid.c_str(), nullptr, 10);
+        drv.fetch_text_field(7, row.uniqueid);
+        rows.push_back(std::move(row));
+    }
+    drv.free_result();
+    return 0;
+}
+
+int call_cache::mark_queued(const std::vector<queued_mark>& marks,
+                            const std::vector<long long>& drops, const fill_options& fill) {
+    if (marks.empty() && drops.empty()) return 0;
+    dbdriver_t& drv = main_.drv;
+    db_lock guard(drv);
+    if (sqlite_begin(drv) != 0) return -1;
+    int rc = 0;
+    for (long long id : drops)
+        if (sqlite_query_bound(drv, drop_bound, {id}) != 0) rc = -1;
+    for (const queued_mark& m : marks) {
+        if (log_wanted(L_DEBUG))
+            LOG(L_DEBUG, "Sending mark query: %s\n",
+                prepare_query3(&drv, mark_template, m.record.c_str(), m.room.c_str(),
+                               m.date.c_str(), m.time.c_str(), m.seq.c_str(), fill)
+                    .c_str());
+        if (sqlite_query_bound(drv, mark_bound, {m.record, m.room, m.date, m.time}) != 0) rc = -1;
+    }
+    return sqlite_commit(drv) == 0 ? rc : -1;
+}
+
 int call_cache::mark(const std::string& room, const std::vector<mark_of>& marks) {
     if (marks.empty()) return 0;
     db_lock guard(main_.drv);

@@ -9,9 +9,30 @@ states_connection::states_connection(const char* name) {
 }
 
 bool states_connection::connect() {
+    flush_group();
+    return connect_keeping_group();
+}
+
+bool states_connection::connect_keeping_group() {
     if (drv.connect(nullptr, 0, nullptr, nullptr, path.c_str()) != 0) return false;
     if (!tuned_) tuned_ = drv.query("PRAGMA synchronous=NORMAL") == 0;
     return true;
+}
+
+bool states_connection::join_group() {
+    if (!connect_keeping_group()) return false;
+    if (grouped_) return true;
+    if (sqlite_begin(drv) != 0) return false;
+    grouped_ = true;
+    group_since_ = std::chrono::steady_clock::now();
+    return true;
+}
+
+int states_connection::flush_group(bool due_only) {
+    if (!grouped_) return 0;
+    if (due_only && std::chrono::steady_clock::now() - group_since_ < group_period) return 0;
+    grouped_ = false;
+    return sqlite_commit(drv);
 }
 
 bool states_connection::make_tables(bool& made, std::initializer_list<const char*> statements) {

@@ -8,6 +8,7 @@
 //  - connect() and every statement run under `drv`'s lock (db_lock).
 #pragma once
 
+#include <chrono>
 #include <initializer_list>
 #include <string>
 
@@ -22,7 +23,21 @@ class states_connection {
     // Opens the file unless the handle is open (or was closed for good, see
     // sqlite.h); the first time, commits are made to wait for the operating
     // system only (synchronous=NORMAL). False when the file cannot be opened.
+    // Commits the open group first (see join_group()).
     bool connect() REQUIRES(drv);
+    // A group of changes committed together, at most group_period after its
+    // first: the posting sender's busy changes (a posting written, an answer
+    // settled) join it instead of costing a commit each. Every other
+    // operation on the connection commits the group first (connect()), so
+    // nothing else waits in it. Reads that may see the group's changes use
+    // connect_keeping_group(). False when the file cannot be opened or no
+    // transaction began.
+    static constexpr std::chrono::milliseconds group_period{10};
+    bool join_group() REQUIRES(drv);
+    bool connect_keeping_group() REQUIRES(drv);
+    // Commits the group if one is open (`due_only`: only once its period has
+    // passed). 0, or -1 when the commit failed (logged).
+    int flush_group(bool due_only = false) REQUIRES(drv);
     // Runs `statements` (which make a store's tables when missing) unless
     // `made` says they ran; `made` is set only outside a transaction, as a
     // rollback takes away what a transaction made. False when one fails.
@@ -33,6 +48,8 @@ class states_connection {
 
   private:
     bool tuned_ GUARDED_BY(drv) = false;
+    bool grouped_ GUARDED_BY(drv) = false;  // a group is open
+    std::chrono::steady_clock::time_point group_since_ GUARDED_BY(drv);
 };
 
 // A transaction on a connection, under its lock: BEGIN when it starts (when

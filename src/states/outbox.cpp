@@ -12,24 +12,30 @@ const char* const create_outbox =
     "text, room text, extension text, number text, date text, time text, record text, waiting "
     "integer default 1, mark text default '', mark_key text default '', sends integer default "
     "0, link integer default 0, rating_line text default '', billed integer default -1, amount "
-    "integer default -1)";
+    "integer default -1, answer text default '')";
 // Columns added since the table was first made, for files made before.
 const char* const added_columns[][2] = {
     {"rating_line", "alter table outbox add column rating_line text default ''"},
     {"billed", "alter table outbox add column billed integer default -1"},
     {"amount", "alter table outbox add column amount integer default -1"},
+    {"answer", "alter table outbox add column answer text default ''"},
 };
+// Answers and number checks look postings up by their number.
+const char* const create_seq_index =
+    "create index if not exists outbox_seq on outbox (kind, waiting, seq)";
 const char* const create_sequence =
     "create table if not exists sequence (name text primary key, last integer)";
 
-#define OUTBOX_COLUMNS                                                                          \
-    "select id, kind, seq, room, extension, number, date, time, record, mark, mark_key, sends " \
-    "from outbox "
+#define OUTBOX_COLUMNS                                                                    \
+    "select id, kind, seq, room, extension, number, date, time, record, mark, mark_key, " \
+    "answer, sends from outbox "
 
 const char* const waiting_statement =
     OUTBOX_COLUMNS "where kind='PS' and waiting=1 and seq=? order by id";
 const char* const to_send_statement =
     OUTBOX_COLUMNS "where waiting=1 and (sends=0 or (sends<? and link<>?)) order by id";
+const char* const sendable_statement = OUTBOX_COLUMNS
+    "where waiting=1 and mark='' and (sends=0 or (sends<? and link<>?)) order by id limit ?";
 const char* const marks_due_statement = OUTBOX_COLUMNS "where mark<>'' order by id";
 
 // An entry leaves when nothing is left to do for it.
@@ -48,16 +54,17 @@ bool outbox_store::open() {
                                    {name}) == 0 &&
                 own_.drv.query(alter) != 0)
                 return false;
+        if (own_.drv.query(create_seq_index) != 0) return false;
         checked_ = made;
     }
     if (!links_reset_) links_reset_ = own_.drv.query("update outbox set link=0") == 0;
     return links_reset_;
 }
 
-long outbox_store::put(const outbox_entry& e, unsigned link) {
+long outbox_store::put(const outbox_entry& e) {
     db_lock guard(own_.drv);
     if (!open() || sqlite_begin(own_.drv) != 0) return -1;
-    const long id = put_locked(e, link);
+    const long id = put_locked(e);
     if (id < 0) {
         own_.drv.query("rollback");
         return -1;
@@ -65,30 +72,14 @@ long outbox_store::put(const outbox_entry& e, unsigned link) {
     return sqlite_commit(own_.drv) == 0 ? id : -1;
 }
 
-long outbox_store::put(states_transaction& tx, const outbox_entry& e, unsigned link) {
+long outbox_store::put(states_transaction& tx, const outbox_entry& e) {
     tx.holds(own_);
     if (!tx.ok() || !open()) return -1;
-    return put_locked(e, link);
+    return put_locked(e);
 }
 
-long outbox_store::put_locked(const outbox_entry& e, unsigned link) {
+long outbox_store::put_locked(const outbox_entry& e) {
     const bool posting = e.kind == "PS";
-    if (posting &&
-        sqlite_count_bound(own_.drv,
-                           "select count(*) from outbox where kind='PS' and waiting=1 and seq=?",
-                           {e.seq}) > 0) {
-        if (warned_ != link) {
-            warned_ = link;
-            LOG(L_WARNING,
-                "Posting P#%s of room %s was never answered and is forgotten: its number is "
-                "used again",
-                e.seq.c_str(), e.room.c_str());
-        }
-        sqlite_query_bound(own_.drv,
-                           "update outbox set waiting=0 where kind='PS' and waiting=1 and seq=?",
-                           {e.seq});
-        sqlite_query_bound(own_.drv, "delete from outbox where waiting=0 and mark=''", {});
-    }
     if (sqlite_query_bound(own_.drv,
                            "insert into outbox (kind, seq, room, extension, number, date, time, "
                            "record, mark, mark_key, rating_line, billed, amount) values "
@@ -121,9 +112,14 @@ int outbox_store::settle(const char* change, long id, std::optional<long> value)
     return sqlite_query_bound(own_.drv, remove_settled, {id}) == 0 ? 0 : -1;
 }
 
-int outbox_store::written(long id, unsigned link) {
+bool outbox_store::open_keeping_group() {
+    if (!checked_ || !links_reset_) return open();
+    return own_.connect_keeping_group();
+}
+
+int outbox_store::written(long id, unsigned link, bool grouped) {
     db_lock guard(own_.drv);
-    if (!open()) return -1;
+    if (grouped ? !(open_keeping_group() && own_.join_group()) : !open()) return -1;
     return settle("update outbox set sends=sends+1, link=?, waiting=(kind='PS') where id=?", id,
                   static_cast<long>(link));
 }
@@ -137,7 +133,68 @@ int outbox_store::answered(long id) {
 int outbox_store::marked(long id) {
     db_lock guard(own_.drv);
     if (!open()) return -1;
-    return settle("update outbox set mark='' where id=?", id, std::nullopt);
+    return settle("update outbox set mark='', answer='' where id=?", id, std::nullopt);
+}
+
+int outbox_store::marked(const std::vector<long>& ids) {
+    if (ids.empty()) return 0;
+    db_lock guard(own_.drv);
+    if (!open() || sqlite_begin(own_.drv) != 0) return -1;
+    int rc = 0;
+    for (long id : ids)
+        if (settle("update outbox set mark='', answer='' where id=?", id, std::nullopt) != 0)
+            rc = -1;
+    return sqlite_commit(own_.drv) == 0 ? rc : -1;
+}
+
+bool outbox_store::number_waiting(const std::string& seq) {
+    db_lock guard(own_.drv);
+    if (!open_keeping_group()) return false;
+    return sqlite_count_bound(own_.drv,
+                              "select count(*) from outbox where kind='PS' and waiting=1 and seq=?",
+                              {seq}) > 0;
+}
+
+std::optional<outbox_entry> outbox_store::settle_answer(const std::string& seq,
+                                                        const std::string& billok,
+                                                        const std::string& answer) {
+    db_lock guard(own_.drv);
+    if (!open_keeping_group() || !own_.join_group()) return std::nullopt;
+    std::vector<outbox_entry> found;
+    if (sqlite_query_bound(own_.drv, waiting_statement, {seq}) != 0) {
+        own_.drv.free_result();
+        return std::nullopt;
+    }
+    read_rows(found);
+    if (found.empty()) return std::nullopt;
+    const outbox_entry& e = found.front();
+    const int rc =
+        billok.empty()
+            ? settle("update outbox set waiting=0 where id=?", e.id, std::nullopt)
+            : sqlite_query_bound(own_.drv,
+                                 "update outbox set waiting=0, mark=?, mark_key='billok', "
+                                 "answer=? where id=?",
+                                 {billok, answer, e.id});
+    if (rc != 0) return std::nullopt;
+    return found.front();
+}
+
+int outbox_store::sendable(unsigned link, int limit, std::vector<outbox_entry>& out) {
+    db_lock guard(own_.drv);
+    if (!open_keeping_group() ||
+        sqlite_query_bound(own_.drv, sendable_statement,
+                           {static_cast<long long>(max_sends), static_cast<long long>(link),
+                            static_cast<long long>(limit)}) != 0) {
+        own_.drv.free_result();
+        return -1;
+    }
+    read_rows(out);
+    return 0;
+}
+
+int outbox_store::flush_group(bool due_only) {
+    db_lock guard(own_.drv);
+    return own_.flush_group(due_only);
 }
 
 std::optional<outbox_entry> outbox_store::waiting(const std::string& seq) {
@@ -170,19 +227,23 @@ int outbox_store::read(const char* statement, std::initializer_list<long long> n
         own_.drv.free_result();
         return -1;
     }
+    read_rows(out);
+    return 0;
+}
+
+void outbox_store::read_rows(std::vector<outbox_entry>& out) {
     while (own_.drv.fetch_row() == 0) {
         outbox_entry e;
         std::string id;
         own_.drv.fetch_text_field(0, id);
         e.id = atol(id.c_str());
-        std::string* texts[] = {&e.kind, &e.seq,  &e.room,   &e.extension, &e.number,
-                                &e.date, &e.time, &e.record, &e.mark,      &e.mark_key};
-        for (int i = 0; i < 10; i++) own_.drv.fetch_text_field(i + 1, *texts[i]);
-        own_.drv.fetch_int_field(11, &e.sends);
+        std::string* texts[] = {&e.kind, &e.seq,    &e.room, &e.extension, &e.number, &e.date,
+                                &e.time, &e.record, &e.mark, &e.mark_key,  &e.answer};
+        for (int i = 0; i < 11; i++) own_.drv.fetch_text_field(i + 1, *texts[i]);
+        own_.drv.fetch_int_field(12, &e.sends);
         out.push_back(std::move(e));
     }
     own_.drv.free_result();
-    return 0;
 }
 
 long outbox_store::last_posting_number() {
@@ -194,7 +255,14 @@ long outbox_store::last_posting_number() {
 
 int outbox_store::unanswered() {
     db_lock guard(own_.drv);
-    if (!own_.connect()) return -1;
+    if (!own_.connect_keeping_group()) return -1;
     return static_cast<int>(sqlite_count_bound(
         own_.drv, "select count(*) from outbox where kind='PS' and waiting=1", {}));
+}
+
+int outbox_store::unsent() {
+    db_lock guard(own_.drv);
+    if (!own_.connect_keeping_group()) return -1;
+    return static_cast<int>(sqlite_count_bound(
+        own_.drv, "select count(*) from outbox where kind='PS' and waiting=1 and sends=0", {}));
 }

@@ -27,7 +27,8 @@ struct outbox_entry {
     std::string time;
     std::string record;    // the text that goes on the wire
     std::string mark;      // the mark still due: "", "cache", or a database's name
-    std::string mark_key;  // the service key of a database's mark
+    std::string mark_key;  // the service key of a database's mark ("billok": see answer)
+    std::string answer;    // the answer's record text, while its services:billok is due
     int sends = 0;         // how often it was written whole
     // A call priced from the tariff file: the line used ("<file>:<n>"), the
     // seconds billed and the amount ("TA"); else "", -1, -1.
@@ -41,44 +42,63 @@ class outbox_store {
     explicit outbox_store(states_connection& own) : own_(own) {}
 
     // Any thread may call; -1 when the file cannot be written.
-    // Writes `e` (a posting also as the last number used). A posting still
-    // waiting under the same "P#" is forgotten, with a WARNING once per
-    // `link`. Its id, or -1.
-    long put(const outbox_entry& e, unsigned link);
+    // Writes `e` (a posting also as the last number used). Its id, or -1.
+    long put(const outbox_entry& e);
     // The same inside `tx` (made on this store's connection): nothing is
     // committed or rolled back here.
-    long put(states_transaction& tx, const outbox_entry& e, unsigned link);
-    // `id` was written whole on the link numbered `link`.
-    int written(long id, unsigned link);
+    long put(states_transaction& tx, const outbox_entry& e);
+    // `id` was written whole on the link numbered `link`. `grouped`: the
+    // change joins the connection's group (states_connection::join_group).
+    int written(long id, unsigned link, bool grouped = false);
     // The posting `seq` if it waits for its answer.
     std::optional<outbox_entry> waiting(const std::string& seq);
+    // Whether a posting numbered `seq` waits (for its answer, or to be sent):
+    // its number is not to be used again until then.
+    bool number_waiting(const std::string& seq);
+    // Settles the oldest posting `seq` that waits for its answer, in one
+    // step, and returns it; nothing when none waits (answered already, or
+    // never sent). With `billok` (a database name) its services:billok is
+    // left due in the entry, with `answer` (the answer's record text) to run
+    // it from. The change joins the connection's group.
+    std::optional<outbox_entry> settle_answer(const std::string& seq, const std::string& billok,
+                                              const std::string& answer);
     // The answer to posting `id` was acted on.
     int answered(long id);
-    // The mark of `id` ran.
+    // The mark of `id` ran (of each of `ids`, in one transaction).
     int marked(long id);
+    int marked(const std::vector<long>& ids);
     // What is to be written on the link numbered `link`: what was never
     // written whole, and the unanswered postings last written on another link
     // (or before a restart), each once per link and at most max_sends times
     // in all. In order.
     static constexpr int max_sends = 5;
     int to_send(unsigned link, std::vector<outbox_entry>& out);
+    // The same for the posting sender, at most `limit` entries, leaving out
+    // those whose mark is still due (they go once it ran).
+    int sendable(unsigned link, int limit, std::vector<outbox_entry>& out);
     // The entries whose mark is still due, in order.
     int marks_due(std::vector<outbox_entry>& out);
     // The last posting number used, or -1 when none is known.
     long last_posting_number();
-    // The postings waiting for their answers; -1 when the file cannot be read
-    // (nothing logged).
+    // The postings waiting for their answers; -1 when the file cannot be
+    // read (nothing logged).
     int unanswered();
+    // Postings not yet written on any link.
+    int unsent();
+    // Commits the connection's group once its period has passed (`due_only`)
+    // or now.
+    int flush_group(bool due_only);
 
   private:
     bool open() REQUIRES(own_.drv);
-    long put_locked(const outbox_entry& e, unsigned link) REQUIRES(own_.drv);
+    long put_locked(const outbox_entry& e) REQUIRES(own_.drv);
+    bool open_keeping_group() REQUIRES(own_.drv);
     int settle(const char* change, long id, std::optional<long> value) REQUIRES(own_.drv);
     int read(const char* statement, std::initializer_list<long long> numbers,
              const std::string* text, std::vector<outbox_entry>& out);
+    void read_rows(std::vector<outbox_entry>& out) REQUIRES(own_.drv);
 
     states_connection& own_;
     bool checked_ GUARDED_BY(own_.drv) = false;
     bool links_reset_ GUARDED_BY(own_.drv) = false;  // entries of earlier runs: on no link
-    unsigned warned_ GUARDED_BY(own_.drv) = 0;       // the link last warned about
 };

@@ -121,7 +121,7 @@ int states_file::open(const std::string& path, bool quiet_checks) {
 long states_file::wakeup_finish(long booking, const outbox_entry& result) {
     states_transaction tx(own_);
     if (wakeups_.remove(tx, booking) != 0) return -1;
-    const long id = outbox_.put(tx, result, 0);
+    const long id = outbox_.put(tx, result);
     if (id < 0 || tx.commit() != 0) return -1;
     return id;
 }
@@ -163,9 +163,10 @@ int states_file::forget_guest(const std::string& room, const std::vector<std::st
 }
 
 void states_file::close_idle() {
-    for (dbdriver_t* drv : {&main_.drv, &own_.drv}) {
-        if (!drv->try_lock()) continue;
-        drv->close();
-        drv->unlock();
+    for (states_connection* c : {&main_, &own_}) {
+        if (!c->drv.try_lock()) continue;
+        c->flush_group();
+        c->drv.close();
+        c->drv.unlock();
     }
 }

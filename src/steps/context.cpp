@@ -74,8 +74,7 @@ int run_service_template(const record_context& ctx, const opt_text& service, con
     db_lock guard(*drv);
     if (drv->is_connected()) drv->reconnect();
     if (under_lock) query = prepare();
-    drv->query(query.c_str());
-    return 0;
+    return drv->query(query.c_str()) < 0 ? -1 : 0;
 }
 
 int run_service(const record_context& ctx, const char* key, const opt_text& service,
@@ -92,6 +91,7 @@ int run_service(const record_context& ctx, const char* key, const opt_text& serv
                                         f.seq);
         const bool each = !own_number && step->find("%exten%") != std::string::npos;
         int result = -1;
+        bool failed = false;
         for (size_t i = 0; i < (each ? extensions.size() : 1); ++i) {
             const opt_text text = adapt ? adapt(*step, i) : step;
             if (!text) continue;
@@ -104,8 +104,9 @@ int run_service(const record_context& ctx, const char* key, const opt_text& serv
                          ? run_action_step(ctx, filled.substr(4), g)
                          : run_service_template(ctx, filled, g.rn, g.name, g.lang, g.shared, g.date,
                                                 g.time, g.seq);
+            failed = failed || result < 0;
         }
-        return result;
+        return failed ? -1 : result;
     };
     const int result = run(service);
     auto more = ctx.cfg->more_steps.find(key);

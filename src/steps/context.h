@@ -59,8 +59,8 @@ struct step_fields {
 
 // Runs one service string: "driver:template" on a configured database, or
 // "ami:Action|Header=value|..." as a Manager action. Returns 0 when the step
-// was run (whatever its result), 1 when there is nothing to run (no service
-// string), -1 when the driver is not found or the string has no statement.
+// was run, 1 when there is nothing to run (no service string), -1 when the
+// driver is not found, the string has no statement or the statement failed.
 int run_service_template(const record_context& ctx, const opt_text& service, const fias_field_t* rn,
                          const fias_field_t* name, const fias_field_t* lang,
                          const fias_field_t* shared, const fias_field_t* date,
@@ -74,7 +74,8 @@ using step_adapter = std::function<opt_text(const std::string& step, size_t inde
 // steps "<key>.2" ... "<key>.9" that are configured, in order; a failed step
 // is logged and the next one runs. A step whose text has "%exten%" runs for
 // every extension of the room ([extensions]), in order, with %exten% the
-// extension; "%room%" is the room. The result is that of `service`.
+// extension; "%room%" is the room. The result is that of `service` (-1 when
+// it failed for any extension).
 int run_service(const record_context& ctx, const char* key, const opt_text& service,
                 const step_fields& f, const step_adapter& adapt = nullptr);
 

@@ -435,7 +435,7 @@ wakeup_dialer::work wakeup_dialer::pass(const config& cfg, long now) {
 // The result, stored with the booking's end, goes out now if it may; the
 // alert runs once.
 void wakeup_dialer::report(const ended& e, const config& cfg) {
-    if (e.report.id > 0) send_stored({parts_.link, parts_.states, parts_.audit}, e.report);
+    if (e.report.id > 0) send_stored({parts_.link, parts_.states, parts_.audit, parts_.sender}, e.report);
     if (e.result != "OK" && cfg.wakeup.alert) run_alert(e, cfg);
 }
 

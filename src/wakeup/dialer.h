@@ -37,6 +37,8 @@
 #include "states/states.h"
 #include "thread_annotations.h"
 
+class posting_sender;
+
 class wakeup_dialer {
   public:
     struct parts {
@@ -46,6 +48,7 @@ class wakeup_dialer {
         audit_window& audit;
         notifier& notify;
         const mgr_session_slot& manager;
+        posting_sender* sender = nullptr;  // with [fixes] posting: writes the results
     };
 
     explicit wakeup_dialer(const parts& p);
