@@ -17,6 +17,7 @@
 //   drop            close the client's connection cleanly
 //   reset           reset the client's connection
 //   pause, resume   stop reading from the client, read again
+//   silent on|off   answer nothing (a hung PMS: reads, keeps the connection)
 //   answer ok|refuse|none [TEXT]   change how "PS" records are answered
 //   gc ROOM NAME [OLDROOM]         send "GC" (a room move with OLDROOM)
 //   occupied [ROOM:NAME ...]       answer each "DR" with "DS", one "GI" per
@@ -194,6 +195,10 @@ bool run_command(pms_sim& sim, const std::string& line, size_t& wait_cursor,
     }
     if (line == "pause" || line == "resume") {
         sim.pause_reading(line == "pause");
+        return true;
+    }
+    if (line == "silent on" || line == "silent off") {
+        sim.set_silent(line == "silent on");
         return true;
     }
     if (line.rfind("answer ", 0) == 0) {

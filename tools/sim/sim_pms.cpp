@@ -315,8 +315,11 @@ void pms_sim::handle_frame(const std::string& text) {
     answer_mode mode;
     std::string refuse_text;
     std::optional<std::vector<guest>> occupied;
+    bool active;
     {
         mutex_lock guard(mutex_);
+        if (silent_) return;
+        active = link_active_;
         mode = opts_.answer;
         refuse_text = opts_.refuse_text;
         occupied = occupied_;
@@ -328,7 +331,9 @@ void pms_sim::handle_frame(const std::string& text) {
     }
 
     if (opts_.play_link) {
-        if (starts_with(text, "LS")) {
+        if (starts_with(text, "LS") && active) {
+            send_record(local_time_text("LA|DA%y%m%d|TI%H%M%S|"));
+        } else if (starts_with(text, "LS")) {
             ls_answered_ = true;
             ld_seen_ = false;
             {
@@ -417,6 +422,11 @@ void pms_sim::pause_reading(bool paused) {
     // Wake the thread so that it polls with the new setting.
     uint64_t one = 1;
     [[maybe_unused]] ssize_t n = write(wake_fd_, &one, sizeof one);
+}
+
+void pms_sim::set_silent(bool silent) {
+    mutex_lock guard(mutex_);
+    silent_ = silent;
 }
 
 void pms_sim::record(bool incoming, const std::string& text, bool raw) {

@@ -8,7 +8,8 @@
 // What it plays on its own (each can be switched off in pms_sim::options):
 //  - link start-up: the daemon's "LS" is answered with "LS|DA..|TI..|"; once
 //    the daemon has sent its "LD" (and its "LR" records) and then "LA", the
-//    simulator answers "LA|DA..|TI..|" and counts the link as active;
+//    simulator answers "LA|DA..|TI..|" and counts the link as active; an
+//    "LS" on an active link is an alive check, answered "LA|DA..|TI..|";
 //  - postings: each "PS" is answered with a "PA" carrying AS, then RN, P#, DA
 //    and TI copied from the "PS" (fields the "PS" lacks are left out); AS is
 //    "OK" (answer_mode::ok) or the refusal text (answer_mode::refuse), or no
@@ -128,6 +129,10 @@ class pms_sim {
     // Stops reading from the client (its writes pile up and then block),
     // or reads again.
     void pause_reading(bool paused);
+    // A hung PMS, or one again: while silent, everything received is read
+    // and kept, nothing is answered and the connection stays (also for later
+    // clients).
+    void set_silent(bool silent);
 
     bool connected() const;
     // Number of clients accepted so far.
@@ -213,6 +218,7 @@ class pms_sim {
     int tls_failures_ GUARDED_BY(mutex_) = 0;
     bool stopping_ GUARDED_BY(mutex_) = false;
     bool paused_ GUARDED_BY(mutex_) = false;  // not reading from the client
+    bool silent_ GUARDED_BY(mutex_) = false;  // answering nothing
     // What "DR" is answered with.
     std::optional<std::vector<guest>> occupied_ GUARDED_BY(mutex_);
 
