@@ -1,8 +1,8 @@
 // pms_sim: a PMS that the daemon can connect to, on 127.0.0.1.
 //
 //   pms_sim [--port N] [--port-file F] [--answer ok|refuse|none]
-//           [--refuse-text T] [--no-link] [--script FILE] [--exit-after-script]
-//           [--tls-cert PEM --tls-key PEM]
+//           [--refuse-text T] [--answer-delay SECONDS] [--no-link]
+//           [--script FILE] [--exit-after-script] [--tls-cert PEM --tls-key PEM]
 //
 // Prints every frame it receives ("HH:MM:SS.mmm <- TEXT") and sends
 // ("HH:MM:SS.mmm -> TEXT"), one line each, and notes ("HH:MM:SS.mmm -- ...").
@@ -26,6 +26,8 @@
 //   # ...           comment; blank lines are skipped
 // It ends on SIGTERM or SIGINT, or after the last command with
 // --exit-after-script. --port-file receives the port once it listens.
+// --answer-delay answers each "PS" that many seconds (fractions allowed, e.g.
+// 0.00005 or 0.3) after it came, in order, while reading goes on.
 // With --tls-cert and --tls-key it serves TLS with that certificate and key.
 #include <fcntl.h>
 #include <poll.h>
@@ -33,6 +35,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -52,7 +55,7 @@ bool stop_requested = false;
 void usage(const char* prog) {
     fprintf(stderr,
             "usage: %s [--port N] [--port-file F] [--answer ok|refuse|none] [--refuse-text T]\n"
-            "          [--no-link] [--script FILE] [--exit-after-script]\n"
+            "          [--answer-delay SECONDS] [--no-link] [--script FILE] [--exit-after-script]\n"
             "          [--tls-cert PEM --tls-key PEM]\n",
             prog);
 }
@@ -269,6 +272,15 @@ int main(int argc, char** argv) {
             }
         } else if (arg == "--refuse-text" && has_value) {
             opts.refuse_text = argv[++i];
+        } else if (arg == "--answer-delay" && has_value) {
+            const char* text = argv[++i];
+            char* end = nullptr;
+            const double secs = strtod(text, &end);
+            if (end == text || *end != '\0' || !(secs >= 0 && secs <= 86400)) {
+                usage(argv[0]);
+                return 2;
+            }
+            opts.answer_delay = std::chrono::microseconds(std::llround(secs * 1e6));
         } else if (arg == "--no-link") {
             opts.play_link = false;
         } else if (arg == "--script" && has_value) {
