@@ -331,6 +331,18 @@ void warn_status(const config& cfg, bool bind) {
             why.c_str());
 }
 
+// Settings that work but go against the PMS vendor's advice: each logs a
+// WARNING that is no problem of the file. Returns how many it logged.
+unsigned long advise(const config& cfg) {
+    const long alive = static_cast<long>(cfg.alive_interval().count());
+    if (alive == 0 || alive >= 300) return 0;
+    LOG(L_WARNING,
+        "pms:alive_interval = %ld checks the PMS more often than its vendor advises (every 300 s "
+        "at most): not counted as a problem",
+        alive);
+    return 1;
+}
+
 // Every broken line of the tariff file.
 void check_tariffs(const config& cfg) {
     if (!cfg.rating.tariffs) return;
@@ -344,6 +356,7 @@ void check_tariffs(const config& cfg) {
 int test_configuration(const std::string& path, int level) {
     logger_init("", 2, 0, 0);  // WARNING and ERROR, on standard error
     config cfg;
+    unsigned long advice = 0;
     if (!parse_config_file(path, cfg)) {
         LOG(L_ERROR, "Unable to open configuration file %s", path.c_str());
     } else {
@@ -356,8 +369,9 @@ int test_configuration(const std::string& path, int level) {
         warn_tls_files(cfg);
         warn_status(cfg, level >= 2);
         check_tariffs(cfg);
+        advice = advise(cfg);
     }
-    const unsigned long problems = logger_problem_count();
+    const unsigned long problems = logger_problem_count() - advice;
     if (problems == 0)
         printf("%s: usable\n", path.c_str());
     else

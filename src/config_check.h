@@ -19,7 +19,8 @@ void check_configuration(const config& cfg);
 // the load to standard error (in the log's line format); also the templates
 // that are never run and the database sections for which no driver can be
 // made. Only with `level` 2 (-tt) are the databases connected to, and those
-// that cannot be reached reported. Then one line on standard output:
-// "<path>: usable" or "<path>: N problems".
+// that cannot be reached reported. Settings against the PMS vendor's advice
+// (pms:alive_interval below 300 s) are warned of but are no problem. Then
+// one line on standard output: "<path>: usable" or "<path>: N problems".
 // Returns the exit status: 0 when nothing was found, 1 otherwise.
 int test_configuration(const std::string& path, int level);

@@ -335,6 +335,15 @@ class daemon_process {
         return false;
     }
 
+    // With alive checks or answer time-outs (pms:alive_interval,
+    // pms:answer_timeout): a PMS that stays silent is checked, and loses its
+    // link when it does not answer.
+    void watch_pms() {
+        const config_ptr cfg = configs->current();
+        if (cfg->alive_interval().count() == 0 && cfg->answer_timeout().count() == 0) return;
+        link->watch_silence(cfg->alive_interval(), cfg->link_answer_timeout());
+    }
+
     void install_signal_handlers() {
         signal_set_deferred(SIGHUP, [this](int signo) { sig_hup(signo); });
         signal_set_deferred(SIGTERM, [this](int signo) { sig_term(signo); });
@@ -426,6 +435,7 @@ class daemon_process {
             o.write_limit = std::chrono::milliseconds(cfg.pms_write_timeout_ms);
         }
         if (cfg.pms_tls) o.tls = tls_settings_of(cfg);
+        o.keepalive = cfg.alive_interval();
         return o;
     }
 
@@ -627,6 +637,7 @@ int main(int argc, char** argv) {
     for (;;) {
         notify.beat(notify_part::main_loop);
         sync.watch(link);
+        state.watch_pms();
         if (!link.is_open() && !state.connect_pms()) {
             signal_handle_all();
             std::this_thread::sleep_for(std::chrono::seconds(1));
@@ -640,6 +651,9 @@ int main(int argc, char** argv) {
             if (!state.pms_moved) LOG(L_WARNING, "Connection to PMS lost");
             state.pms_moved = false;
             link.drop();
+        } else if (link.answered_alive_check()) {
+            LOG(L_DEBUG, "Alive check answered: %s", fias_shown(buffer).c_str());
+            metrics::record_received(buffer);
         } else {
             LOG(L_DEBUG, "Read %s", fias_shown(buffer).c_str());
             if (!is_link_record(buffer)) notify.record(buffer);

@@ -145,8 +145,8 @@ TEST_F(CommandLine, UsageAMissingConfigurationOrStatesFileAndTheConfigurationChe
     EXPECT_EQ(0, status) << out;
     EXPECT_NE(std::string::npos, out.find("orlanbeck.conf: usable")) << out;
     const std::string bad = run.dir().file("bad.conf"), states = run.dir().file("bad-states.db");
-    write_file(bad, "[fixes]\nbogus = yes\nmysql = yes\n[pms]\nstatesfile = " + states +
-                        "\n[pbx]\ndbdriver = sqlite\ndatabase = " + run.pbx_file() +
+    write_file(bad, "[fixes]\nbogus = yes\nmysql = yes\n[pms]\nalive_interval = 60\nstatesfile = " +
+                        states + "\n[pbx]\ndbdriver = sqlite\ndatabase = " + run.pbx_file() +
                         "\n[crm]\ndbdriver = mysql\nhost = 127.0.0.1\nport = " +
                         std::to_string(pick_free_port()) +
                         "\n[old]\ndbdriver = oracle\n"
@@ -171,7 +171,10 @@ TEST_F(CommandLine, UsageAMissingConfigurationOrStatesFileAndTheConfigurationChe
           "Service steps send Manager actions, but services:cdr_mgr_host is not set",
           "[ami] is a database section", "extension 2101 is in rooms 101 and 102",
           "status:listen = \"localhost:99999\" is no address",
-          "tariffs.csv:3: valid_from \"tomorrow\" is not a date", "bad.conf: 15 problems"})
+          "tariffs.csv:3: valid_from \"tomorrow\" is not a date",
+          // Advice, not counted.
+          "pms:alive_interval = 60 checks the PMS more often than its vendor advises",
+          "bad.conf: 15 problems"})
         EXPECT_NE(std::string::npos, out.find(text)) << text << "\n" << out;
     EXPECT_EQ(std::string::npos, out.find("Can not connect")) << out;
     out = run_to_end({bin, "-tt", "-c", bad}, &status);

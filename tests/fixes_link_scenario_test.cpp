@@ -107,6 +107,54 @@ TEST(FixesLink, RecordsComeInOrderAtOnceAndALostLinkIsMadeAgainAtOnce) {
     ASSERT_TRUE(wait_until([&] { return run.pbx("select count(*) from log")[0][0] == "203"; }));
 }
 
+// Alive checks (pms:alive_interval, here without [fixes]): a PMS that
+// answers them keeps its link, checked once per interval at most and with no
+// second start-up; one that goes silent loses it within alive_interval +
+// answer_timeout + 1 s, and a start-up that it leaves unanswered is given up.
+TEST(FixesLink, AliveChecksKeepAnAnsweringPmsAndReplaceASilentOne) {
+    daemon_run run;
+    run.set("pms", "alive_interval", "4").set("pms", "answer_timeout", "2");
+    run.set("pms", "resync", "yes");
+    ASSERT_TRUE(run.start()) << run.log();
+    ASSERT_TRUE(run.pms.wait_for_count("LS|", 3, 12s)) << run.log();  // start-up, 2 checks
+    std::this_thread::sleep_for(200ms);                               // the last answer
+    std::vector<std::chrono::system_clock::time_point> checks;
+    for (const pms_sim::frame& f : run.pms.transcript())
+        if (f.incoming && f.text.rfind("LS|", 0) == 0) checks.push_back(f.when);
+    ASSERT_EQ(3u, checks.size());
+    EXPECT_GE(checks[2] - checks[1], 3900ms);
+    EXPECT_GE(checks[1] - checks[0], 3900ms);
+    EXPECT_EQ(1, run.pms.connections());
+    EXPECT_EQ(1u, run.pms.count_frames("DR|"));
+    EXPECT_EQ(1u, run.pms.count_frames("LD|"));
+    EXPECT_EQ(1u, run.count_log("Received Link active packet"));
+    EXPECT_EQ(2u, run.count_log("Alive check answered: LA|"));
+
+    run.pms.set_silent(true);
+    std::chrono::system_clock::time_point last_answer;
+    for (const pms_sim::frame& f : run.pms.transcript())
+        if (!f.incoming) last_answer = f.when;
+    ASSERT_TRUE(wait_until([&] { return run.pms.connections() == 2; }, 10s)) << run.log();
+    const auto replaced = std::chrono::system_clock::now() - last_answer;
+    EXPECT_GE(replaced, 5900ms);
+    EXPECT_LE(replaced, 7s);
+    const std::string pms = "PMS 127.0.0.1:" + std::to_string(run.pms_port());
+    EXPECT_TRUE(has_line_like(run.log(), kStamp +
+                                             ":  WARNING[@]: link.cpp:@ in watch_silence: " + pms +
+                                             ": silent for @ s, no answer to the alive check "
+                                             "within 2 s: the link is given up"))
+        << run.log();
+    // The new link's start-up is not answered either.
+    ASSERT_TRUE(wait_until([&] { return run.pms.connections() == 3; }, 4s)) << run.log();
+    EXPECT_NE(std::string::npos,
+              run.log().find(pms + ": no answer to the link start-up within 2 s: the link is "
+                                   "given up"))
+        << run.log();
+    run.pms.set_silent(false);
+    ASSERT_TRUE(run.pms.wait_link_active(10s)) << run.log();
+    EXPECT_EQ(0u, run.count_log("Connection to PMS lost"));
+}
+
 // A PMS whose accept queue is full (plain TCP, [fixes] deadlines), and one
 // that accepts but never answers the TLS handshake (TLS always has its
 // deadline): each attempt costs the deadline, logged, and is retried.

@@ -1,8 +1,8 @@
 // pms_sim: a PMS that the daemon can connect to, on 127.0.0.1.
 //
 //   pms_sim [--port N] [--port-file F] [--answer ok|refuse|none]
-//           [--refuse-text T] [--no-link] [--script FILE] [--exit-after-script]
-//           [--tls-cert PEM --tls-key PEM]
+//           [--refuse-text T] [--answer-delay SECONDS] [--no-link]
+//           [--script FILE] [--exit-after-script] [--tls-cert PEM --tls-key PEM]
 //
 // Prints every frame it receives ("HH:MM:SS.mmm <- TEXT") and sends
 // ("HH:MM:SS.mmm -> TEXT"), one line each, and notes ("HH:MM:SS.mmm -- ...").
@@ -17,6 +17,7 @@
 //   drop            close the client's connection cleanly
 //   reset           reset the client's connection
 //   pause, resume   stop reading from the client, read again
+//   silent on|off   answer nothing (a hung PMS: reads, keeps the connection)
 //   answer ok|refuse|none [TEXT]   change how "PS" records are answered
 //   gc ROOM NAME [OLDROOM]         send "GC" (a room move with OLDROOM)
 //   occupied [ROOM:NAME ...]       answer each "DR" with "DS", one "GI" per
@@ -25,6 +26,8 @@
 //   # ...           comment; blank lines are skipped
 // It ends on SIGTERM or SIGINT, or after the last command with
 // --exit-after-script. --port-file receives the port once it listens.
+// --answer-delay answers each "PS" that many seconds (fractions allowed, e.g.
+// 0.00005 or 0.3) after it came, in order, while reading goes on.
 // With --tls-cert and --tls-key it serves TLS with that certificate and key.
 #include <fcntl.h>
 #include <poll.h>
@@ -32,6 +35,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -51,7 +55,7 @@ bool stop_requested = false;
 void usage(const char* prog) {
     fprintf(stderr,
             "usage: %s [--port N] [--port-file F] [--answer ok|refuse|none] [--refuse-text T]\n"
-            "          [--no-link] [--script FILE] [--exit-after-script]\n"
+            "          [--answer-delay SECONDS] [--no-link] [--script FILE] [--exit-after-script]\n"
             "          [--tls-cert PEM --tls-key PEM]\n",
             prog);
 }
@@ -196,6 +200,10 @@ bool run_command(pms_sim& sim, const std::string& line, size_t& wait_cursor,
         sim.pause_reading(line == "pause");
         return true;
     }
+    if (line == "silent on" || line == "silent off") {
+        sim.set_silent(line == "silent on");
+        return true;
+    }
     if (line.rfind("answer ", 0) == 0) {
         std::string rest = trim(line.substr(7));
         std::string word = rest.substr(0, rest.find(' '));
@@ -264,6 +272,15 @@ int main(int argc, char** argv) {
             }
         } else if (arg == "--refuse-text" && has_value) {
             opts.refuse_text = argv[++i];
+        } else if (arg == "--answer-delay" && has_value) {
+            const char* text = argv[++i];
+            char* end = nullptr;
+            const double secs = strtod(text, &end);
+            if (end == text || *end != '\0' || !(secs >= 0 && secs <= 86400)) {
+                usage(argv[0]);
+                return 2;
+            }
+            opts.answer_delay = std::chrono::microseconds(std::llround(secs * 1e6));
         } else if (arg == "--no-link") {
             opts.play_link = false;
         } else if (arg == "--script" && has_value) {

@@ -4,10 +4,12 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -76,6 +78,29 @@ bool resolve(const std::string& host, sockaddr_in* out) {
     memcpy(out, res->ai_addr, sizeof *out);
     freeaddrinfo(res);
     return true;
+}
+
+// TCP keep-alive on `sock`: the first probe after `idle` without traffic,
+// then every 10 s, and the connection is lost after 3 unanswered probes.
+void set_keepalive(int sock, std::chrono::seconds idle) {
+    const int on = 1, every = 10, probes = 3;
+    // The system takes at most 32767 s.
+    const int first = static_cast<int>(std::min<long long>(idle.count(), 32767));
+    setsockopt(sock, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    setsockopt(sock, IPPROTO_TCP, TCP_KEEPIDLE, &first, sizeof first);
+    setsockopt(sock, IPPROTO_TCP, TCP_KEEPINTVL, &every, sizeof every);
+    setsockopt(sock, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
+}
+
+// The record that starts the link, and also checks that it is alive.
+std::string link_start_text() {
+    return local_time_text(time(nullptr), "LS|DA%y%m%d|TI%H%M%S|");
+}
+
+// Whether a record text (ETX or not) is of type `type` ("LA").
+bool is_type(const std::string& record, const char* type) {
+    return record.compare(0, 2, type) == 0 &&
+           (record.size() == 2 || record[2] == '|' || record[2] == ETX);
 }
 
 // "3 s", "0.5 s".
@@ -153,6 +178,7 @@ int pms_link::connect(const std::string& host, int port) {
 
     int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (sock < 0) return -1;
+    if (keepalive_.count() > 0) set_keepalive(sock, keepalive_);
     outcome made;
     if (bounded)
         made = connect_until(sock, sin, deadline);
@@ -194,7 +220,7 @@ int pms_link::connect(const std::string& host, int port) {
         setsockopt(sock, SOL_SOCKET, SO_SNDBUF, &buffer, sizeof buffer);
     }
     attach(sock, std::move(session), peer);
-    send_raw(local_time_text(time(nullptr), "LS|DA%y%m%d|TI%H%M%S|").c_str());
+    send_raw(link_start_text().c_str());
     return 0;
 }
 
@@ -216,6 +242,9 @@ void pms_link::attach(int fd, std::unique_ptr<tls_session> tls, const std::strin
     link_number_++;
     in_record_ = false;
     partial_.clear();
+    last_heard_ = steady::now();
+    alive_sent_.reset();
+    alive_answer_ = false;
 }
 
 void pms_link::drop() {
@@ -404,12 +433,42 @@ int read_byte(int sock, tls_session* tls, short* wait, char* c) {
     }
 }
 
-bool is_link_end(const std::string& record) {
-    return record.compare(0, 2, "LE") == 0 &&
-           (record.size() == 2 || record[2] == '|' || record[2] == ETX);
+}  // namespace
+
+bool pms_link::watch_silence(std::chrono::seconds alive, std::chrono::seconds wait) {
+    if (!open_ || ended_) return false;
+    const steady::time_point now = steady::now();
+    const auto silent = std::chrono::duration_cast<std::chrono::seconds>(now - last_heard_);
+    std::string why;
+    if (!active()) {
+        if (now - last_heard_ < wait) return false;
+        why = "no answer to the link start-up within " + std::to_string(wait.count()) + " s";
+    } else if (alive_sent_) {
+        if (now - *alive_sent_ < wait) return false;
+        why = "silent for " + std::to_string(silent.count()) +
+              " s, no answer to the alive check within " + std::to_string(wait.count()) + " s";
+    } else {
+        if (alive.count() > 0 && now - last_heard_ >= alive) {
+            alive_sent_ = now;
+            send_raw(link_start_text().c_str());
+        }
+        return false;
+    }
+    std::string peer;
+    {
+        mutex_lock guard(write_mutex_);
+        peer = peer_;
+    }
+    LOG(L_WARNING, "PMS %s: %s: the link is given up", peer.c_str(), why.c_str());
+    drop();
+    return true;
 }
 
-}  // namespace
+void pms_link::heard() {
+    last_heard_ = steady::now();
+    alive_answer_ = alive_sent_ && is_type(partial_, "LA");
+    alive_sent_.reset();
+}
 
 int pms_link::read_packet(char* packet, int maxlen) {
     if (maxlen < 1) return 0;
@@ -421,6 +480,7 @@ int pms_link::read_packet(char* packet, int maxlen) {
     for (;;) {
         if (in_record_ && static_cast<int>(partial_.size()) >= maxlen - 1) {
             in_record_ = false;  // cut; the rest of the record follows as stray bytes
+            heard();
             memcpy(packet, partial_.data(), partial_.size());
             packet[partial_.size()] = '\0';
             return static_cast<int>(partial_.size());
@@ -451,11 +511,12 @@ int pms_link::read_packet(char* packet, int maxlen) {
             continue;
         }
         in_record_ = false;
+        heard();
         const int count = static_cast<int>(partial_.size());
         memcpy(packet, partial_.data(), partial_.size());
         packet[count] = ETX;
         packet[count + 1] = '\0';
-        if (link_end_ && is_link_end(partial_)) {
+        if (link_end_ && is_type(partial_, "LE")) {
             LOG(L_DEBUG, "Read %s", fias_shown(packet).c_str());
             return -1;  // the PMS ends the link
         }

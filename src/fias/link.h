@@ -14,6 +14,11 @@
 //    it down; the reader then returns -1 and the main thread drops it.
 //  - The link is "active" once the PMS has sent "LA" (set_active), until it
 //    is dropped.
+//  - The main thread watches the PMS's silence (watch_silence) between two
+//    reads: every whole record read counts as the PMS speaking. An active
+//    link that stays silent gets an alive check, an "LS" like the start-up
+//    one; an "LA" that answers it is no link start-up (answered_alive_check).
+//    A check or a start-up that no record answers in time gives the link up.
 //  - How a link ends (options::link_end) is decided here alone, with the
 //    options in force when it was connected.
 //  - With deadlines (options::connect_limit), a name that does not resolve in
@@ -63,6 +68,9 @@ class pms_link {
         std::chrono::milliseconds write_limit{0};
         // The link runs over TLS with these settings.
         std::optional<tls_settings> tls;
+        // Non-zero: the socket has TCP keep-alive, first probe after this
+        // long without traffic (at most 32767 s), then every 10 s, 3 probes.
+        std::chrono::seconds keepalive{0};
     };
 
     pms_link() = default;
@@ -78,6 +86,7 @@ class pms_link {
         connect_limit_ = o.connect_limit;
         write_limit_ms_ = static_cast<long>(o.write_limit.count());
         tls_settings_ = o.tls;
+        keepalive_ = o.keepalive;
     }
     // Connects to host:port and sends "LS". 0, or -1 (the link stays down).
     // `interface` is not used for connecting.
@@ -105,6 +114,17 @@ class pms_link {
     // every call. At the end of the stream it waits a second and returns
     // idle: a peer that has gone quiet is not reported.
     int read_packet(char* packet, int maxlen);
+    // Whether the record read_packet() returned last is an "LA" that answers
+    // an alive check: the link goes on as it was, and nothing of a link
+    // start-up is to be done for it.
+    bool answered_alive_check() const { return alive_answer_; }
+    // Acts on the PMS's silence, counted from its last whole record (or from
+    // the connection). An active link silent for `alive` (zero: no alive
+    // checks) gets an alive check "LS". An alive check, or a link start-up
+    // (an open link not yet active), that no record answers within `wait`
+    // costs the link: a WARNING naming the PMS, and the link is dropped.
+    // True when the link was dropped.
+    bool watch_silence(std::chrono::seconds alive, std::chrono::seconds wait);
 
     // --- any thread -----------------------------------------------------------
     // Frames and writes one record text. Returns the bytes written (text + 2)
@@ -141,6 +161,8 @@ class pms_link {
     // the lookup is still running then.
     bool resolve_until(const std::string& host, std::chrono::steady_clock::time_point deadline,
                        sockaddr_in* out, bool* late);
+    // A whole record came from the PMS (partial_ holds it).
+    void heard();
 
     struct lookup_result {
         bool found = false;
@@ -170,7 +192,14 @@ class pms_link {
     std::optional<tls_settings> tls_settings_;
     std::string lookup_host_;
     std::future<lookup_result> lookup_;
+    std::chrono::seconds keepalive_{0};
     // The record being read (main thread only): STX seen, and its bytes.
     bool in_record_ = false;
     std::string partial_;
+    // The PMS's silence (main thread only): when its last whole record came
+    // (or the link was attached), the alive check waiting for an answer, and
+    // whether the last record answered one.
+    std::chrono::steady_clock::time_point last_heard_;
+    std::optional<std::chrono::steady_clock::time_point> alive_sent_;
+    bool alive_answer_ = false;
 };

@@ -5,6 +5,7 @@
 #include <openssl/ssl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -187,6 +188,11 @@ void pms_sim::set_answer(answer_mode mode, const std::string& refuse_text) {
     opts_.refuse_text = refuse_text;
 }
 
+void pms_sim::set_answer_delay(std::chrono::microseconds delay) {
+    mutex_lock guard(mutex_);
+    opts_.answer_delay = delay;
+}
+
 void pms_sim::set_occupied(std::optional<std::vector<guest>> occupied) {
     mutex_lock guard(mutex_);
     occupied_ = std::move(occupied);
@@ -211,6 +217,9 @@ bool pms_sim::send_night_audit(bool start) {
 void pms_sim::run() {
     char buf[4096];
     int client = -1;  // client_fd_, which only this thread changes
+    // Delayed answers wake this thread on time: the default slack of the
+    // thread's timers (50 us) would be as long as a short delay.
+    prctl(PR_SET_TIMERSLACK, 1UL, 0, 0, 0);
     for (;;) {
         pollfd fds[2] = {{wake_fd_, POLLIN, 0}, {-1, POLLIN, 0}};
         fds[1].fd = client >= 0 ? client : listen_fd_;
@@ -218,7 +227,13 @@ void pms_sim::run() {
             mutex_lock guard(mutex_);
             if (paused_ && client >= 0) fds[1].fd = -1;  // poll ignores it
         }
-        int n = poll(fds, 2, -1);
+        timespec wait_ts{};
+        const auto wait = send_due_answers();
+        if (wait) {
+            wait_ts.tv_sec = static_cast<time_t>(wait->count() / 1000000000);
+            wait_ts.tv_nsec = static_cast<long>(wait->count() % 1000000000);
+        }
+        int n = ppoll(fds, 2, wait ? &wait_ts : nullptr, nullptr);
         if (n < 0 && errno != EINTR) break;
         {
             mutex_lock guard(mutex_);
@@ -244,6 +259,7 @@ void pms_sim::run() {
             client = fd;
             collecting_ = ls_answered_ = ld_seen_ = false;
             partial_.clear();
+            pending_.clear();
             {
                 mutex_lock guard(mutex_);
                 connected_ = true;
@@ -269,6 +285,7 @@ void pms_sim::run() {
         if (!open) {
             close_client();
             client = -1;
+            pending_.clear();
             note("client disconnected");
         }
     }
@@ -314,11 +331,16 @@ void pms_sim::handle_frame(const std::string& text) {
 
     answer_mode mode;
     std::string refuse_text;
+    std::chrono::microseconds delay;
     std::optional<std::vector<guest>> occupied;
+    bool active;
     {
         mutex_lock guard(mutex_);
+        if (silent_) return;
+        active = link_active_;
         mode = opts_.answer;
         refuse_text = opts_.refuse_text;
+        delay = opts_.answer_delay;
         occupied = occupied_;
     }
     if (starts_with(text, "DR") && occupied) {
@@ -328,7 +350,9 @@ void pms_sim::handle_frame(const std::string& text) {
     }
 
     if (opts_.play_link) {
-        if (starts_with(text, "LS")) {
+        if (starts_with(text, "LS") && active) {
+            send_record(local_time_text("LA|DA%y%m%d|TI%H%M%S|"));
+        } else if (starts_with(text, "LS")) {
             ls_answered_ = true;
             ld_seen_ = false;
             {
@@ -364,8 +388,22 @@ void pms_sim::handle_frame(const std::string& text) {
         for (const char* name : {"RN", "P#", "DA", "TI"}) {
             if (auto v = field_value(text, name)) pa += name + *v + "|";
         }
-        send_record(pa);
+        if (delay.count() <= 0 && pending_.empty()) {
+            send_record(pa);
+        } else {
+            pending_.push_back({std::chrono::steady_clock::now() + delay, std::move(pa)});
+        }
     }
+}
+
+std::optional<std::chrono::nanoseconds> pms_sim::send_due_answers() {
+    while (!pending_.empty()) {
+        const auto left = pending_.front().due - std::chrono::steady_clock::now();
+        if (left.count() > 0) return left;
+        send_record(pending_.front().text);
+        pending_.pop_front();
+    }
+    return std::nullopt;
 }
 
 bool pms_sim::send_record(const std::string& text) {
@@ -417,6 +455,11 @@ void pms_sim::pause_reading(bool paused) {
     // Wake the thread so that it polls with the new setting.
     uint64_t one = 1;
     [[maybe_unused]] ssize_t n = write(wake_fd_, &one, sizeof one);
+}
+
+void pms_sim::set_silent(bool silent) {
+    mutex_lock guard(mutex_);
+    silent_ = silent;
 }
 
 void pms_sim::record(bool incoming, const std::string& text, bool raw) {

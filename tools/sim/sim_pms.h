@@ -8,11 +8,15 @@
 // What it plays on its own (each can be switched off in pms_sim::options):
 //  - link start-up: the daemon's "LS" is answered with "LS|DA..|TI..|"; once
 //    the daemon has sent its "LD" (and its "LR" records) and then "LA", the
-//    simulator answers "LA|DA..|TI..|" and counts the link as active;
+//    simulator answers "LA|DA..|TI..|" and counts the link as active; an
+//    "LS" on an active link is an alive check, answered "LA|DA..|TI..|";
 //  - postings: each "PS" is answered with a "PA" carrying AS, then RN, P#, DA
 //    and TI copied from the "PS" (fields the "PS" lacks are left out); AS is
 //    "OK" (answer_mode::ok) or the refusal text (answer_mode::refuse), or no
-//    answer is sent at all (answer_mode::none);
+//    answer is sent at all (answer_mode::none); with an answer delay, each
+//    "PA" leaves that long after its "PS", in the order of the "PS" records,
+//    while the simulator goes on reading (answers still due when the client
+//    goes away are dropped);
 //  - database resync, once set_occupied() gave it a list of guests: each "DR"
 //    is answered with "DS", one "GI" per guest and "DE" (by default "DR" is
 //    not answered).
@@ -41,6 +45,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -68,10 +73,11 @@ class pms_sim {
     };
 
     struct options {
-        int port = 0;                          // 0 = pick a free port
-        answer_mode answer = answer_mode::ok;  // how "PS" records are answered
-        std::string refuse_text = "NG";        // AS of a refusing "PA"
-        bool play_link = true;                 // answer "LS" and "LA" as described above
+        int port = 0;                               // 0 = pick a free port
+        answer_mode answer = answer_mode::ok;       // how "PS" records are answered
+        std::string refuse_text = "NG";             // AS of a refusing "PA"
+        bool play_link = true;                      // answer "LS" and "LA" as described above
+        std::chrono::microseconds answer_delay{0};  // from a "PS" to its "PA"
         // Called (on the simulator's thread or the sender's) for every
         // transcript entry and for notes such as "client connected". They
         // must not call the simulator's send methods.
@@ -100,6 +106,8 @@ class pms_sim {
 
     // Changes how later "PS" records are answered.
     void set_answer(answer_mode mode, const std::string& refuse_text = "NG");
+    // Changes the delay of the answers to later "PS" records.
+    void set_answer_delay(std::chrono::microseconds delay);
 
     // A guest as the PMS has it.
     struct guest {
@@ -128,6 +136,10 @@ class pms_sim {
     // Stops reading from the client (its writes pile up and then block),
     // or reads again.
     void pause_reading(bool paused);
+    // A hung PMS, or one again: while silent, everything received is read
+    // and kept, nothing is answered and the connection stays (also for later
+    // clients).
+    void set_silent(bool silent);
 
     bool connected() const;
     // Number of clients accepted so far.
@@ -169,6 +181,9 @@ class pms_sim {
     void run();
     void handle_bytes(const char* data, size_t len);
     void handle_frame(const std::string& text);
+    // Sends the delayed answers that are due; returns the time until the
+    // next one is (nothing when none is waiting).
+    std::optional<std::chrono::nanoseconds> send_due_answers();
     void close_client();
     bool send_bytes(const std::string& bytes, const std::string& text, bool raw);
     void record(bool incoming, const std::string& text, bool raw);
@@ -201,8 +216,8 @@ class pms_sim {
     int client_fd_ GUARDED_BY(send_mutex_) = -1;
     std::unique_ptr<SSL, ssl_free> client_ssl_ GUARDED_BY(send_mutex_);
 
-    // Guards the state below that is marked with it, and opts_.answer and
-    // opts_.refuse_text (set_answer()).
+    // Guards the state below that is marked with it, and opts_.answer,
+    // opts_.refuse_text (set_answer()) and opts_.answer_delay.
     mutable annotated_mutex mutex_;
     mutable std::condition_variable changed_;
     std::vector<frame> transcript_ GUARDED_BY(mutex_);
@@ -213,6 +228,7 @@ class pms_sim {
     int tls_failures_ GUARDED_BY(mutex_) = 0;
     bool stopping_ GUARDED_BY(mutex_) = false;
     bool paused_ GUARDED_BY(mutex_) = false;  // not reading from the client
+    bool silent_ GUARDED_BY(mutex_) = false;  // answering nothing
     // What "DR" is answered with.
     std::optional<std::vector<guest>> occupied_ GUARDED_BY(mutex_);
 
@@ -221,4 +237,10 @@ class pms_sim {
     std::string partial_;
     bool ls_answered_ = false;
     bool ld_seen_ = false;
+    // Delayed answers of the current client, in the order they are due.
+    struct pending_answer {
+        std::chrono::steady_clock::time_point due;
+        std::string text;
+    };
+    std::deque<pending_answer> pending_;
 };
