@@ -123,6 +123,10 @@ TEST(Crash, APostingAnsweredAfterARestartIsMarkedOnce) {
     ASSERT_TRUE(run.start()) << run.log();
     ASSERT_TRUE(add_call(run, 1));
     ASSERT_TRUE(run.pms.wait_for_frame("PS|", 15s));
+    // Its write is in the file (within a group's period): the copy after the
+    // restart is a posting sent again.
+    ASSERT_TRUE(
+        wait_until([&] { return run.states("select sends from outbox") == sql_rows{{"1"}}; }));
     run.process().signal(SIGKILL);
     ASSERT_TRUE(run.start()) << run.log();
     ASSERT_TRUE(run.pms.wait_for_count("PS|", 2, 15s)) << run.log();

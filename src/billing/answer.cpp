@@ -63,9 +63,16 @@ void do_pa(const record_context& ctx, posting_extensions& extensions, posting_se
         const bool billok = accepted && !ctx.cfg->use_manager && ctx.cfg->billok;
         posting = ctx.states.outbox().settle_answer(
             field_text(seq), billok ? "billok" : "",
-            billok ? fias_packet_to_str(p, {ctx.cfg->fixes.numbers, 0}) : "");
+            billok ? fias_packet_to_str(p, {ctx.cfg->fixes.numbers, 0}) : "", sender != nullptr);
     }
-    if (posting && sender) sender->answered(posting->id);
+    // The sender goes on once the answer was acted on, whichever way.
+    struct tell_sender {
+        posting_sender* sender;
+        long id;
+        ~tell_sender() {
+            if (sender && id > 0) sender->answered(id);
+        }
+    } told{sender, posting ? posting->id : 0};
     if (!posting && policy.keeps_outbox()) {
         LOG(L_NOTICE, "Answer to posting P#%s of room %s, which waits for none: nothing is marked",
             field_text(seq), field_text(rn));
@@ -95,7 +102,7 @@ void do_pa(const record_context& ctx, posting_extensions& extensions, posting_se
 
     if (ctx.cfg->use_manager) {
         ctx.states.calls().accept(policy.accepted(), rn, da, ti, seq,
-                                  policy.answer_fill(fill_options_of(*ctx.cfg)));
+                                  policy.answer_fill(fill_options_of(*ctx.cfg)), sender != nullptr);
         return;
     }
     const bool ran = run_billok(ctx, extension);

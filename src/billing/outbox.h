@@ -16,10 +16,6 @@
 #include "fias/link.h"
 #include "states/states.h"
 
-// The mark_key of a minibar posting (dialcodes/dialcodes.h): its answer
-// settles it and runs no services:billok and no cache change.
-inline constexpr const char* minibar_outbox_key = "minibar";
-
 class posting_sender;
 
 struct outbox_parts {

@@ -134,7 +134,9 @@ void posting_sender::run(stop_flag& stop) {
             due.assign(fetched.begin(), fetched.end());
         }
         if (due.empty()) {
-            until = std::min(until, clock_type::now() + states_connection::group_period);
+            // Nothing more to do: what the group holds is committed now, so
+            // that other writers of the file never wait for it.
+            outbox.flush_group(false);
             rest();
             continue;
         }

@@ -136,10 +136,12 @@ class sqlite_handler_t final : public db_handle {
 
     // A transaction on an open connection that has none: 0, else -1 (nothing
     // logged: the statements inside report their own failures).
-    int begin() {
+    int begin(bool immediate) {
         if (!sqlite_ || !sqlite3_get_autocommit(sqlite_.get())) return -1;
-        return sqlite3_exec(sqlite_.get(), "BEGIN", nullptr, nullptr, nullptr) == SQLITE_OK ? 0
-                                                                                            : -1;
+        return sqlite3_exec(sqlite_.get(), immediate ? "BEGIN IMMEDIATE" : "BEGIN", nullptr,
+                            nullptr, nullptr) == SQLITE_OK
+                   ? 0
+                   : -1;
     }
 
     bool in_transaction() { return sqlite_ && !sqlite3_get_autocommit(sqlite_.get()); }
@@ -328,9 +330,9 @@ void sqlite_init_record(dbdriver_t& drv, const char* name) {
     dbdriver_t::set_text16(drv.name, name);
 }
 
-int sqlite_begin(dbdriver_t& drv) {
+int sqlite_begin(dbdriver_t& drv, bool immediate) {
     auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
-    return h ? h->begin() : -1;
+    return h ? h->begin(immediate) : -1;
 }
 
 bool sqlite_in_transaction(dbdriver_t& drv) {

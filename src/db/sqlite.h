@@ -63,8 +63,10 @@ bool sqlite_has_table(dbdriver_t& drv, std::string_view name) REQUIRES(drv);
 // so that a group of statements costs one commit: sqlite_begin() opens one
 // (0; -1 and nothing logged when the connection is closed or has one open
 // already), sqlite_commit() commits what is open (a failed commit is rolled
-// back and logged as a failed statement: -1).
-int sqlite_begin(dbdriver_t& drv) REQUIRES(drv);
+// back and logged as a failed statement: -1). `immediate` takes the file's
+// write lock at once (waiting as any write does), so that a transaction
+// that reads before it writes never fails when another connection wrote.
+int sqlite_begin(dbdriver_t& drv, bool immediate = false) REQUIRES(drv);
 // Whether a transaction is open on the connection.
 bool sqlite_in_transaction(dbdriver_t& drv) REQUIRES(drv);
 int sqlite_commit(dbdriver_t& drv) REQUIRES(drv);

@@ -239,7 +239,10 @@ void record_dispatcher::process_fias_packet(const std::string& data) const {
     for (const handler_entry& e : handlers) {
         if (e.code != p->packet_code) continue;
         const fias_field_t* rn = fias_get_field(p.get(), "RN");
-        if (!cfg->uses_actions() || !rn || is_link_record(data.c_str())) {
+        // A posting answer never waits for a room's actions: the next
+        // posting waits for it.
+        if (!cfg->uses_actions() || !rn || is_link_record(data.c_str()) ||
+            e.code == FIAS_PA) {
             run_handler(e, cfg, *p);
             break;
         }

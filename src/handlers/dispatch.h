@@ -10,8 +10,8 @@
 //    ordered_records (fixed at start) link records are handled at once, in
 //    the main thread, and every other record by one worker in arrival order.
 //  - A worker takes the configuration snapshot once, for the whole record.
-//  - With Manager action steps configured, a record that names a room is
-//    handled on the room queue: one record of a room at a time, in arrival
+//  - With Manager action steps configured, a record that names a room
+//    (other than a posting answer) is handled on the room queue: one record of a room at a time, in arrival
 //    order, so that a room's later steps wait for its actions while other
 //    rooms go on.
 //  - stop() is called once, by main, as the process ends: it waits for the

@@ -118,7 +118,7 @@ void call_cache::cache(const std::vector<cached_call>& calls) {
     if (calls.empty()) return;
     metrics::calls_cached(static_cast<unsigned>(calls.size()));
     db_lock guard(main_.drv);
-    if (calls.size() > 1) sqlite_begin(main_.drv);
+    if (calls.size() > 1) sqlite_begin(main_.drv, true);
     for (const cached_call& call : calls) {
         const auto& v = call.values_;
         sqlite_query_bound(
@@ -166,7 +166,7 @@ int call_cache::post_unposted(
     if (marks.empty() && drops.empty()) return 0;
     // The room's marks are committed together (see the durability note of
     // states_file::open()).
-    sqlite_begin(drv);
+    sqlite_begin(drv, true);
     for (long long id : drops) sqlite_query_bound(drv, drop_bound, {id});
     for (const pending_mark& m : marks)
         sqlite_query_bound(drv, mark_bound, {m.record, room, m.row.date, m.row.time});
@@ -200,7 +200,7 @@ int call_cache::mark_queued(const std::vector<queued_mark>& marks,
     if (marks.empty() && drops.empty()) return 0;
     dbdriver_t& drv = main_.drv;
     db_lock guard(drv);
-    if (sqlite_begin(drv) != 0) return -1;
+    if (sqlite_begin(drv, true) != 0) return -1;
     int rc = 0;
     for (long long id : drops)
         if (sqlite_query_bound(drv, drop_bound, {id}) != 0) rc = -1;
@@ -218,7 +218,7 @@ int call_cache::mark_queued(const std::vector<queued_mark>& marks,
 int call_cache::mark(const std::string& room, const std::vector<mark_of>& marks) {
     if (marks.empty()) return 0;
     db_lock guard(main_.drv);
-    if (sqlite_begin(main_.drv) != 0) return -1;
+    if (sqlite_begin(main_.drv, true) != 0) return -1;
     int rc = 0;
     for (const mark_of& m : marks)
         if (sqlite_query_bound(main_.drv, mark_bound, {m.record, room, m.date, m.time}) != 0)
@@ -232,7 +232,8 @@ void call_cache::checkpoint() {
 }
 
 void call_cache::accept(accepted_call rule, const fias_field_t* rn, const fias_field_t* da,
-                        const fias_field_t* ti, const fias_field_t* seq, const fill_options& fill) {
+                        const fias_field_t* ti, const fias_field_t* seq, const fill_options& fill,
+                        bool grouped) {
     const char* templ = remove_template;
     if (rule == accepted_call::mark_with_number) templ = mark_number_template;
     if (rule == accepted_call::remove_own_row) templ = remove_own_template;
@@ -244,7 +245,17 @@ void call_cache::accept(accepted_call rule, const fias_field_t* rn, const fias_f
         return field_as_text(&drv, placeholder, rn, da, ti, seq, fill);
     };
     const std::string room = text("%exten%");
+    if (grouped) {
+        db_lock guard(own_.drv);
+        if (!own_.join_group()) return;
+        return accept_on(own_.drv, rule, room, text);
+    }
     db_lock guard(drv);
+    accept_on(drv, rule, room, text);
+}
+
+void call_cache::accept_on(dbdriver_t& drv, accepted_call rule, const std::string& room,
+                           const std::function<std::string(const char*)>& text) {
     switch (rule) {
         case accepted_call::remove_by_start:
             sqlite_query_bound(drv, remove_bound, {room, text("%date%"), text("%time%")});

@@ -120,9 +120,13 @@ class call_cache {
     // pass).
     void checkpoint();
     // An accepted answer to posting `seq` of room `rn` made on `da`/`ti`; the
-    // statement is echoed at DEBUG ("OK query is: ").
+    // statement is echoed at DEBUG ("OK query is: "). `grouped`: the change
+    // joins the group of the connection that is never closed
+    // (states_connection::join_group), where the posting sender settles the
+    // answer.
     void accept(accepted_call rule, const fias_field_t* rn, const fias_field_t* da,
-                const fias_field_t* ti, const fias_field_t* seq, const fill_options& fill);
+                const fias_field_t* ti, const fias_field_t* seq, const fill_options& fill,
+                bool grouped = false);
     // The number of cached calls not yet posted, or -1 when the file cannot
     // be read; nothing is logged.
     int waiting();
@@ -132,6 +136,8 @@ class call_cache {
 
   private:
     int count_own(const char* statement);
+    void accept_on(dbdriver_t& drv, accepted_call rule, const std::string& room,
+                   const std::function<std::string(const char*)>& text) REQUIRES(drv);
 
     states_connection& main_;
     states_connection& own_;

@@ -22,7 +22,7 @@ bool states_connection::connect_keeping_group() {
 bool states_connection::join_group() {
     if (!connect_keeping_group()) return false;
     if (grouped_) return true;
-    if (sqlite_begin(drv) != 0) return false;
+    if (sqlite_begin(drv, true) != 0) return false;
     grouped_ = true;
     group_since_ = std::chrono::steady_clock::now();
     return true;
@@ -47,7 +47,7 @@ bool states_connection::make_tables(bool& made, std::initializer_list<const char
 // annotation: the analysis cannot follow the reference.
 states_transaction::states_transaction(states_connection& c) : c_(c) {
     c_.drv.lock();
-    began_ = c_.connect() && sqlite_begin(c_.drv) == 0;
+    began_ = c_.connect() && sqlite_begin(c_.drv, true) == 0;
 }
 
 states_transaction::~states_transaction() {

@@ -63,7 +63,7 @@ bool outbox_store::open() {
 
 long outbox_store::put(const outbox_entry& e) {
     db_lock guard(own_.drv);
-    if (!open() || sqlite_begin(own_.drv) != 0) return -1;
+    if (!open() || sqlite_begin(own_.drv, true) != 0) return -1;
     const long id = put_locked(e);
     if (id < 0) {
         own_.drv.query("rollback");
@@ -120,8 +120,9 @@ bool outbox_store::open_keeping_group() {
 int outbox_store::written(long id, unsigned link, bool grouped) {
     db_lock guard(own_.drv);
     if (grouped ? !(open_keeping_group() && own_.join_group()) : !open()) return -1;
-    return settle("update outbox set sends=sends+1, link=?, waiting=(kind='PS') where id=?", id,
-                  static_cast<long>(link));
+    return settle(
+        "update outbox set sends=sends+1, link=?, waiting=(kind='PS' and waiting=1) where id=?", id,
+        static_cast<long>(link));
 }
 
 int outbox_store::answered(long id) {
@@ -139,7 +140,7 @@ int outbox_store::marked(long id) {
 int outbox_store::marked(const std::vector<long>& ids) {
     if (ids.empty()) return 0;
     db_lock guard(own_.drv);
-    if (!open() || sqlite_begin(own_.drv) != 0) return -1;
+    if (!open() || sqlite_begin(own_.drv, true) != 0) return -1;
     int rc = 0;
     for (long id : ids)
         if (settle("update outbox set mark='', answer='' where id=?", id, std::nullopt) != 0)
@@ -157,9 +158,9 @@ bool outbox_store::number_waiting(const std::string& seq) {
 
 std::optional<outbox_entry> outbox_store::settle_answer(const std::string& seq,
                                                         const std::string& billok,
-                                                        const std::string& answer) {
+                                                        const std::string& answer, bool grouped) {
     db_lock guard(own_.drv);
-    if (!open_keeping_group() || !own_.join_group()) return std::nullopt;
+    if (grouped ? !(open_keeping_group() && own_.join_group()) : !open()) return std::nullopt;
     std::vector<outbox_entry> found;
     if (sqlite_query_bound(own_.drv, waiting_statement, {seq}) != 0) {
         own_.drv.free_result();
@@ -169,7 +170,7 @@ std::optional<outbox_entry> outbox_store::settle_answer(const std::string& seq,
     if (found.empty()) return std::nullopt;
     const outbox_entry& e = found.front();
     const int rc =
-        billok.empty()
+        billok.empty() || e.mark_key == minibar_outbox_key
             ? settle("update outbox set waiting=0 where id=?", e.id, std::nullopt)
             : sqlite_query_bound(own_.drv,
                                  "update outbox set waiting=0, mark=?, mark_key='billok', "

@@ -16,6 +16,10 @@
 
 #include "states/connection.h"
 
+// The mark_key of a minibar posting (dialcodes/dialcodes.h): its answer
+// settles it and runs no services:billok and no cache change.
+inline constexpr const char* minibar_outbox_key = "minibar";
+
 struct outbox_entry {
     long id = 0;
     std::string kind;  // "PS", "WA" or "RE"
@@ -58,10 +62,10 @@ class outbox_store {
     // Settles the oldest posting `seq` that waits for its answer, in one
     // step, and returns it; nothing when none waits (answered already, or
     // never sent). With `billok` (a database name) its services:billok is
-    // left due in the entry, with `answer` (the answer's record text) to run
-    // it from. The change joins the connection's group.
+    // left due in the entry (not for a minibar posting), with `answer` (the answer's record text)
+    // to run it from. `grouped`: the change joins the connection's group.
     std::optional<outbox_entry> settle_answer(const std::string& seq, const std::string& billok,
-                                              const std::string& answer);
+                                              const std::string& answer, bool grouped);
     // The answer to posting `id` was acted on.
     int answered(long id);
     // The mark of `id` ran (of each of `ids`, in one transaction).

@@ -27,7 +27,7 @@ bool wakeup_store::open() {
 int wakeup_store::save(std::vector<wakeup_booking*>& bookings) {
     if (bookings.empty()) return 0;
     db_lock guard(own_.drv);
-    if (!open() || sqlite_begin(own_.drv) != 0) return -1;
+    if (!open() || sqlite_begin(own_.drv, true) != 0) return -1;
     if (save_locked(bookings) != 0) {
         own_.drv.query("rollback");
         return -1;
