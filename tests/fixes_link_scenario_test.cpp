@@ -106,6 +106,62 @@ TEST(FixesLink, RecordsComeInOrderAtOnceAndALostLinkIsMadeAgainAtOnce) {
     ASSERT_TRUE(wait_until([&] { return run.pbx("select count(*) from log")[0][0] == "203"; }));
 }
 
+// One posting at a time: against a PMS that answers after 0.3 s, each "PS"
+// leaves after the answer to the one before. A PMS that does not answer a
+// posting costs the link after pms:answer_timeout; the posting goes first
+// on the next link under its own "P#" and is booked once.
+TEST(FixesLink, OnePostingAtATimeAndAnUnansweredOneGoesFirstOnTheNextLink) {
+    daemon_run run;
+    run.set("fixes", "all", "yes").set("pms", "answer_timeout", "2");
+    use_calls(run, 6);
+    run.pms.set_answer_delay(300ms);
+    ASSERT_TRUE(run.start()) << run.log();
+    ASSERT_TRUE(wait_until([&] { return run.pms.postings().size() == 6; }, 15s)) << run.log();
+    ASSERT_TRUE(wait_until(
+        [&] { return run.states("select count(*) from outbox") == sql_rows{{"0"}}; }, 5s));
+    std::optional<std::chrono::system_clock::time_point> answered;  // the last "PA"
+    int postings = 0;
+    for (const pms_sim::frame& f : run.pms.transcript()) {
+        if (f.incoming && f.text.rfind("PS|", 0) == 0) {
+            if (postings++ > 0) {
+                ASSERT_TRUE(answered) << f.text << " left before any answer";
+                EXPECT_GE(f.when, *answered)
+                    << f.text << " left before the answer to the one before";
+            }
+            answered.reset();
+        } else if (!f.incoming && f.text.rfind("PA|", 0) == 0) {
+            answered = f.when;
+        }
+    }
+    EXPECT_EQ(6, postings);
+    for (const auto& [seq, count] : run.pms.postings()) {
+        EXPECT_EQ(1, count.posted) << seq;
+        EXPECT_EQ(1, count.accepted) << seq;
+    }
+
+    run.pms.set_answer(pms_sim::answer_mode::none);
+    run.pms.set_answer_delay(0us);
+    ASSERT_TRUE(sqlite_exec(cdr_file(run),
+                            "insert into calls (src, d, t, dst, billsec) values "
+                            "('101', '2024-05-15', '10:00:00', '5557', 60)"));
+    ASSERT_TRUE(
+        run.wait_log("Posting P#0007 of room 101 has had no answer for 2 s: the link to "
+                     "the PMS is given up and made again"))
+        << run.log();
+    run.pms.set_answer(pms_sim::answer_mode::ok);
+    ASSERT_TRUE(wait_until([&] { return run.pms.postings()["0007"].accepted == 1; }, 15s))
+        << run.log();
+    EXPECT_GE(run.pms.connections(), 2);
+    EXPECT_GE(run.pms.postings()["0007"].posted, 2);
+    EXPECT_EQ(1u, run.count_log("Posting P#0007 of room 101 (5557) sent again"));
+    ASSERT_TRUE(wait_until(
+        [&] { return run.states("select count(*) from outbox") == sql_rows{{"0"}}; }, 5s));
+    std::this_thread::sleep_for(300ms);  // some cycles: nothing more goes out
+    EXPECT_EQ(7u, run.pms.postings().size());
+    EXPECT_EQ(sql_rows{{"7"}},
+              sqlite_rows(cdr_file(run), "select count(*) from calls where posted=1"));
+}
+
 // Alive checks (pms:alive_interval, here without [fixes]): a PMS that
 // answers them keeps its link, checked once per interval at most and with no
 // second start-up; one that goes silent loses it within alive_interval +

@@ -47,6 +47,7 @@ void do_pa(const record_context& ctx, posting_extensions& extensions, posting_se
         LOG(L_NOTICE, "\tAnswer not contains p#\n");
         return;
     }
+    extensions.answered(field_text(seq));
     fias_field_t* as = fias_get_field(p, "AS");
     const char* answer = as ? field_text(as) : nullptr;
     if (answer) LOG(L_NOTICE, "\tAnswer is: %s", answer);

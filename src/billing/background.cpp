@@ -91,8 +91,11 @@ bool send_report(pass_env& env, const fias_packet_t* rec, const char* error,
                        error) >= 0;
     }
     if ((own ? env.link().send_raw(fias_packet_to_str(rec, *own).c_str())
-             : env.link().send_packet(rec)) >= 0)
+             : env.link().send_packet(rec)) >= 0) {
+        if (entry.kind == "PS" && env.cfg.answer_timeout().count() > 0)
+            env.parts.extensions.sent(entry.seq);
         return true;
+    }
     LOG(L_ERROR, "%s", error);
     return !env.policy.marks_only_sent();
 }
@@ -667,6 +670,10 @@ bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms,
                  cfg};
     pms_link& link = parts.link;
     if (cfg.uses_outbox()) run_due_marks(cfg, parts.states, &link);
+    if (!parts.sender && cfg.answer_timeout().count() > 0)
+        for (const std::string& seq : parts.extensions.overdue(cfg.answer_timeout()))
+            LOG(L_WARNING, "Posting P#%s has waited %lld s for its answer", seq.c_str(),
+                static_cast<long long>(cfg.answer_timeout().count()));
     if (cfg.rating.tariffs) parts.states.ratings().prune(cfg.rating.keep_days);
     if (!link.active() || parts.audit.holds_postings()) return true;
     if (cfg.uses_outbox()) send_outbox({link, parts.states, parts.audit, parts.sender});

@@ -22,3 +22,27 @@ std::string posting_extensions::extension_of(const std::string& seq) {
     auto it = extensions_.find(seq);
     return it == extensions_.end() ? std::string() : it->second;
 }
+
+void posting_extensions::sent(const std::string& seq) {
+    mutex_lock guard(mutex_);
+    sent_[seq] = std::chrono::steady_clock::now();
+}
+
+void posting_extensions::answered(const std::string& seq) {
+    mutex_lock guard(mutex_);
+    sent_.erase(seq);
+}
+
+std::vector<std::string> posting_extensions::overdue(std::chrono::seconds timeout) {
+    const auto before = std::chrono::steady_clock::now() - timeout;
+    mutex_lock guard(mutex_);
+    std::vector<std::string> out;
+    for (auto it = sent_.begin(); it != sent_.end();)
+        if (it->second <= before) {
+            out.push_back(it->first);
+            it = sent_.erase(it);
+        } else {
+            ++it;
+        }
+    return out;
+}

@@ -4,7 +4,9 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <string>
+#include <vector>
 #include <unordered_map>
 
 #include "config.h"
@@ -61,13 +63,24 @@ struct posting_sequence {
 // its answer's services:billok names as %exten% (with the outbox, its entry
 // keeps it instead). One extension is kept per "P#" (the sequence comes round
 // after 10,000). Any thread may call.
+//
+// Without [fixes] posting, with pms:answer_timeout: when each posting was
+// written, so that one that waits longer for its answer is logged (once).
 class posting_extensions {
   public:
     void made_by(const std::string& seq, const std::string& extension);
     // The extension that made the call of posting `seq` ("" when unknown).
     std::string extension_of(const std::string& seq);
 
+    void sent(const std::string& seq);
+    void answered(const std::string& seq);
+    // The postings written longer than `timeout` ago and not answered,
+    // each returned once.
+    std::vector<std::string> overdue(std::chrono::seconds timeout);
+
   private:
     annotated_mutex mutex_;
     std::unordered_map<std::string, std::string> extensions_ GUARDED_BY(mutex_);  // by "P#"
+    std::unordered_map<std::string, std::chrono::steady_clock::time_point> sent_
+        GUARDED_BY(mutex_);
 };
