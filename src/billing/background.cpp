@@ -347,6 +347,10 @@ void post_cached(pass_env& env, const config& cfg, const std::vector<std::string
     }
 }
 
+// How a pass that waits for posting numbers lets the sender go on.
+constexpr int refill_below = 2000;
+constexpr std::chrono::milliseconds refill_check{50};
+
 // With the posting sender: puts the postings of the cached calls of `rooms`
 // into the outbox, all in one transaction, then marks the calls, so that
 // the sender may send them. When every posting number waits, what was made
@@ -363,8 +367,16 @@ void queue_cached(pass_env& env, const config& cfg, const std::vector<std::strin
     std::vector<call_cache::queued_mark> marks;
     std::vector<long long> drops;
     std::set<std::string> taken;  // numbers of `made`
+    std::vector<std::string> claimed;
     env.collect = &made;
-    auto store = [&] {
+    struct give_back {
+        posting_sender& sender;
+        std::vector<std::string>& rooms;
+        ~give_back() { sender.release(rooms); }
+    } given_back{sender, claimed};
+    // Stores what was made; the rooms are given back, but for the one whose
+    // calls are still being made (`room_open`).
+    auto store = [&](bool room_open) {
         std::vector<long> ids;
         if (!made.empty()) {
             states_transaction tx(states.own_connection());
@@ -379,7 +391,7 @@ void queue_cached(pass_env& env, const config& cfg, const std::vector<std::strin
                 made.clear();
                 marks.clear();
                 taken.clear();
-                return;
+                return;  // the rooms are given back as the pass ends
             }
         }
         if (states.calls().mark_queued(marks, drops, env.fill) == 0) states.outbox().marked(ids);
@@ -387,12 +399,30 @@ void queue_cached(pass_env& env, const config& cfg, const std::vector<std::strin
         marks.clear();
         drops.clear();
         taken.clear();
+        std::vector<std::string> open;
+        if (room_open && !claimed.empty()) {
+            open.push_back(claimed.back());
+            claimed.pop_back();
+        }
+        sender.release(claimed);
+        claimed = std::move(open);
         sender.wake();
     };
     static std::atomic<bool> complained{false};
     for (const std::string& room : rooms) {
+        if (!sender.claim(room)) {
+            // Another pass is storing this room's calls: immediate posting
+            // leaves it to the cycle, the cycle to that pass.
+            if (!may_wait) sender.leave({room});
+            continue;
+        }
         std::vector<call_row> rows;
         states.calls().unposted(room, rows);
+        if (rows.empty()) {
+            sender.release({room});
+            continue;
+        }
+        claimed.push_back(room);
         for (const call_row& row : rows) {
             if (kept_out(filter, room, row)) {
                 if (row.cache_row > 0) drops.push_back(row.cache_row);
@@ -400,7 +430,7 @@ void queue_cached(pass_env& env, const config& cfg, const std::vector<std::strin
             }
             std::string sequence = next_free_number(env.sequence, states, taken);
             while (sequence.empty()) {
-                store();
+                store(true);
                 const unsigned long seen = sender.progress();
                 const bool sent_all = states.outbox().unsent() == 0;
                 if (!may_wait || sent_all || !env.link().active() ||
@@ -411,7 +441,16 @@ void queue_cached(pass_env& env, const config& cfg, const std::vector<std::strin
                             "pauses until one is free");
                     return;
                 }
+                // Numbers come free as the sender goes on: the pass goes on
+                // once it has few postings left to send, with many free.
                 sender.wait_progress(seen, std::chrono::seconds(1));
+                while (states.outbox().unsent() > refill_below && env.link().active()) {
+                    env.parts.notify.beat(notify_part::billing);
+                    if (!env.parts.stop)
+                        std::this_thread::sleep_for(refill_check);
+                    else if (env.parts.stop->wait_for(refill_check))
+                        break;
+                }
                 env.parts.notify.beat(notify_part::billing);
                 sequence = next_free_number(env.sequence, states, taken);
             }
@@ -424,13 +463,12 @@ void queue_cached(pass_env& env, const config& cfg, const std::vector<std::strin
             marks.push_back({room, row.date, row.time, made.back().record, sequence});
         }
     }
-    store();
+    store(false);
 }
 
 void cache_pass(pass_env& env, const config& cfg, const std::vector<std::string>& rooms) {
     LOG(L_DEBUG, "Cache case: check internal cdrcache values");
     if (env.parts.sender) {
-        std::unique_lock<std::mutex> intake(env.parts.sender->intake);
         queue_cached(env, cfg, rooms, rooms, true);
         // Rooms that immediate posting left to the cycle meanwhile.
         for (std::vector<std::string> left = env.parts.sender->take_left(); !left.empty();
@@ -712,8 +750,6 @@ void post_cached_now(const config& cfg, const std::vector<std::string>& rooms,
                  nullptr,
                  cfg};
     if (!parts.sender) return post_cached(env, cfg, rooms, all_rooms);
-    std::unique_lock<std::mutex> intake(parts.sender->intake, std::try_to_lock);
-    if (!intake.owns_lock()) return parts.sender->leave(rooms);
     queue_cached(env, cfg, rooms, all_rooms, false);
 }
 

@@ -43,7 +43,7 @@ struct billing_parts {
     posting_sender* sender = nullptr;
     // The billing thread's stop (a pass that waits for posting numbers
     // gives up when it is requested).
-    const stop_flag* stop = nullptr;
+    stop_flag* stop = nullptr;
 };
 
 // What the billing thread remembers across cycles: the complaints already
@@ -65,8 +65,8 @@ void run_due_marks(const config& cfg, states_file& states, pms_link* link = null
 // [posting] immediate: posts the cached calls of `rooms` now, when the link
 // is active and no night audit holds postings (otherwise the next cycle
 // does). Every pass over a room's calls runs under the states file's lock
-// (with the posting sender, under its intake lock, and a pass that finds the
-// cycle queuing leaves the rooms to it), so a call is posted once and in
+// (with the posting sender, each room claimed from it, and a room that the
+// cycle is storing is left to it), so a call is posted once and in
 // order also when the cycle runs at the same time. `all_rooms` is what the
 // filter's "rooms" stands for. Any thread; with the sender it never writes
 // to the PMS.

@@ -6,8 +6,8 @@
 #include <atomic>
 #include <chrono>
 #include <string>
-#include <vector>
 #include <unordered_map>
+#include <vector>
 
 #include "config.h"
 #include "states/states.h"
@@ -81,6 +81,5 @@ class posting_extensions {
   private:
     annotated_mutex mutex_;
     std::unordered_map<std::string, std::string> extensions_ GUARDED_BY(mutex_);  // by "P#"
-    std::unordered_map<std::string, std::chrono::steady_clock::time_point> sent_
-        GUARDED_BY(mutex_);
+    std::unordered_map<std::string, std::chrono::steady_clock::time_point> sent_ GUARDED_BY(mutex_);
 };

@@ -41,6 +41,16 @@ void posting_sender::answered(long id) {
     changed_.notify_all();
 }
 
+bool posting_sender::claim(const std::string& room) {
+    mutex_lock guard(mutex_);
+    return claimed_.insert(room).second;
+}
+
+void posting_sender::release(const std::vector<std::string>& rooms) {
+    mutex_lock guard(mutex_);
+    for (const std::string& room : rooms) claimed_.erase(room);
+}
+
 void posting_sender::leave(const std::vector<std::string>& rooms) {
     mutex_lock guard(mutex_);
     left_.insert(left_.end(), rooms.begin(), rooms.end());

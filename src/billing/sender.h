@@ -25,7 +25,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -58,11 +57,14 @@ class posting_sender {
     unsigned long progress();
     void wait_progress(unsigned long seen, std::chrono::milliseconds timeout);
 
-    // Serialises the passes that put a room's cached calls into the outbox
-    // (the cycle and immediate posting), so that a call is put once. A pass
-    // that finds it taken leaves its rooms to the one that holds it (leave),
-    // which takes them (take_left) before it lets go.
-    std::mutex intake;
+    // The passes that put a room's cached calls into the outbox (the cycle
+    // and immediate posting) claim the room first, so that a call is put
+    // once: claim() is false while another pass holds the room, and
+    // release() gives rooms back once their postings are stored. A pass that
+    // finds a room claimed may leave it to the cycle (leave), which takes the
+    // rooms left (take_left) before it ends.
+    bool claim(const std::string& room);
+    void release(const std::vector<std::string>& rooms);
     void leave(const std::vector<std::string>& rooms);
     std::vector<std::string> take_left();
 
@@ -78,4 +80,5 @@ class posting_sender {
     std::set<long> answered_ GUARDED_BY(mutex_);  // since the sender last looked
     unsigned long progress_ GUARDED_BY(mutex_) = 0;
     std::vector<std::string> left_ GUARDED_BY(mutex_);
+    std::set<std::string> claimed_ GUARDED_BY(mutex_);
 };

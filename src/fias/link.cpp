@@ -19,9 +19,9 @@
 
 #include "fias/codec.h"
 #include "logger.h"
-#include "text.h"
 #include "metrics.h"
 #include "process.h"
+#include "text.h"
 
 namespace {
 
@@ -242,6 +242,8 @@ void pms_link::attach(int fd, std::unique_ptr<tls_session> tls, const std::strin
     link_number_++;
     in_record_ = false;
     partial_.clear();
+    received_.clear();
+    received_at_ = 0;
     last_heard_ = steady::now();
     alive_sent_.reset();
     alive_answer_ = false;
@@ -433,6 +435,27 @@ int read_byte(int sock, tls_session* tls, short* wait, char* c) {
     }
 }
 
+// Reads what `sock` holds (waiting a second at most) into `out`: its count,
+// 0 at the end of the stream, idle, or -1.
+int read_some(int sock, std::string& out) {
+    pollfd pfd{sock, POLLIN, 0};
+    const int ready = poll(&pfd, 1, 1000);
+    if (ready < 0 && errno != EINTR) return -1;
+    if (ready <= 0) return pms_link::idle;
+    out.resize(4096);
+    for (;;) {
+        const ssize_t n = read(sock, out.data(), out.size());
+        if (n >= 0) {
+            out.resize(static_cast<size_t>(n));
+            return static_cast<int>(n);
+        }
+        if (errno != EINTR) {
+            out.clear();
+            return -1;
+        }
+    }
+}
+
 }  // namespace
 
 bool pms_link::watch_silence(std::chrono::seconds alive, std::chrono::seconds wait) {
@@ -486,7 +509,18 @@ int pms_link::read_packet(char* packet, int maxlen) {
             return static_cast<int>(partial_.size());
         }
         char c;
-        const int n = read_byte(sock, tls, &tls_wait_, &c);
+        int n = 1;
+        if (received_at_ < received_.size()) {
+            c = received_[received_at_++];
+        } else if (tls) {
+            n = read_byte(sock, tls, &tls_wait_, &c);
+        } else {
+            // What the socket holds is taken at once; the bytes are then
+            // handed out one by one.
+            n = read_some(sock, received_);
+            received_at_ = 0;
+            if (n > 0) c = received_[received_at_++];
+        }
         if (n == idle) return idle;
         if (n < 0) return -1;
         if (n == 0) {

@@ -196,6 +196,9 @@ class pms_link {
     // The record being read (main thread only): STX seen, and its bytes.
     bool in_record_ = false;
     std::string partial_;
+    // Bytes read from a plain socket and not yet handed out (main thread).
+    std::string received_;
+    size_t received_at_ = 0;
     // The PMS's silence (main thread only): when its last whole record came
     // (or the link was attached), the alive check waiting for an answer, and
     // whether the last record answered one.

@@ -1,5 +1,6 @@
 #include "handlers/dispatch.h"
 
+#include <cstring>
 #include <thread>
 
 #include "billing/answer.h"
@@ -241,8 +242,7 @@ void record_dispatcher::process_fias_packet(const std::string& data) const {
         const fias_field_t* rn = fias_get_field(p.get(), "RN");
         // A posting answer never waits for a room's actions: the next
         // posting waits for it.
-        if (!cfg->uses_actions() || !rn || is_link_record(data.c_str()) ||
-            e.code == FIAS_PA) {
+        if (!cfg->uses_actions() || !rn || is_link_record(data.c_str()) || e.code == FIAS_PA) {
             run_handler(e, cfg, *p);
             break;
         }
@@ -291,11 +291,17 @@ void record_dispatcher::run_handler(const handler_entry& e, const config_ptr& cf
     e.handler(ctx, parts_);
 }
 
+// With the posting sender the next posting waits for this answer: one for a
+// cached call (which touches the states file alone) is handled at once.
+bool record_dispatcher::answered_at_once(const char* record) const {
+    return parts_.sender && strncmp(record, "PA|", 3) == 0 && parts_.configs.current()->use_manager;
+}
+
 void record_dispatcher::handle(const char* record) {
     metrics::record_received(record);
     if (!ordered_) {
         std::thread([this, data = std::string(record)] { process_fias_packet(data); }).detach();
-    } else if (is_link_record(record)) {
+    } else if (is_link_record(record) || answered_at_once(record)) {
         process_fias_packet(record);
     } else {
         {

@@ -7,13 +7,14 @@
 //  - handle() is called by the main loop with each record text read (without
 //    STX; a trailing ETX is tolerated). In the long-standing mode each record
 //    is handled by a detached worker of its own; with [fixes]
-//    ordered_records (fixed at start) link records are handled at once, in
-//    the main thread, and every other record by one worker in arrival order.
+//    ordered_records (fixed at start) link records (and, with the posting
+//    sender and calls from the Manager, posting answers) are handled at
+//    once, in the main thread, and every other record by one worker in
+//    arrival order.
 //  - A worker takes the configuration snapshot once, for the whole record.
 //  - With Manager action steps configured, a record that names a room
-//    (other than a posting answer) is handled on the room queue: one record of a room at a time, in arrival
-//    order, so that a room's later steps wait for its actions while other
-//    rooms go on.
+//    (other than a posting answer) is handled on the room queue: one record of a room at a time, in
+//    arrival order, so that a room's later steps wait for its actions while other rooms go on.
 //  - stop() is called once, by main, as the process ends: it waits for the
 //    ordered worker and the room queue to handle what was queued, at most
 //    until `deadline`.
@@ -83,6 +84,7 @@ class record_dispatcher {
 
   private:
     void run_ordered();
+    bool answered_at_once(const char* record) const;
     void run_handler(const handler_entry& e, const config_ptr& cfg, fias_packet_t& record) const;
 
     record_parts parts_;
