@@ -438,6 +438,7 @@ int read_byte(int sock, tls_session* tls, short* wait, char* c) {
 // Reads what `sock` holds (waiting a second at most) into `out`: its count,
 // 0 at the end of the stream, idle, or -1.
 int read_some(int sock, std::string& out) {
+    out.clear();
     pollfd pfd{sock, POLLIN, 0};
     const int ready = poll(&pfd, 1, 1000);
     if (ready < 0 && errno != EINTR) return -1;
