@@ -527,8 +527,11 @@ bool query_pass(pass_env& env, const config& cfg, const std::vector<std::string>
                     add_mark(row, sequence.c_str());
                 }
             }
-            if (run_marks(drv, marks))
+            if (run_marks(drv, marks)) {
                 for (long id : outbox_ids) env.parts.states.outbox().marked(id);
+                // Their marks ran: the sender may send them.
+                if (env.parts.sender && !outbox_ids.empty()) env.parts.sender->wake();
+            }
         }
     return true;
 }
@@ -572,7 +575,10 @@ bool single_row_pass(pass_env& env, const config& cfg, const std::string& servic
         std::string m = prepare_query2(&drv, mark.c_str(), room.c_str(), done->date.c_str(),
                                        done->time.c_str(), nullptr, env.fill);
         LOG(L_DEBUG, "Sending mark query: %s\n", m.c_str());
-        if (drv.query(m.c_str()) == 0 && env.outbox) env.parts.states.outbox().marked(entry.id);
+        if (drv.query(m.c_str()) == 0 && env.outbox) {
+            env.parts.states.outbox().marked(entry.id);
+            if (env.parts.sender) env.parts.sender->wake();
+        }
     }
     return true;
 }
@@ -708,6 +714,7 @@ bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms,
                  cfg};
     pms_link& link = parts.link;
     if (cfg.uses_outbox()) run_due_marks(cfg, parts.states, &link);
+    if (parts.sender) parts.sender->wake();  // marks that ran let records go
     if (!parts.sender && cfg.answer_timeout().count() > 0)
         for (const std::string& seq : parts.extensions.overdue(cfg.answer_timeout()))
             LOG(L_WARNING, "Posting P#%s has waited %lld s for its answer", seq.c_str(),

@@ -125,12 +125,6 @@ int outbox_store::written(long id, unsigned link, bool grouped) {
         static_cast<long>(link));
 }
 
-int outbox_store::answered(long id) {
-    db_lock guard(own_.drv);
-    if (!open()) return -1;
-    return settle("update outbox set waiting=0 where id=?", id, std::nullopt);
-}
-
 int outbox_store::marked(long id) {
     db_lock guard(own_.drv);
     if (!open()) return -1;
@@ -196,12 +190,6 @@ int outbox_store::sendable(unsigned link, int limit, std::vector<outbox_entry>& 
 int outbox_store::flush_group(bool due_only) {
     db_lock guard(own_.drv);
     return own_.flush_group(due_only);
-}
-
-std::optional<outbox_entry> outbox_store::waiting(const std::string& seq) {
-    std::vector<outbox_entry> found;
-    if (read(waiting_statement, {}, &seq, found) != 0 || found.empty()) return std::nullopt;
-    return found.front();
 }
 
 int outbox_store::to_send(unsigned link, std::vector<outbox_entry>& out) {

@@ -54,8 +54,6 @@ class outbox_store {
     // `id` was written whole on the link numbered `link`. `grouped`: the
     // change joins the connection's group (states_connection::join_group).
     int written(long id, unsigned link, bool grouped = false);
-    // The posting `seq` if it waits for its answer.
-    std::optional<outbox_entry> waiting(const std::string& seq);
     // Whether a posting numbered `seq` waits (for its answer, or to be sent):
     // its number is not to be used again until then.
     bool number_waiting(const std::string& seq);
@@ -66,8 +64,6 @@ class outbox_store {
     // to run it from. `grouped`: the change joins the connection's group.
     std::optional<outbox_entry> settle_answer(const std::string& seq, const std::string& billok,
                                               const std::string& answer, bool grouped);
-    // The answer to posting `id` was acted on.
-    int answered(long id);
     // The mark of `id` ran (of each of `ids`, in one transaction).
     int marked(long id);
     int marked(const std::vector<long>& ids);
