@@ -608,6 +608,7 @@ int main(int argc, char** argv) {
     if (state.start_fixes.posting) {
         sender = std::make_unique<posting_sender>(configs, link, states, audit);
         state.sender = sender.get();
+        states.calls().use_one_connection();
     }
     wakeup_dialer dialer({configs, link, states, audit, notify, state.manager, sender.get()});
     if (cfg->wakeup.call) state.wakeup = &dialer;

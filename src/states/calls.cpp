@@ -117,16 +117,18 @@ void cached_call::log_statement() const {
 void call_cache::cache(const std::vector<cached_call>& calls) {
     if (calls.empty()) return;
     metrics::calls_cached(static_cast<unsigned>(calls.size()));
-    db_lock guard(main_.drv);
-    if (calls.size() > 1) sqlite_begin(main_.drv, true);
+    dbdriver_t& drv = table().drv;
+    db_lock guard(drv);
+    if (!ready(drv)) return;
+    if (calls.size() > 1) sqlite_begin(drv, true);
     for (const cached_call& call : calls) {
         const auto& v = call.values_;
         sqlite_query_bound(
-            main_.drv, insert_bound,
+            drv, insert_bound,
             {v[0],  v[1],  v[2],  v[3],  v[4],  v[5],  v[6],  v[7],  v[8],  v[9],  v[10],
              v[11], v[12], v[13], v[14], v[15], v[16], v[17], v[18], v[19], v[20], v[21]});
     }
-    sqlite_commit(main_.drv);
+    sqlite_commit(drv);
 }
 
 int call_cache::post_unposted(
@@ -174,9 +176,9 @@ int call_cache::post_unposted(
 }
 
 int call_cache::unposted(const std::string& room, std::vector<call_row>& rows) {
-    dbdriver_t& drv = main_.drv;
+    dbdriver_t& drv = table().drv;
     db_lock guard(drv);
-    if (sqlite_query_bound(drv, unposted_bound, {room}) != 0) {
+    if (!ready(drv) || sqlite_query_bound(drv, unposted_bound, {room}) != 0) {
         drv.free_result();
         return -1;
     }
@@ -198,9 +200,9 @@ int call_cache::unposted(const std::string& room, std::vector<call_row>& rows) {
 int call_cache::mark_queued(const std::vector<queued_mark>& marks,
                             const std::vector<long long>& drops, const fill_options& fill) {
     if (marks.empty() && drops.empty()) return 0;
-    dbdriver_t& drv = main_.drv;
+    dbdriver_t& drv = table().drv;
     db_lock guard(drv);
-    if (sqlite_begin(drv, true) != 0) return -1;
+    if (!ready(drv) || sqlite_begin(drv, true) != 0) return -1;
     int rc = 0;
     for (long long id : drops)
         if (sqlite_query_bound(drv, drop_bound, {id}) != 0) rc = -1;
@@ -227,8 +229,9 @@ int call_cache::mark(const std::string& room, const std::vector<mark_of>& marks)
 }
 
 void call_cache::checkpoint() {
-    db_lock guard(main_.drv);
-    sqlite_checkpoint(main_.drv);
+    dbdriver_t& drv = table().drv;
+    db_lock guard(drv);
+    if (ready(drv)) sqlite_checkpoint(drv);
 }
 
 void call_cache::accept(accepted_call rule, const fias_field_t* rn, const fias_field_t* da,

@@ -5,6 +5,7 @@
 // for good, and the counts are read on the one no operation closes.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <optional>
 #include <string>
@@ -87,6 +88,12 @@ class call_cache {
     // `main` holds the table; `own` (never closed) answers the counts.
     call_cache(states_connection& main, states_connection& own) : main_(main), own_(own) {}
 
+    // With the posting sender (set once, before other threads run): the
+    // table is used on the connection that is never closed, where the
+    // sender's group of changes lives, so that caching, queuing and settling
+    // take turns on one lock instead of waiting for SQLite's write lock.
+    void use_one_connection() { one_ = true; }
+
     // Stores calls, in one transaction when there are several. A failed insert
     // is logged by the driver and that call is lost.
     void cache(const std::vector<cached_call>& calls);
@@ -139,6 +146,16 @@ class call_cache {
     void accept_on(dbdriver_t& drv, accepted_call rule, const std::string& room,
                    const std::function<std::string(const char*)>& text) REQUIRES(drv);
 
+    // The connection of cache(), unposted(), mark_queued() and checkpoint();
+    // connected (which commits an open group) when it is the never-closed one.
+    states_connection& table() { return one_ ? own_ : main_; }
+    // The caller holds `drv`, table()'s lock (the analysis cannot follow
+    // table()).
+    bool ready(dbdriver_t& drv) REQUIRES(drv) NO_THREAD_SAFETY_ANALYSIS {
+        return !one_ || (&drv == &own_.drv && own_.connect());
+    }
+
     states_connection& main_;
     states_connection& own_;
+    std::atomic<bool> one_{false};
 };
