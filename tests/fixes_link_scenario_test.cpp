@@ -94,7 +94,7 @@ TEST(FixesLink, RecordsComeInOrderAtOnceAndALostLinkIsMadeAgainAtOnce) {
     // posting it does not answer ends the link.
     run.pms.pause_reading(true);
     add_calls(run, "101", 6000);
-    ASSERT_TRUE(wait_until([&] { return run.count_log("Connection to PMS lost") == 4; }))
+    ASSERT_TRUE(wait_until([&] { return run.count_log("Connection to PMS lost") == 4; }, 30s))
         << run.log();
     EXPECT_EQ(1u, run.count_log("of room 101 has had no answer for 1 s: the link to the PMS is "
                                 "given up and made again"))
