@@ -62,6 +62,12 @@ std::map<std::string, std::set<std::string>> numbers_by_call(const pms_sim& pms)
     return out;
 }
 
+std::string join(const std::vector<std::string>& row) {
+    std::string out;
+    for (const std::string& value : row) out += (out.empty() ? "" : " ") + value;
+    return out;
+}
+
 unsigned test_seed() {
     const char* given = std::getenv("ORLANBECK_TEST_SEED");
     return given ? static_cast<unsigned>(strtoul(given, nullptr, 10)) : std::random_device{}();
@@ -88,7 +94,8 @@ TEST(Crash, EveryCallIsAcceptedUnderOneNumberThroughKills) {
             if (random() % 3 != 0) continue;
             run.process().signal(SIGKILL);
             ++kills;
-            ASSERT_TRUE(run.start()) << run.log();
+            ASSERT_TRUE(run.start()) << run.log() << "\nthe daemon printed:\n"
+                                     << run.process().output();
         }
         const auto settled = [&] {
             return run.pms.frames("PS|").size() >= calls &&
@@ -97,7 +104,18 @@ TEST(Crash, EveryCallIsAcceptedUnderOneNumberThroughKills) {
                    sqlite_rows(calls_file(run),
                                "select count(*) from calls where accepted=0")[0][0] == "0";
         };
-        EXPECT_TRUE(wait_until(settled, 60s)) << kills << " kills\n" << run.log();
+        if (!wait_until(settled, 60s)) {
+            std::string left;
+            for (const auto& row :
+                 run.states("select id, kind, seq, waiting, mark_key, sends, link from outbox"))
+                left += "outbox: " + join(row) + "\n";
+            for (const auto& row :
+                 sqlite_rows(calls_file(run), "select src, t, posted from calls where accepted=0"))
+                left += "not accepted: " + join(row) + "\n";
+            ADD_FAILURE() << kills << " kills, " << run.pms.frames("PS|").size() << " PS, "
+                          << numbers_by_call(run.pms).size() << " calls posted\n"
+                          << left << run.log();
+        }
         std::map<std::string, std::string> call_of;  // by "P#"
         for (const auto& [number, seqs] : numbers_by_call(run.pms)) {
             EXPECT_EQ(1u, seqs.size()) << number << " was posted under several numbers";

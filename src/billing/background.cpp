@@ -376,25 +376,31 @@ void queue_cached(pass_env& env, const config& cfg, const std::vector<std::strin
     } given_back{sender, claimed};
     // Stores what was made; the rooms are given back, but for the one whose
     // calls are still being made (`room_open`).
+    // The postings and their calls' marks are made in one transaction: a
+    // posting is never sent for a call left unmarked, nor a call marked
+    // without its posting.
     auto store = [&](bool room_open) {
-        std::vector<long> ids;
-        if (!made.empty()) {
+        if (!made.empty() || !drops.empty()) {
             states_transaction tx(states.own_connection());
+            bool ok = true;
             for (states_file::outbox_entry& e : made) {
                 e.id = states.outbox().put(tx, e);
-                if (e.id < 0) break;
-                ids.push_back(e.id);
+                if (e.id < 0) {
+                    ok = false;
+                    break;
+                }
             }
-            if (ids.size() != made.size() || tx.commit() != 0) {
+            ok = ok && states.calls().mark_queued(tx, marks, drops, env.fill) == 0;
+            if (!ok || tx.commit() != 0) {
                 LOG(L_ERROR, "%zu postings could not be written to the states file: not sent",
                     made.size());
                 made.clear();
                 marks.clear();
+                drops.clear();
                 taken.clear();
                 return;  // the rooms are given back as the pass ends
             }
         }
-        if (states.calls().mark_queued(marks, drops, env.fill) == 0) states.outbox().marked(ids);
         made.clear();
         marks.clear();
         drops.clear();
@@ -455,8 +461,7 @@ void queue_cached(pass_env& env, const config& cfg, const std::vector<std::strin
                 sequence = next_free_number(env.sequence, states, taken);
             }
             complained = false;
-            states_file::outbox_entry entry;
-            entry.mark = "cache";
+            states_file::outbox_entry entry;  // its call is marked along with it
             if (!post_call(env, room, row, cache_date_format, cache_time_format, &sequence, entry))
                 continue;
             taken.insert(sequence);

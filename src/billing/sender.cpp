@@ -11,19 +11,8 @@
 
 namespace {
 
-using clock_type = std::chrono::steady_clock;
-
 // Records fetched from the outbox at a time.
 constexpr int batch = 256;
-
-// The posting on the wire that waits for its answer.
-struct in_flight {
-    long id = 0;
-    std::string seq;
-    std::string room;
-    int sends = 0;  // with this one
-    clock_type::time_point sent;
-};
 
 }  // namespace
 
@@ -34,11 +23,23 @@ void posting_sender::wake() {
 }
 
 void posting_sender::answered(long id) {
-    mutex_lock guard(mutex_);
-    answered_.insert(id);
-    ++progress_;
-    woken_ = true;
-    changed_.notify_all();
+    {
+        mutex_lock guard(mutex_);
+        answered_.insert(id);
+        ++progress_;
+        changed_.notify_all();  // for wait_progress()
+    }
+    // The next posting leaves from here when no turn is under way; the
+    // sender's thread sleeps on, as nothing it waits for came sooner.
+    if (turn_.try_lock()) {
+        take_turn(nullptr);
+        turn_.unlock();
+        // What the turn changed joined the group, which the sender's thread
+        // commits: it is woken if it would sleep past the group's time.
+        mutex_lock guard(mutex_);
+        if (sleeps_until_ <= clock_type::now() + states_connection::group_period) return;
+    }
+    wake();
 }
 
 bool posting_sender::claim(const std::string& room) {
@@ -73,12 +74,25 @@ void posting_sender::wait_progress(unsigned long seen, std::chrono::milliseconds
 }
 
 void posting_sender::run(stop_flag& stop) {
-    unsigned link = 0;  // the number of the link the batch is for
-    std::deque<outbox_entry> due;
-    std::optional<in_flight> waiting;
-    std::set<long> given_up;  // logged at ERROR already
-    outbox_store& outbox = states_.outbox();
     while (!stop.requested()) {
+        clock_type::time_point until;
+        {
+            mutex_lock turn(turn_);
+            until = take_turn(&stop);
+        }
+        mutex_lock guard(mutex_);
+        sleeps_until_ = until;
+        if (!woken_ && !stop.requested()) changed_.wait_until(mutex_, until);
+        sleeps_until_ = clock_type::time_point::min();
+    }
+    mutex_lock turn(turn_);
+    states_.outbox().flush_group(false);
+}
+
+posting_sender::clock_type::time_point posting_sender::take_turn(const stop_flag* stop) {
+    outbox_store& outbox = states_.outbox();
+    for (;;) {
+        if (stop && stop->requested()) return clock_type::now();
         outbox.flush_group(true);
         std::set<long> settled;
         {
@@ -86,72 +100,59 @@ void posting_sender::run(stop_flag& stop) {
             settled.swap(answered_);
             woken_ = false;
         }
-        if (waiting && settled.count(waiting->id)) waiting.reset();
-        for (auto it = due.begin(); it != due.end();)
-            it = settled.count(it->id) ? due.erase(it) : it + 1;
+        if (waiting_ && settled.count(waiting_->id)) waiting_.reset();
+        for (auto it = due_.begin(); it != due_.end();)
+            it = settled.count(it->id) ? due_.erase(it) : it + 1;
 
-        // How long to sleep unless woken: until the group is due, the
-        // answer's time-out, or a second.
-        auto until = clock_type::now() + std::chrono::seconds(1);
-        const auto rest = [&] {
-            mutex_lock guard(mutex_);
-            if (!woken_ && !stop.requested()) changed_.wait_until(mutex_, until);
-        };
+        const auto now = clock_type::now();
         const bool open = link_.active() && !audit_.holds_postings();
-        if (open && link_.link_number() != link) {
-            link = link_.link_number();
-            due.clear();
-            waiting.reset();
+        if (open && link_.link_number() != link_number_) {
+            link_number_ = link_.link_number();
+            due_.clear();
+            waiting_.reset();
         }
         if (!open) {
-            due.clear();
-            waiting.reset();
-            until = clock_type::now() + std::chrono::milliseconds(50);
-            rest();
-            continue;
+            due_.clear();
+            waiting_.reset();
+            return now + std::chrono::milliseconds(50);
         }
-        if (waiting) {
+        if (waiting_) {
             const config_ptr cfg = configs_.current();
-            const auto deadline = waiting->sent + cfg->answer_timeout();
-            if (clock_type::now() < deadline) {
-                until = std::min(deadline, clock_type::now() + states_connection::group_period);
-                rest();
-                continue;
-            }
-            if (waiting->sends >= outbox_store::max_sends) {
-                if (given_up.insert(waiting->id).second)
+            const auto deadline = waiting_->sent + cfg->answer_timeout();
+            if (now < deadline) return std::min(deadline, now + states_connection::group_period);
+            if (waiting_->sends >= outbox_store::max_sends) {
+                if (given_up_.insert(waiting_->id).second)
                     LOG(L_ERROR,
                         "Posting P#%s of room %s was sent %d times and never answered: it "
                         "stays waiting, its number is not used again, and the next posting goes "
                         "out",
-                        waiting->seq.c_str(), waiting->room.c_str(), waiting->sends);
-                waiting.reset();
+                        waiting_->seq.c_str(), waiting_->room.c_str(), waiting_->sends);
+                waiting_.reset();
                 continue;
             }
             LOG(L_WARNING,
                 "Posting P#%s of room %s has had no answer for %lld s: the link to the PMS is "
                 "given up and made again",
-                waiting->seq.c_str(), waiting->room.c_str(),
+                waiting_->seq.c_str(), waiting_->room.c_str(),
                 static_cast<long long>(cfg->answer_timeout().count()));
-            waiting.reset();
-            due.clear();
+            waiting_.reset();
+            due_.clear();
             link_.end();
             continue;
         }
-        if (due.empty()) {
+        if (due_.empty()) {
             std::vector<outbox_entry> fetched;
-            outbox.sendable(link, batch, fetched);
-            due.assign(fetched.begin(), fetched.end());
+            outbox.sendable(link_number_, batch, fetched);
+            due_.assign(fetched.begin(), fetched.end());
         }
-        if (due.empty()) {
+        if (due_.empty()) {
             // Nothing more to do: what the group holds is committed now, so
             // that other writers of the file never wait for it.
             outbox.flush_group(false);
-            rest();
-            continue;
+            return now + std::chrono::seconds(1);
         }
-        outbox_entry e = std::move(due.front());
-        due.pop_front();
+        outbox_entry e = std::move(due_.front());
+        due_.pop_front();
         const bool posting = e.kind == "PS";
         if (posting && e.sends > 0) {
             metrics::posting_resent();
@@ -164,13 +165,10 @@ void posting_sender::run(stop_flag& stop) {
                 e.room.c_str());
             // The link is lost: its reader notices, and the record goes out
             // on the next one.
-            due.clear();
-            until = clock_type::now() + std::chrono::milliseconds(100);
-            rest();
-            continue;
+            due_.clear();
+            return clock_type::now() + std::chrono::milliseconds(100);
         }
-        outbox.written(e.id, link, true);
-        if (posting) waiting = in_flight{e.id, e.seq, e.room, e.sends + 1, clock_type::now()};
+        outbox.written(e.id, link_number_, true);
+        if (posting) waiting_ = in_flight{e.id, e.seq, e.room, e.sends + 1, clock_type::now()};
     }
-    outbox.flush_group(false);
 }

@@ -18,6 +18,10 @@
 // commit. A crash loses at most that group: the postings in it go out again
 // under their own "P#".
 //
+// Its work is done in turns, one at a time: mostly on its own thread, and
+// right after an answer on the thread that settled it, so that the next
+// posting leaves without a hand-over between threads.
+//
 // Contract: main makes one sender when [fixes] posting is on at start and
 // runs run() on a thread of its own; any thread may call the other methods.
 // No lock of the states file is held while the sender writes to the PMS.
@@ -25,6 +29,8 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <deque>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -69,14 +75,37 @@ class posting_sender {
     std::vector<std::string> take_left();
 
   private:
+    using clock_type = std::chrono::steady_clock;
+    // The posting on the wire that waits for its answer.
+    struct in_flight {
+        long id = 0;
+        std::string seq;
+        std::string room;
+        int sends = 0;  // with this one
+        clock_type::time_point sent;
+    };
+
+    // One turn: settles the answers come in, writes what may go out, and
+    // returns when the sender next has something to do unless woken.
+    clock_type::time_point take_turn(const stop_flag* stop) REQUIRES(turn_);
+
     const config_loader& configs_;
     pms_link& link_;
     states_file& states_;
     audit_window& audit_;
 
+    // Held for a turn; taken before mutex_ when both are.
+    annotated_mutex turn_;
+    unsigned link_number_ GUARDED_BY(turn_) = 0;  // the link `due_` is for
+    std::deque<states_file::outbox_entry> due_ GUARDED_BY(turn_);
+    std::optional<in_flight> waiting_ GUARDED_BY(turn_);
+    std::set<long> given_up_ GUARDED_BY(turn_);  // logged at ERROR already
+
     annotated_mutex mutex_;
     std::condition_variable_any changed_;
     bool woken_ GUARDED_BY(mutex_) = false;
+    // While the sender's thread sleeps: until when, unless woken.
+    clock_type::time_point sleeps_until_ GUARDED_BY(mutex_) = clock_type::time_point::min();
     std::set<long> answered_ GUARDED_BY(mutex_);  // since the sender last looked
     unsigned long progress_ GUARDED_BY(mutex_) = 0;
     std::vector<std::string> left_ GUARDED_BY(mutex_);

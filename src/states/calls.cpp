@@ -197,24 +197,23 @@ int call_cache::unposted(const std::string& room, std::vector<call_row>& rows) {
     return 0;
 }
 
-int call_cache::mark_queued(const std::vector<queued_mark>& marks,
+int call_cache::mark_queued(states_transaction& tx, const std::vector<queued_mark>& marks,
                             const std::vector<long long>& drops, const fill_options& fill) {
-    if (marks.empty() && drops.empty()) return 0;
-    dbdriver_t& drv = table().drv;
-    db_lock guard(drv);
-    if (!ready(drv) || sqlite_begin(drv, true) != 0) return -1;
+    tx.holds(own_);
+    if (!one_ || !tx.ok()) return -1;
     int rc = 0;
     for (long long id : drops)
-        if (sqlite_query_bound(drv, drop_bound, {id}) != 0) rc = -1;
+        if (sqlite_query_bound(own_.drv, drop_bound, {id}) != 0) rc = -1;
     for (const queued_mark& m : marks) {
         if (log_wanted(L_DEBUG))
             LOG(L_DEBUG, "Sending mark query: %s\n",
-                prepare_query3(&drv, mark_template, m.record.c_str(), m.room.c_str(),
+                prepare_query3(&own_.drv, mark_template, m.record.c_str(), m.room.c_str(),
                                m.date.c_str(), m.time.c_str(), m.seq.c_str(), fill)
                     .c_str());
-        if (sqlite_query_bound(drv, mark_bound, {m.record, m.room, m.date, m.time}) != 0) rc = -1;
+        if (sqlite_query_bound(own_.drv, mark_bound, {m.record, m.room, m.date, m.time}) != 0)
+            rc = -1;
     }
-    return sqlite_commit(drv) == 0 ? rc : -1;
+    return rc;
 }
 
 int call_cache::mark(const std::string& room, const std::vector<mark_of>& marks) {
@@ -241,9 +240,9 @@ void call_cache::accept(accepted_call rule, const fias_field_t* rn, const fias_f
     if (rule == accepted_call::mark_with_number) templ = mark_number_template;
     if (rule == accepted_call::remove_own_row) templ = remove_own_template;
     dbdriver_t& drv = main_.drv;
-    const std::string shown =
-        prepare_query(&drv, templ, rn, nullptr, nullptr, nullptr, da, ti, seq, fill);
-    LOG(L_DEBUG, "OK query is: %s\n", shown.c_str());
+    if (log_wanted(L_DEBUG))
+        LOG(L_DEBUG, "OK query is: %s\n",
+            prepare_query(&drv, templ, rn, nullptr, nullptr, nullptr, da, ti, seq, fill).c_str());
     auto text = [&](const char* placeholder) {
         return field_as_text(&drv, placeholder, rn, da, ti, seq, fill);
     };

@@ -108,15 +108,17 @@ class call_cache {
                       const fill_options& fill);
     // The posting sender's way in two steps: the cached calls of `room` not
     // yet posted, in the cache's order (an unreadable column ends them,
-    // logged); then, once their postings are in the outbox, the marks of
-    // those posted (of any room) and the deletes of those dropped, in one
-    // transaction, echoed as post_unposted() does. 0, or -1.
+    // logged); then the marks of those posted (of any room) and the deletes
+    // of those dropped, inside `tx` (on the never-closed connection, which
+    // the cache uses with the sender), so that they are made together with
+    // the calls' postings in the outbox; echoed as post_unposted() does.
+    // 0, or -1.
     int unposted(const std::string& room, std::vector<call_row>& rows);
     struct queued_mark {
         std::string room, date, time, record, seq;
     };
-    int mark_queued(const std::vector<queued_mark>& marks, const std::vector<long long>& drops,
-                    const fill_options& fill);
+    int mark_queued(states_transaction& tx, const std::vector<queued_mark>& marks,
+                    const std::vector<long long>& drops, const fill_options& fill);
     // Marks cached calls of `room` as posted with their records, together
     // (the marks post_unposted() makes).
     struct mark_of {

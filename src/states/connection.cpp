@@ -15,7 +15,12 @@ bool states_connection::connect() {
 
 bool states_connection::connect_keeping_group() {
     if (drv.connect(nullptr, 0, nullptr, nullptr, path.c_str()) != 0) return false;
-    if (!tuned_) tuned_ = drv.query("PRAGMA synchronous=NORMAL") == 0;
+    // The checkpoint bound is the connection's own: a commit past it writes
+    // the log into the file and syncs it, which would stall the committing
+    // thread (and every writer behind it) in the middle of a burst.
+    if (!tuned_)
+        tuned_ = drv.query("PRAGMA synchronous=NORMAL") == 0 &&
+                 drv.query("PRAGMA wal_autocheckpoint=10000") == 0;
     return true;
 }
 
