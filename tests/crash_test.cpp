@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <random>
 #include <set>
@@ -68,6 +69,20 @@ std::string join(const std::vector<std::string>& row) {
     return out;
 }
 
+// What a restart that did not link up left to see.
+std::string start_failure(daemon_run& run) {
+    std::string out = run.log() + "\nthe daemon printed:\n" + run.process().output();
+    out += "\nconnections: " + std::to_string(run.pms.connections()) +
+           ", running: " + (run.process().running() ? "yes" : "no") + "\n";
+    const std::string task = "/proc/" + std::to_string(run.process().pid()) + "/task";
+    std::error_code ec;
+    for (const auto& t : std::filesystem::directory_iterator(task, ec))
+        out += t.path().filename().string() + " " + read_file(t.path().string() + "/comm") + " " +
+               read_file(t.path().string() + "/wchan") + " " +
+               read_file(t.path().string() + "/stack") + "\n";
+    return out;
+}
+
 unsigned test_seed() {
     const char* given = std::getenv("ORLANBECK_TEST_SEED");
     return given ? static_cast<unsigned>(strtoul(given, nullptr, 10)) : std::random_device{}();
@@ -94,8 +109,7 @@ TEST(Crash, EveryCallIsAcceptedUnderOneNumberThroughKills) {
             if (random() % 3 != 0) continue;
             run.process().signal(SIGKILL);
             ++kills;
-            ASSERT_TRUE(run.start()) << run.log() << "\nthe daemon printed:\n"
-                                     << run.process().output();
+            ASSERT_TRUE(run.start()) << start_failure(run);
         }
         const auto settled = [&] {
             return run.pms.frames("PS|").size() >= calls &&

@@ -131,6 +131,20 @@ void call_cache::cache(const std::vector<cached_call>& calls) {
     sqlite_commit(drv);
 }
 
+namespace {
+
+// A row of unposted_bound; false when a column could not be read (logged).
+bool read_unposted_row(dbdriver_t& drv, call_row& row) REQUIRES(drv) {
+    if (read_call_row(drv, row) != row_read::ok) return false;
+    row.has_disposition = drv.fetch_text_field(5, row.disposition) >= 0;
+    std::string rowid;
+    if (drv.fetch_text_field(6, rowid) >= 0) row.cache_row = strtoll(rowid.c_str(), nullptr, 10);
+    drv.fetch_text_field(7, row.uniqueid);
+    return true;
+}
+
+}  // namespace
+
 int call_cache::post_unposted(
     const std::string& room, const std::function<std::optional<posted_call>(const call_row&)>& post,
     const fill_options& fill) {
@@ -146,12 +160,7 @@ int call_cache::post_unposted(
     while (drv.fetch_row() == 0) {
         LOG(L_DEBUG, "Have something in cache for room %s\n", room.c_str());
         call_row row;
-        if (read_call_row(drv, row) != row_read::ok) break;
-        row.has_disposition = drv.fetch_text_field(5, row.disposition) >= 0;
-        std::string rowid;
-        if (drv.fetch_text_field(6, rowid) >= 0)
-            row.cache_row = strtoll(rowid.c_str(), nullptr, 10);
-        drv.fetch_text_field(7, row.uniqueid);
+        if (!read_unposted_row(drv, row)) break;
         std::optional<posted_call> done = post(row);
         if (!done) continue;
         if (done->dropped) {
@@ -185,12 +194,7 @@ int call_cache::unposted(const std::string& room, std::vector<call_row>& rows) {
     while (drv.fetch_row() == 0) {
         LOG(L_DEBUG, "Have something in cache for room %s\n", room.c_str());
         call_row row;
-        if (read_call_row(drv, row) != row_read::ok) break;
-        row.has_disposition = drv.fetch_text_field(5, row.disposition) >= 0;
-        std::string rowid;
-        if (drv.fetch_text_field(6, rowid) >= 0)
-            row.cache_row = strtoll(rowid.c_str(), nullptr, 10);
-        drv.fetch_text_field(7, row.uniqueid);
+        if (!read_unposted_row(drv, row)) break;
         rows.push_back(std::move(row));
     }
     drv.free_result();
