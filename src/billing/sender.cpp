@@ -27,7 +27,7 @@ void posting_sender::answered(long id) {
         mutex_lock guard(mutex_);
         answered_.insert(id);
         ++progress_;
-        changed_.notify_all();  // for wait_progress()
+        progressed_.notify_all();
     }
     // The next posting leaves from here when no turn is under way; the
     // sender's thread sleeps on, as nothing it waits for came sooner.
@@ -70,7 +70,7 @@ unsigned long posting_sender::progress() {
 void posting_sender::wait_progress(unsigned long seen, std::chrono::milliseconds timeout) {
     const auto until = clock_type::now() + timeout;
     mutex_lock guard(mutex_);
-    while (progress_ == seen && clock_type::now() < until) changed_.wait_until(mutex_, until);
+    while (progress_ == seen && clock_type::now() < until) progressed_.wait_until(mutex_, until);
 }
 
 void posting_sender::run(stop_flag& stop) {

@@ -102,7 +102,8 @@ class posting_sender {
     std::set<long> given_up_ GUARDED_BY(turn_);  // logged at ERROR already
 
     annotated_mutex mutex_;
-    std::condition_variable_any changed_;
+    std::condition_variable_any changed_;     // for the sender's thread
+    std::condition_variable_any progressed_;  // for wait_progress()
     bool woken_ GUARDED_BY(mutex_) = false;
     // While the sender's thread sleeps: until when, unless woken.
     clock_type::time_point sleeps_until_ GUARDED_BY(mutex_) = clock_type::time_point::min();
