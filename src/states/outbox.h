@@ -62,6 +62,8 @@ class outbox_store {
     // in all. In order.
     static constexpr int max_sends = 5;
     int to_send(unsigned link, std::vector<outbox_entry>& out);
+    // Whether `id` is among what to_send() would give for `link`.
+    bool due(long id, unsigned link);
     // The entries whose mark is still due, in order.
     int marks_due(std::vector<outbox_entry>& out);
     // The last posting number used, or -1 when none is known.
