@@ -179,7 +179,7 @@ TEST(Wakeup, ABookingEndsOnceWhateverOrderItsOutcomeDeadlineAndSnoozeArriveIn) {
     run.mgr.send_user_event("WakeupSnooze", {{"Room", "601"}, {"Minutes", "1"}});
     ASSERT_TRUE(run.pms.wait_for_count("WA|", 3, 30s)) << run.log();
     std::this_thread::sleep_for(1s);
-    EXPECT_EQ(1u, run.pms.count_frames("WA|RN601|DA" + da + "|TI" + ti + "|ASBY|"));
+    EXPECT_EQ(1u, run.pms.count_frames("WA|RN601|DA" + da + "|TI" + ti + "|ASBY|")) << run.log();
     EXPECT_EQ(1u, run.pms.count_frames("WA|RN602|DA" + da + "|TI" + ti + "|ASNR|"));
     EXPECT_EQ(1u, run.pms.count_frames("WA|RN603|DA" + da + "|TI" + ti + "|ASOK|"));
     EXPECT_EQ(3u, run.pms.count_frames("WA|"));

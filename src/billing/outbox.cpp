@@ -3,6 +3,7 @@
 #include "billing/sender.h"
 #include "logger.h"
 #include "metrics.h"
+#include "thread_annotations.h"
 
 namespace {
 
@@ -17,6 +18,11 @@ void log_failed_write(const states_file::outbox_entry& e, const char* error) {
 bool may_go_out(const outbox_parts& parts) {
     return parts.link.active() && !parts.audit.holds_postings();
 }
+
+// Held from the look at what is due to the record's "written": a record
+// stored by one thread and about to be written by it is never written too
+// by the cycle's pass over the outbox, nor the other way round.
+annotated_mutex sending;
 
 }  // namespace
 
@@ -45,6 +51,8 @@ void send_stored(const outbox_parts& parts, const states_file::outbox_entry& ent
     if (parts.sender) return parts.sender->wake();
     if (!may_go_out(parts)) return;
     const unsigned number = parts.link.link_number();
+    mutex_lock guard(sending);
+    if (!parts.states.outbox().due(entry.id, number)) return;
     if (parts.link.send_raw(entry.record.c_str()) < 0)
         log_failed_write(entry, error);
     else
@@ -55,6 +63,7 @@ void send_outbox(const outbox_parts& parts) {
     if (parts.sender) return parts.sender->wake();
     if (!may_go_out(parts)) return;
     const unsigned number = parts.link.link_number();
+    mutex_lock guard(sending);
     std::vector<states_file::outbox_entry> due;
     parts.states.outbox().to_send(number, due);
     for (const states_file::outbox_entry& e : due) {

@@ -196,6 +196,15 @@ int outbox_store::to_send(unsigned link, std::vector<outbox_entry>& out) {
     return read(to_send_statement, {max_sends, link}, nullptr, out);
 }
 
+bool outbox_store::due(long id, unsigned link) {
+    db_lock guard(own_.drv);
+    return open() && sqlite_count_bound(
+                         own_.drv,
+                         "select count(*) from outbox where id=? and waiting=1 and "
+                         "(sends=0 or (sends<? and link<>?))",
+                         {static_cast<long long>(id), max_sends, static_cast<long long>(link)}) > 0;
+}
+
 int outbox_store::marks_due(std::vector<outbox_entry>& out) {
     return read(marks_due_statement, {}, nullptr, out);
 }

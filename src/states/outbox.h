@@ -76,6 +76,8 @@ class outbox_store {
     // The same for the posting sender, at most `limit` entries, leaving out
     // those whose mark is still due (they go once it ran).
     int sendable(unsigned link, int limit, std::vector<outbox_entry>& out);
+    // Whether `id` is among what to_send() would give for `link`.
+    bool due(long id, unsigned link);
     // The entries whose mark is still due, in order.
     int marks_due(std::vector<outbox_entry>& out);
     // The last posting number used, or -1 when none is known.
