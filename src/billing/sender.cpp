@@ -35,9 +35,12 @@ void posting_sender::answered(long id) {
         take_turn(nullptr);
         turn_.unlock();
         // What the turn changed joined the group, which the sender's thread
-        // commits: it is woken if it would sleep past the group's time.
+        // commits: it is woken if it would sleep past the group's time, or
+        // is between turns (its next sleep was reckoned before this one).
         mutex_lock guard(mutex_);
-        if (sleeps_until_ <= clock_type::now() + states_connection::group_period) return;
+        if (sleeps_until_ != clock_type::time_point::min() &&
+            sleeps_until_ <= clock_type::now() + states_connection::group_period)
+            return;
     }
     wake();
 }
