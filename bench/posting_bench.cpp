@@ -22,6 +22,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -299,7 +300,12 @@ int main() {
     if (floor < 0) ok = false;
     ok = ok && daemon_run(states, 50us, true, floor);
     ok = ok && daemon_run(states, 0us, false, floor);
-    std::error_code ec;
-    std::filesystem::remove_all(work_dir(), ec);
+    // BENCH_KEEP=1 keeps the work folder (the daemons' logs) for a look.
+    if (const char* keep = getenv("BENCH_KEEP"); keep && *keep == '1') {
+        fprintf(stderr, "posting_bench: kept %s\n", work_dir().c_str());
+    } else {
+        std::error_code ec;
+        std::filesystem::remove_all(work_dir(), ec);
+    }
     return ok ? 0 : 1;
 }

@@ -34,9 +34,15 @@ std::atomic<unsigned> file_mode{0};
 // A log file is created readable by its group at most, whatever the umask.
 constexpr unsigned kCreateMode = 0640;
 std::atomic<unsigned long> problem_count{0};
+void write_out(const char* text, size_t len);
+void write_kept();
 std::atomic<bool> hide_names{false};
 // The names announced by this thread's hidden_name scopes, innermost last.
 thread_local std::vector<std::string> names_in_scope;
+// The lines kept by this thread's log_batch scopes, and how deep they nest.
+thread_local std::string batched;
+thread_local int batch_depth = 0;
+constexpr size_t kBatchLimit = 64 * 1024;
 // Seconds east of UTC, as last seen by write_log(), for the signal-safe path.
 std::atomic<long> utc_offset{0};
 
@@ -367,15 +373,46 @@ void write_log(int level, const char* file, int line, const char* function, cons
     len += strlen(buf);
     out[len++] = '\n';
 
+    if (batch_depth > 0) {
+        batched.append(out, len);
+        if (level == L_WARNING || level == L_ERROR || batched.size() >= kBatchLimit) write_kept();
+        return;
+    }
+    write_out(out, len);
+}
+
+namespace {
+
+void write_out(const char* text, size_t len) {
     {
         mutex_lock guard(path_mutex);
-        // One write of the whole line: lines of several threads never mix.
+        // One write of whole lines: lines of several threads never mix.
         if (logfile_path[0] && log_file_ready()) {
-            if (write(log_fd, out, len) >= 0) return;
+            if (write(log_fd, text, len) >= 0) return;
             close_log();
         }
     }
-    fwrite(out, 1, len, stderr);
+    fwrite(text, 1, len, stderr);
+}
+
+void write_kept() {
+    if (batched.empty()) return;
+    write_out(batched.data(), batched.size());
+    batched.clear();
+}
+
+}  // namespace
+
+log_batch::log_batch() {
+    ++batch_depth;
+}
+
+log_batch::~log_batch() {
+    if (--batch_depth == 0) write_kept();
+}
+
+void log_batch::write() {
+    write_kept();
 }
 
 // Reads the path without its lock: a signal handler cannot take one, and

@@ -63,6 +63,23 @@ unsigned long logger_problem_count();
 void write_log_async_safe(int level, const char* file, int line, const char* function,
                           const char* message);
 
+// While one lives, this thread's lines are kept and written together, in one
+// write, when it ends or write() is called, and at once, with the lines
+// kept before them, for a WARNING or an ERROR or once 64 KB wait. Lines of
+// other threads are not held. For short stretches of work that log a line
+// a step on a path where each system call counts (a posting's answer): a
+// stretch that may wait on something outside the process writes what it
+// holds first. Batches nest; the outermost one writes.
+class log_batch {
+  public:
+    log_batch();
+    ~log_batch();
+    log_batch(const log_batch&) = delete;
+    log_batch& operator=(const log_batch&) = delete;
+    // Writes the lines kept so far; later ones are kept again.
+    void write();
+};
+
 // Whether lines hide guest names (false, the default: names are written).
 void logger_hide_names(bool hide);
 bool logger_hides_names();

@@ -145,6 +145,22 @@ TEST_F(Capture, ABookingAndARecordChangeInOneTransaction) {
     EXPECT_EQ(std::make_pair(size_t{1}, size_t{0}), counts());
     both(true);
     EXPECT_EQ(std::make_pair(size_t{0}, size_t{1}), counts());
+
+    // Inside the sender's open group the transaction is a savepoint: undone
+    // alone, or committed together with the group (seen from elsewhere).
+    ASSERT_EQ(0, states.wakeups().save(bookings));
+    std::vector<outbox_entry> due;
+    states.outbox().to_send(1, due);
+    ASSERT_EQ(1u, due.size());
+    ASSERT_EQ(0, states.outbox().written(due[0].id, 1, true));  // it leaves, in the group
+    const std::string left = "select count(*) from outbox where id=" + std::to_string(due[0].id);
+    EXPECT_EQ(sql_rows{{"1"}}, sqlite_rows(states_path, left));
+    both(false);
+    EXPECT_EQ(sql_rows{{"1"}}, sqlite_rows(states_path, left));
+    both(true);
+    EXPECT_EQ(sql_rows{{"0"}}, sqlite_rows(states_path, left));
+    EXPECT_EQ(sql_rows{{"0"}}, sqlite_rows(states_path, "select count(*) from wakeups"));
+    EXPECT_EQ(std::make_pair(size_t{0}, size_t{1}), counts());
 }
 
 // A new file: 0640 whatever the umask, with its -wal and -shm; with

@@ -138,6 +138,31 @@ TEST_F(Logger, AFileMovedAwayIsLeftAfterAReopenOrASecondAndEveryNewFileIs0640) {
     }
 }
 
+// A batch keeps its thread's lines until it ends, in their order; a WARNING
+// goes out at once with the lines before it; other threads are not held.
+TEST_F(Logger, ABatchWritesItsLinesTogetherAndAProblemAtOnce) {
+    logger_init(path().c_str(), 5, 0, 0);
+    {
+        log_batch batch;
+        write_log(L_NOTICE, "f.cpp", 1, "fn", "one");
+        std::thread([] { write_log(L_NOTICE, "f.cpp", 1, "fn", "other thread"); }).join();
+        EXPECT_EQ(std::string::npos, log().find("one"));
+        EXPECT_NE(std::string::npos, log().find("other thread"));
+        write_log(L_WARNING, "f.cpp", 1, "fn", "two");
+        EXPECT_LT(log().find("one"), log().find("two"));
+        write_log(L_NOTICE, "f.cpp", 1, "fn", "three");
+        {
+            log_batch inner;
+            write_log(L_NOTICE, "f.cpp", 1, "fn", "four");
+        }
+        EXPECT_EQ(std::string::npos, log().find("three"));
+        batch.write();
+        EXPECT_LT(log().find("three"), log().find("four"));
+        write_log(L_NOTICE, "f.cpp", 1, "fn", "five");
+    }
+    EXPECT_NE(std::string::npos, log().find("five"));
+}
+
 TEST_F(Logger, ConcurrentWritersGiveWholeLines) {
     logger_init(path().c_str(), 5, 0, 0);
     const std::string pad(300, 'p');

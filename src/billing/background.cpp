@@ -465,7 +465,8 @@ void queue_cached(pass_env& env, const config& cfg, const std::vector<std::strin
             if (!post_call(env, room, row, cache_date_format, cache_time_format, &sequence, entry))
                 continue;
             taken.insert(sequence);
-            marks.push_back({room, row.date, row.time, made.back().record, sequence});
+            marks.push_back(
+                {room, row.date, row.time, made.back().record, sequence, row.cache_row});
         }
     }
     store(false);

@@ -96,7 +96,6 @@ posting_sender::clock_type::time_point posting_sender::take_turn(const stop_flag
     outbox_store& outbox = states_.outbox();
     for (;;) {
         if (stop && stop->requested()) return clock_type::now();
-        outbox.flush_group(true);
         std::set<long> settled;
         {
             mutex_lock guard(mutex_);
@@ -117,12 +116,19 @@ posting_sender::clock_type::time_point posting_sender::take_turn(const stop_flag
         if (!open) {
             due_.clear();
             waiting_.reset();
+            outbox.flush_group(true);
             return now + std::chrono::milliseconds(50);
         }
         if (waiting_) {
             const config_ptr cfg = configs_.current();
             const auto deadline = waiting_->sent + cfg->answer_timeout();
-            if (now < deadline) return std::min(deadline, now + states_connection::group_period);
+            if (now < deadline) {
+                // The group is committed here, once the posting is out, while
+                // the PMS works on its answer: never between an answer and
+                // the next posting.
+                outbox.flush_group(true);
+                return std::min(deadline, now + states_connection::group_period);
+            }
             if (waiting_->sends >= outbox_store::max_sends) {
                 if (given_up_.insert(waiting_->id).second)
                     LOG(L_ERROR,
@@ -169,6 +175,7 @@ posting_sender::clock_type::time_point posting_sender::take_turn(const stop_flag
             // The link is lost: its reader notices, and the record goes out
             // on the next one.
             due_.clear();
+            outbox.flush_group(true);
             return clock_type::now() + std::chrono::milliseconds(100);
         }
         outbox.written(e.id, link_number_, true);

@@ -1,6 +1,7 @@
 #include "handlers/dispatch.h"
 
 #include <cstring>
+#include <optional>
 #include <thread>
 
 #include "billing/answer.h"
@@ -229,6 +230,12 @@ void record_dispatcher::process_fias_packet(const std::string& data) const {
         LOG(L_WARNING, "Can not parse FIAS packet %s", fias_shown(data.c_str()).c_str());
         return;
     }
+    // With the sender, an answer's lines are written in one go once the next
+    // posting went out: between an answer and the next posting nothing waits
+    // for the log. (Only the next posting's write, bounded by
+    // pms:write_timeout, can hold them.)
+    std::optional<log_batch> batch;
+    if (parts_.sender && p->packet_code == FIAS_PA) batch.emplace();
     LOG(L_NOTICE, "Received %s packet from PMS", p->desc);
     if (room_refused(*cfg, *p)) return;
     // Texts of a PMS with a character set of its own reach the statements as

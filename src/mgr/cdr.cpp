@@ -131,19 +131,24 @@ class insert_batch {
     }
 
     // Stores what is pending; then the rooms of the calls stored since the
-    // last time go to `stored` (when set).
+    // last time go to `stored` (when set). The calls are committed when it
+    // returns (with the sender, `stored` commits them along with their
+    // postings, in one commit).
     void store(const cdr_stored_hook& stored = {}, const std::vector<std::string>& all = {}) {
-        write();
         if (rooms_.empty()) return;
+        if (!pending_.empty()) states_.calls().cache(pending_);
+        pending_.clear();
         std::vector<std::string> rooms = std::move(rooms_);
         rooms_.clear();
         if (stored) stored(rooms, all);
+        states_.calls().commit();
     }
 
   private:
     void write() {
         if (pending_.empty()) return;
         states_.calls().cache(pending_);
+        states_.calls().commit();
         pending_.clear();
     }
 

@@ -40,6 +40,9 @@ const char* const insert_bound =
     "callclass, faxdata,uniqueid,userfield) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
     "?, ?, ?, ?, ?, ?,?,'')";
 const char* const drop_bound = "delete from cdrcache where rowid=?";
+// With the sender each posted call is marked with its own posting's record,
+// also when another call of the room started in the same second.
+const char* const mark_row_bound = "update cdrcache set userfield=? where rowid=?";
 
 const char* const waiting_statement =
     "select count(*) from cdrcache where userfield='NULL' or userfield=NULL or userfield=''";
@@ -117,18 +120,34 @@ void cached_call::log_statement() const {
 void call_cache::cache(const std::vector<cached_call>& calls) {
     if (calls.empty()) return;
     metrics::calls_cached(static_cast<unsigned>(calls.size()));
-    dbdriver_t& drv = table().drv;
-    db_lock guard(drv);
-    if (!ready(drv)) return;
-    if (calls.size() > 1) sqlite_begin(drv, true);
-    for (const cached_call& call : calls) {
-        const auto& v = call.values_;
-        sqlite_query_bound(
-            drv, insert_bound,
-            {v[0],  v[1],  v[2],  v[3],  v[4],  v[5],  v[6],  v[7],  v[8],  v[9],  v[10],
-             v[11], v[12], v[13], v[14], v[15], v[16], v[17], v[18], v[19], v[20], v[21]});
+    // Run under the lock of `drv`, taken below.
+    auto insert = [&calls](dbdriver_t& drv) NO_THREAD_SAFETY_ANALYSIS {
+        for (const cached_call& call : calls) {
+            const auto& v = call.values_;
+            sqlite_query_bound(
+                drv, insert_bound,
+                {v[0],  v[1],  v[2],  v[3],  v[4],  v[5],  v[6],  v[7],  v[8],  v[9],  v[10],
+                 v[11], v[12], v[13], v[14], v[15], v[16], v[17], v[18], v[19], v[20], v[21]});
+        }
+    };
+    // With the sender the calls join the connection's group, which commit()
+    // commits (or the sender, or a posting's store, whichever comes first).
+    if (one_) {
+        db_lock guard(own_.drv);
+        if (own_.join_group()) insert(own_.drv);
+        return;
     }
+    dbdriver_t& drv = main_.drv;
+    db_lock guard(drv);
+    if (calls.size() > 1) sqlite_begin(drv, true);
+    insert(drv);
     sqlite_commit(drv);
+}
+
+void call_cache::commit() {
+    if (!one_) return;
+    db_lock guard(own_.drv);
+    own_.flush_group(false);
 }
 
 namespace {
@@ -187,7 +206,7 @@ int call_cache::post_unposted(
 int call_cache::unposted(const std::string& room, std::vector<call_row>& rows) {
     dbdriver_t& drv = table().drv;
     db_lock guard(drv);
-    if (!ready(drv) || sqlite_query_bound(drv, unposted_bound, {room}) != 0) {
+    if (!ready(drv, true) || sqlite_query_bound(drv, unposted_bound, {room}) != 0) {
         drv.free_result();
         return -1;
     }
@@ -214,7 +233,9 @@ int call_cache::mark_queued(states_transaction& tx, const std::vector<queued_mar
                 prepare_query3(&own_.drv, mark_template, m.record.c_str(), m.room.c_str(),
                                m.date.c_str(), m.time.c_str(), m.seq.c_str(), fill)
                     .c_str());
-        if (sqlite_query_bound(own_.drv, mark_bound, {m.record, m.room, m.date, m.time}) != 0)
+        if ((m.row > 0 ? sqlite_query_bound(own_.drv, mark_row_bound, {m.record, m.row})
+                       : sqlite_query_bound(own_.drv, mark_bound,
+                                            {m.record, m.room, m.date, m.time})) != 0)
             rc = -1;
     }
     return rc;

@@ -95,8 +95,11 @@ class call_cache {
     void use_one_connection() { one_ = true; }
 
     // Stores calls, in one transaction when there are several. A failed insert
-    // is logged by the driver and that call is lost.
+    // is logged by the driver and that call is lost. With the sender they
+    // join the group of the never-closed connection: commit() makes them
+    // durable, unless a posting's store or the sender did so first.
     void cache(const std::vector<cached_call>& calls);
+    void commit();
     // Offers each cached call of `room` not yet posted to `post`, in the
     // cache's order; a call that `post` posted is marked with its record
     // (the mark's statement echoed under `fill`), a call that `post` dropped
@@ -116,6 +119,7 @@ class call_cache {
     int unposted(const std::string& room, std::vector<call_row>& rows);
     struct queued_mark {
         std::string room, date, time, record, seq;
+        long long row = 0;  // the call's row, when known: only it is marked
     };
     int mark_queued(states_transaction& tx, const std::vector<queued_mark>& marks,
                     const std::vector<long long>& drops, const fill_options& fill);
@@ -153,8 +157,10 @@ class call_cache {
     states_connection& table() { return one_ ? own_ : main_; }
     // The caller holds `drv`, table()'s lock (the analysis cannot follow
     // table()).
-    bool ready(dbdriver_t& drv) REQUIRES(drv) NO_THREAD_SAFETY_ANALYSIS {
-        return !one_ || (&drv == &own_.drv && own_.connect());
+    // `keep_group`: a read, which may see the group's changes.
+    bool ready(dbdriver_t& drv, bool keep_group = false) REQUIRES(drv) NO_THREAD_SAFETY_ANALYSIS {
+        return !one_ ||
+               (&drv == &own_.drv && (keep_group ? own_.connect_keeping_group() : own_.connect()));
     }
 
     states_connection& main_;

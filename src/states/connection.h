@@ -47,15 +47,22 @@ class states_connection {
     std::string path;
 
   private:
+    friend class states_transaction;
     bool tuned_ GUARDED_BY(drv) = false;
     bool grouped_ GUARDED_BY(drv) = false;  // a group is open
+    // A states_transaction runs as a savepoint inside the group: connect()
+    // leaves the group open under it.
+    bool in_savepoint_ GUARDED_BY(drv) = false;
     std::chrono::steady_clock::time_point group_since_ GUARDED_BY(drv);
 };
 
 // A transaction on a connection, under its lock: BEGIN when it starts (when
 // none is open), ROLLBACK when it ends without commit(). The stores'
 // operations that take a transaction run inside it, so that changes to
-// several tables of that connection are made together or not at all.
+// several tables of that connection are made together or not at all. When
+// the connection's group is open, the transaction is a savepoint inside it
+// and commit() commits the group with it (one commit, not two); without
+// commit() only the savepoint's changes are undone.
 class SCOPED_CAPABILITY states_transaction {
   public:
     explicit states_transaction(states_connection& c) ACQUIRE(c.drv) NO_THREAD_SAFETY_ANALYSIS;
@@ -76,4 +83,5 @@ class SCOPED_CAPABILITY states_transaction {
     states_connection& c_;
     bool began_ = false;
     bool done_ = false;
+    bool in_group_ = false;  // a savepoint inside the connection's group
 };
