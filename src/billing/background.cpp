@@ -734,6 +734,8 @@ bool billing_cycle(const config& cfg, const std::vector<std::string>& rooms,
         posted = true;
     } else if (cfg.billcalls) {
         if (!query_pass(env, cfg, rooms)) return false;
+        // The sender's connection leaves its checkpoints to the cycle.
+        if (parts.sender) parts.states.calls().checkpoint();
         posted = true;
     }
     if (posted && !link.active()) return true;

@@ -38,6 +38,7 @@ void posting_sender::answered(long id) {
         // commits: it is woken if it would sleep past the group's time, or
         // is between turns (its next sleep was reckoned before this one).
         mutex_lock guard(mutex_);
+        answer_turn_ = clock_type::now();
         if (sleeps_until_ != clock_type::time_point::min() &&
             sleeps_until_ <= clock_type::now() + states_connection::group_period)
             return;
@@ -80,6 +81,16 @@ void posting_sender::run(stop_flag& stop) {
     while (!stop.requested()) {
         clock_type::time_point until;
         {
+            // While answers come, the turns taken after them send and commit
+            // the group: the thread only watches that they go on, and so
+            // never holds a turn that an answer's thread would wait for.
+            mutex_lock guard(mutex_);
+            until = answer_turn_ + states_connection::group_period;
+            if (woken_ || answer_turn_ == clock_type::time_point::min() ||
+                until <= clock_type::now())
+                until = clock_type::time_point::min();
+        }
+        if (until == clock_type::time_point::min()) {
             mutex_lock turn(turn_);
             until = take_turn(&stop);
         }

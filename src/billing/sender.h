@@ -107,6 +107,8 @@ class posting_sender {
     bool woken_ GUARDED_BY(mutex_) = false;
     // While the sender's thread sleeps: until when, unless woken.
     clock_type::time_point sleeps_until_ GUARDED_BY(mutex_) = clock_type::time_point::min();
+    // When the last turn after an answer was taken (answered()).
+    clock_type::time_point answer_turn_ GUARDED_BY(mutex_) = clock_type::time_point::min();
     std::set<long> answered_ GUARDED_BY(mutex_);  // since the sender last looked
     unsigned long progress_ GUARDED_BY(mutex_) = 0;
     std::vector<std::string> left_ GUARDED_BY(mutex_);

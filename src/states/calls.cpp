@@ -253,9 +253,25 @@ int call_cache::mark(const std::string& room, const std::vector<mark_of>& marks)
 }
 
 void call_cache::checkpoint() {
+    // With the sender the checkpoint runs on the other connection, so that
+    // the sender, the answers and the capture go on writing meanwhile (a
+    // passive checkpoint waits for no writer); unless that one is closed.
+    if (one_) {
+        db_lock guard(main_.drv);
+        if (main_.connect()) return sqlite_checkpoint(main_.drv);
+    }
     dbdriver_t& drv = table().drv;
     db_lock guard(drv);
     if (ready(drv)) sqlite_checkpoint(drv);
+}
+
+void call_cache::use_one_connection() {
+    one_ = true;
+    // Its commits leave the checkpoints to checkpoint() (each cycle) up to a
+    // bound that only a cycle that cannot end reaches: a checkpoint made in
+    // a commit holds the connection, and so every answer, for its length.
+    db_lock guard(own_.drv);
+    if (own_.connect()) own_.drv.query("PRAGMA wal_autocheckpoint=100000");
 }
 
 void call_cache::accept(accepted_call rule, const fias_field_t* rn, const fias_field_t* da,

@@ -92,7 +92,7 @@ class call_cache {
     // table is used on the connection that is never closed, where the
     // sender's group of changes lives, so that caching, queuing and settling
     // take turns on one lock instead of waiting for SQLite's write lock.
-    void use_one_connection() { one_ = true; }
+    void use_one_connection();
 
     // Stores calls, in one transaction when there are several. A failed insert
     // is logged by the driver and that call is lost. With the sender they
