@@ -100,7 +100,9 @@ TEST(FixesLink, RecordsComeInOrderAtOnceAndALostLinkIsMadeAgainAtOnce) {
     ASSERT_TRUE(wait_until(
         [&] {
             if (run.count_log("Connection to PMS lost") == 4) return true;
-            if (added < 80000 && sqlite_rows(cdr_file(run), "select count(*) from calls where posted = 0")[0][0] == "0") {
+            if (added < 80000 &&
+                sqlite_rows(cdr_file(run), "select count(*) from calls where posted = 0")[0][0] ==
+                    "0") {
                 add_calls(run, "101", 2000, added + 1);
                 added += 2000;
             }
