@@ -4,6 +4,7 @@
 #include "states/calls.h"
 
 #include <cstdlib>
+#include <utility>
 
 #include "db/sqlite.h"
 #include "logger.h"
@@ -134,7 +135,9 @@ void call_cache::cache(const std::vector<cached_call>& calls) {
     // commits (or the sender, or a posting's store, whichever comes first).
     if (one_) {
         db_lock guard(own_.drv);
-        if (own_.join_group()) insert(own_.drv);
+        if (!own_.join_group()) return;
+        insert(own_.drv);
+        cached_group_ = own_.open_group();
         return;
     }
     dbdriver_t& drv = main_.drv;
@@ -147,7 +150,10 @@ void call_cache::cache(const std::vector<cached_call>& calls) {
 void call_cache::commit() {
     if (!one_) return;
     db_lock guard(own_.drv);
-    own_.flush_group(false);
+    // Only while the calls are still in the group: once a posting's store
+    // committed them, the group open now is the sender's, left to its
+    // period.
+    own_.flush_group_of(std::exchange(cached_group_, 0));
 }
 
 namespace {

@@ -166,4 +166,6 @@ class call_cache {
     states_connection& main_;
     states_connection& own_;
     std::atomic<bool> one_{false};
+    // The group that holds the calls cache() stored last (0: committed).
+    unsigned long cached_group_ GUARDED_BY(own_.drv) = 0;
 };

@@ -33,6 +33,7 @@ bool states_connection::join_group() {
     if (grouped_) return true;
     if (sqlite_begin(drv, true) != 0) return false;
     grouped_ = true;
+    ++groups_;
     group_since_ = std::chrono::steady_clock::now();
     return true;
 }

@@ -38,6 +38,14 @@ class states_connection {
     // Commits the group if one is open (`due_only`: only once its period has
     // passed). 0, or -1 when the commit failed (logged).
     int flush_group(bool due_only = false) REQUIRES(drv);
+    // The open group's number (each group has its own), or 0 when none is
+    // open; flush_group_of() commits the group only while it is that one,
+    // so that a writer commits its own changes and never another's group
+    // that opened since.
+    unsigned long open_group() const REQUIRES(drv) { return grouped_ ? groups_ : 0; }
+    int flush_group_of(unsigned long group) REQUIRES(drv) {
+        return group != 0 && open_group() == group ? flush_group(false) : 0;
+    }
     // Runs `statements` (which make a store's tables when missing) unless
     // `made` says they ran; `made` is set only outside a transaction, as a
     // rollback takes away what a transaction made. False when one fails.
@@ -50,6 +58,7 @@ class states_connection {
     friend class states_transaction;
     bool tuned_ GUARDED_BY(drv) = false;
     bool grouped_ GUARDED_BY(drv) = false;  // a group is open
+    unsigned long groups_ GUARDED_BY(drv) = 0;  // groups opened
     // A states_transaction runs as a savepoint inside the group: connect()
     // leaves the group open under it.
     bool in_savepoint_ GUARDED_BY(drv) = false;
