@@ -203,7 +203,7 @@ bool is_series(const std::string& line) {
 // "other".
 std::string scrape_faults(int port) {
     const auto [status, body] = http_get(port, "/metrics");
-    if (status != 200) return shown(body);
+    if (status != 200) return "\n  status " + std::to_string(status) + ": " + shown(body);
     std::string out;
     for (const std::string& line : lines_of(body)) {
         if (line.empty() || line[0] == '#') continue;
@@ -287,7 +287,7 @@ class hostile_run {
         EXPECT_EQ("", notify_faults(systemd_, run.process().pid())) << "service manager";
         EXPECT_EQ("", log_faults()) << "log lines not the daemon's";
         EXPECT_EQ(0u, run.count_log("Got long line")) << "a Manager line under 8 KiB was cut";
-        EXPECT_EQ("", scrape_faults(status_port_)) << "/metrics";
+        EXPECT_EQ("", scrape_faults(status_port_)) << "/metrics\n" << tail();
     }
 
   private:

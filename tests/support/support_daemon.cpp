@@ -1,6 +1,8 @@
 #include "support_daemon.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
@@ -117,6 +119,9 @@ std::string daemon_run::log_after(const std::string& marker) const {
 std::pair<int, std::string> http_get(int port, const std::string& path) {
     const int fd = connect_loopback(port);
     if (fd < 0) return {0, ""};
+    // A daemon that never answers fails the test instead of hanging it.
+    const timeval limit{30, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     const std::string request = "GET " + path + " HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n";
     std::string reply;
     if (write(fd, request.data(), request.size()) == static_cast<ssize_t>(request.size())) {
