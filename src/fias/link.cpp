@@ -436,36 +436,27 @@ int read_byte(int sock, tls_session* tls, short* wait, char* c) {
 }
 
 // Reads what `sock` holds (waiting a second at most) into `out`: its count,
-// 0 at the end of the stream, idle, or -1.
+// 0 at the end of the stream, idle, or -1. What is there already is taken
+// without waiting: a PMS that answers at once has answered by the time the
+// last record's work is done.
 int read_some(int sock, std::string& out) {
     out.resize(4096);
-    // What is there already is taken without waiting: a PMS that answers at
-    // once has answered by the time the last record's work is done.
-    ssize_t got;
-    do {
-        got = recv(sock, out.data(), out.size(), MSG_DONTWAIT);
-    } while (got < 0 && errno == EINTR);
-    if (got >= 0) {
-        out.resize(static_cast<size_t>(got));
-        return static_cast<int>(got);
-    }
-    out.clear();
-    if (errno != EAGAIN && errno != EWOULDBLOCK && errno != ENOTSOCK) return -1;
-    pollfd pfd{sock, POLLIN, 0};
-    const int ready = poll(&pfd, 1, 1000);
-    if (ready < 0 && errno != EINTR) return -1;
-    if (ready <= 0) return pms_link::idle;
-    out.resize(4096);
-    for (;;) {
-        const ssize_t n = read(sock, out.data(), out.size());
+    for (bool waited = false;;) {
+        const ssize_t n = waited ? read(sock, out.data(), out.size())
+                                 : recv(sock, out.data(), out.size(), MSG_DONTWAIT);
         if (n >= 0) {
             out.resize(static_cast<size_t>(n));
             return static_cast<int>(n);
         }
-        if (errno != EINTR) {
-            out.clear();
-            return -1;
-        }
+        if (errno == EINTR) continue;
+        out.clear();
+        if (waited || (errno != EAGAIN && errno != EWOULDBLOCK && errno != ENOTSOCK)) return -1;
+        pollfd pfd{sock, POLLIN, 0};
+        const int ready = poll(&pfd, 1, 1000);
+        if (ready < 0 && errno != EINTR) return -1;
+        if (ready <= 0) return pms_link::idle;
+        out.resize(4096);
+        waited = true;
     }
 }
 

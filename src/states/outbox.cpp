@@ -32,10 +32,12 @@ const char* const create_sequence =
 
 const char* const waiting_statement =
     OUTBOX_COLUMNS "where kind='PS' and waiting=1 and seq=? order by id";
-const char* const to_send_statement =
-    OUTBOX_COLUMNS "where waiting=1 and (sends=0 or (sends<? and link<>?)) order by id";
-const char* const sendable_statement = OUTBOX_COLUMNS
-    "where waiting=1 and mark='' and (sends=0 or (sends<? and link<>?)) order by id limit ?";
+// A record due on a link: never written, or unanswered, written on an
+// earlier link and fewer than max_sends times (bound: max_sends, the link).
+#define DUE_ON_LINK "waiting=1 and (sends=0 or (sends<? and link<>?))"
+const char* const to_send_statement = OUTBOX_COLUMNS "where " DUE_ON_LINK " order by id";
+const char* const sendable_statement =
+    OUTBOX_COLUMNS "where " DUE_ON_LINK " and mark='' order by id limit ?";
 const char* const marks_due_statement = OUTBOX_COLUMNS "where mark<>'' order by id";
 
 // An entry leaves when nothing is left to do for it.
@@ -199,9 +201,7 @@ int outbox_store::to_send(unsigned link, std::vector<outbox_entry>& out) {
 bool outbox_store::due(long id, unsigned link) {
     db_lock guard(own_.drv);
     return open() && sqlite_count_bound(
-                         own_.drv,
-                         "select count(*) from outbox where id=? and waiting=1 and "
-                         "(sends=0 or (sends<? and link<>?))",
+                         own_.drv, "select count(*) from outbox where id=? and " DUE_ON_LINK,
                          {static_cast<long long>(id), max_sends, static_cast<long long>(link)}) > 0;
 }
 
