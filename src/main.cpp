@@ -637,7 +637,9 @@ int main(int argc, char** argv) {
     char buffer[4096];
     for (;;) {
         notify.beat(notify_part::main_loop);
-        sync.watch(link);
+        // After the records read so far: a resync's records that came before
+        // a lost link still count for it.
+        if (sync.running()) records.in_order([&sync, &link] { sync.watch(link); });
         state.watch_pms();
         if (!link.is_open() && !state.connect_pms()) {
             signal_handle_all();

@@ -37,6 +37,11 @@ void resync::link_started() {
     if (running_) stop("the PMS started the link anew");
 }
 
+bool resync::running() {
+    mutex_lock guard(mutex_);
+    return running_;
+}
+
 void resync::watch(const pms_link& link) {
     mutex_lock guard(mutex_);
     if (!running_) return;

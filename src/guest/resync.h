@@ -8,8 +8,10 @@
 //
 // Contract:
 //  - main makes one resync and hands it to the record dispatcher; any record
-//    worker may call its handlers, and the main loop watch(). Its state is
-//    kept under one mutex, which is never held while a database is used.
+//    worker may call its handlers, and the main loop watch() (with ordered
+//    records in the records' order, so that a resync's records read before
+//    a lost link still count). Its state is kept under one mutex, which is
+//    never held while a database is used.
 //  - A resync stops without checking anything out when no record of it came
 //    for resync_stall_limit() (process.h), when the link it started on is
 //    lost, or when the PMS starts the link anew; this is logged.
@@ -36,6 +38,8 @@ class resync {
     bool confirms(const record_context& ctx);
     // Ends a resync that went quiet or lost its link (called now and then).
     void watch(const pms_link& link);
+    // Whether a resync is under way (between "DS" and its end).
+    bool running();
 
     // Runs `job`, the work of `room`, at once or on the room's turn.
     using room_runner = std::function<void(const std::string& room, std::function<void()> job)>;

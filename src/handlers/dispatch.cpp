@@ -126,10 +126,13 @@ bool tell_dialer(const config& cfg, wakeup_dialer& dialer, fias_packet_t& p,
 }
 
 // The PMS starts the link: answer with our description and "LA". A night
-// audit or a resync of the previous start-up ends here.
+// audit or a resync of the previous start-up ends here, after the records
+// that came before.
 void do_link_start(const record_context& ctx, const record_parts& parts) {
-    parts.audit.close("new link start-up");
-    parts.sync.link_started();
+    parts.in_order([&parts] {
+        parts.audit.close("new link start-up");
+        parts.sync.link_started();
+    });
     const opt_text& interface = ctx.cfg->pmsinterface;
     ctx.link.init_connection(interface ? interface->c_str() : "", announced_records(*ctx.cfg),
                              announced_fields(*ctx.cfg));
@@ -208,6 +211,7 @@ record_dispatcher::record_dispatcher(const record_parts& parts, bool ordered)
     : parts_(parts), ordered_(ordered) {
     // Work of one room outside its record (a resync's check-outs): on the
     // room's queue when Manager actions are configured, else at once.
+    parts_.in_order = [this](std::function<void()> job) { in_order(std::move(job)); };
     parts_.for_room = [this](const std::string& room, std::function<void()> job) {
         if (parts_.configs.current()->uses_actions())
             room_jobs_.submit(room, std::move(job));
@@ -313,10 +317,19 @@ void record_dispatcher::handle(const char* record) {
     } else {
         {
             mutex_lock guard(mutex_);
-            queue_.push_back(record);
+            queue_.push_back({record, nullptr});
         }
         changed_.notify_one();
     }
+}
+
+void record_dispatcher::in_order(std::function<void()> job) {
+    if (!ordered_) return job();
+    {
+        mutex_lock guard(mutex_);
+        queue_.push_back({"", std::move(job)});
+    }
+    changed_.notify_one();
 }
 
 bool record_dispatcher::stop(std::chrono::steady_clock::time_point deadline) {
@@ -331,15 +344,18 @@ bool record_dispatcher::stop(std::chrono::steady_clock::time_point deadline) {
 
 void record_dispatcher::run_ordered() {
     for (;;) {
-        std::string data;
+        queued next;
         {
             mutex_lock guard(mutex_);
             while (queue_.empty() && !stopping_) changed_.wait(mutex_);
             if (queue_.empty()) return;  // stopping, and every record handled
-            data = std::move(queue_.front());
+            next = std::move(queue_.front());
             queue_.pop_front();
         }
-        process_fias_packet(data);
+        if (next.job)
+            next.job();
+        else
+            process_fias_packet(next.record);
     }
 }
 

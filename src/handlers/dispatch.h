@@ -23,6 +23,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -50,8 +51,12 @@ struct record_parts {
     const mgr_session_slot& manager;
     posting_sequence& sequence;              // the process's posting numbers
     resync::room_runner for_room = nullptr;  // set by the dispatcher
-    wakeup_dialer* wakeup = nullptr;         // told of wake-up records, check-outs and moves
-    posting_sender* sender = nullptr;        // told of settled posting answers
+    // Runs work that follows from a link event (a link start-up, a lost
+    // link) after the records read before the event: record_dispatcher::
+    // in_order(); set by the dispatcher.
+    std::function<void(std::function<void()>)> in_order = nullptr;
+    wakeup_dialer* wakeup = nullptr;   // told of wake-up records, check-outs and moves
+    posting_sender* sender = nullptr;  // told of settled posting answers
 };
 
 struct record_context;
@@ -71,6 +76,11 @@ class record_dispatcher {
     record_dispatcher& operator=(const record_dispatcher&) = delete;
 
     void handle(const char* record);
+    // Runs `job` in the records' order: with ordered records after every
+    // record handed over before it (by the ordered worker), else at once.
+    // For what a link event does to the records' own state (a resync, a
+    // night audit), which the records read before the event still belong to.
+    void in_order(std::function<void()> job);
     // True when the ordered worker (if any) ended before `deadline`.
     bool stop(std::chrono::steady_clock::time_point deadline);
 
@@ -91,7 +101,12 @@ class record_dispatcher {
     bool ordered_;
     annotated_mutex mutex_;
     std::condition_variable_any changed_;
-    std::deque<std::string> queue_ GUARDED_BY(mutex_);
+    // A record text, or work to run in its place (in_order()).
+    struct queued {
+        std::string record;
+        std::function<void()> job;
+    };
+    std::deque<queued> queue_ GUARDED_BY(mutex_);
     bool stopping_ GUARDED_BY(mutex_) = false;
     owned_thread worker_;
     // With Manager action steps, each room's records in turn.
