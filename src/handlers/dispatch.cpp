@@ -209,9 +209,9 @@ const handler_entry plain_checkin = PLAIN(FIAS_GI, do_checkin);
 
 record_dispatcher::record_dispatcher(const record_parts& parts, bool ordered)
     : parts_(parts), ordered_(ordered) {
+    parts_.in_order = [this](std::function<void()> job) { in_order(std::move(job)); };
     // Work of one room outside its record (a resync's check-outs): on the
     // room's queue when Manager actions are configured, else at once.
-    parts_.in_order = [this](std::function<void()> job) { in_order(std::move(job)); };
     parts_.for_room = [this](const std::string& room, std::function<void()> job) {
         if (parts_.configs.current()->uses_actions())
             room_jobs_.submit(room, std::move(job));
