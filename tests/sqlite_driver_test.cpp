@@ -158,4 +158,49 @@ TEST_F(SqliteDriver, SynchronousNormalOnlyOnAFileInWalMode) {
         << read_file(dir_.file("test.log"));
 }
 
+TEST_F(SqliteDriver, AWholeCheckpointAndTheNewLogStartedByAWriteThatChangesNothing) {
+    ASSERT_EQ(connect("wal.db"), 0);
+    drv_->query("pragma journal_mode=wal");
+    drv_->query("create table t (a)");
+    drv_->query("pragma user_version=7");
+    for (int i = 0; i < 3; ++i) drv_->query("insert into t values (1)");
+    dbdriver_ptr other = sqlite_create_drv("other");
+    ASSERT_EQ(other->connect(nullptr, 0, nullptr, nullptr, dir_.file("wal.db").c_str()), 0);
+    other->query("select count(*) from t");  // a connection knows the log once it read
+    // The frames of the log, and how many a passive checkpoint wrote.
+    auto log = [&] {
+        other->query("pragma wal_checkpoint(passive)");
+        int frames = -1;
+        int written = -1;
+        if (other->fetch_row() == 0) {
+            other->fetch_int_field(1, &frames);
+            other->fetch_int_field(2, &written);
+        }
+        return std::make_pair(frames, written);
+    };
+    EXPECT_TRUE(sqlite_checkpoint(*other));
+    ASSERT_GT(log().first, 1);
+
+    // Inside a transaction it does nothing, and leaves the transaction open.
+    ASSERT_EQ(sqlite_begin(*drv_), 0);
+    drv_->query("insert into t values (2)");
+    EXPECT_EQ(sqlite_restart_log(*drv_), 0);
+    EXPECT_TRUE(sqlite_in_transaction(*drv_));
+    drv_->query("rollback");
+
+    // Outside one, the log starts anew with the one page it wrote.
+    EXPECT_EQ(sqlite_restart_log(*drv_), 0);
+    EXPECT_EQ(log(), std::make_pair(1, 1));
+    drv_->query("select count(*) from t");
+    EXPECT_EQ(walk(0), rows{"3"});
+    drv_->query("pragma user_version");
+    EXPECT_EQ(walk(0), rows{"7"});
+
+    // Not in WAL mode: no log to write.
+    dbdriver_ptr plain = sqlite_create_drv("plain");
+    ASSERT_EQ(plain->connect(nullptr, 0, nullptr, nullptr, dir_.file("plain.db").c_str()), 0);
+    plain->query("create table t (a)");
+    EXPECT_FALSE(sqlite_checkpoint(*plain));
+}
+
 }  // namespace

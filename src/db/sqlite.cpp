@@ -159,11 +159,30 @@ class sqlite_handler_t final : public db_handle {
     }
 
     // Writes the write-ahead log into the file as far as no reader holds it
-    // back, without waiting for anybody.
-    void checkpoint() {
-        if (sqlite_)
-            sqlite3_wal_checkpoint_v2(sqlite_.get(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr,
-                                      nullptr);
+    // back, without waiting for anybody; true when it wrote all of it.
+    bool checkpoint() {
+        int frames = 0;
+        int written = 0;
+        return sqlite_ &&
+               sqlite3_wal_checkpoint_v2(sqlite_.get(), nullptr, SQLITE_CHECKPOINT_PASSIVE, &frames,
+                                         &written) == SQLITE_OK &&
+               frames > 0 && written == frames;
+    }
+
+    // A write of the user version as it is (see sqlite_restart_log()).
+    int restart_log() {
+        if (!sqlite_ || begin(true) != 0) return 0;
+        sqlite3_stmt* st = prepared("PRAGMA user_version");
+        long long version = -1;
+        if (st) {
+            if (sqlite3_step(st) == SQLITE_ROW) version = sqlite3_column_int64(st, 0);
+            sqlite3_reset(st);
+        }
+        if (version < 0 || query(("PRAGMA user_version=" + std::to_string(version)).c_str()) != 0) {
+            sqlite3_exec(sqlite_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+            return -1;
+        }
+        return commit();
     }
 
     int fetch_row() override {
@@ -345,8 +364,14 @@ int sqlite_commit(dbdriver_t& drv) {
     return h ? h->commit() : -1;
 }
 
-void sqlite_checkpoint(dbdriver_t& drv) {
-    if (auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get())) h->checkpoint();
+bool sqlite_checkpoint(dbdriver_t& drv) {
+    auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
+    return h && h->checkpoint();
+}
+
+int sqlite_restart_log(dbdriver_t& drv) {
+    auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
+    return h ? h->restart_log() : -1;
 }
 
 int sqlite_query_bound(dbdriver_t& drv, const char* sql,

@@ -81,5 +81,13 @@ int sqlite_commit(dbdriver_t& drv) REQUIRES(drv);
 void sqlite_set_sync_normal(dbdriver_t& drv, bool normal);
 
 // Writes the write-ahead log of an SQLite record's open connection into its
-// file as far as readers allow, without waiting (nothing logged).
-void sqlite_checkpoint(dbdriver_t& drv) REQUIRES(drv);
+// file as far as readers allow, without waiting (nothing logged). True when
+// the log held frames and all of them were written: the next write then
+// starts the log anew.
+bool sqlite_checkpoint(dbdriver_t& drv) REQUIRES(drv);
+// A write that changes nothing (the file's user version written back as it
+// is), in a transaction of its own; nothing when one is open. After a
+// checkpoint that wrote the whole log, it starts the log anew, and the first
+// write into a new log syncs the log's header: a disk flush, made by this
+// write instead of the next one. -1 when it failed (logged).
+int sqlite_restart_log(dbdriver_t& drv) REQUIRES(drv);

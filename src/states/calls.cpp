@@ -4,6 +4,7 @@
 #include "states/calls.h"
 
 #include <cstdlib>
+#include <optional>
 #include <utility>
 
 #include "db/sqlite.h"
@@ -262,9 +263,21 @@ void call_cache::checkpoint() {
     // With the sender the checkpoint runs on the other connection, so that
     // the sender, the answers and the capture go on writing meanwhile (a
     // passive checkpoint waits for no writer); unless that one is closed.
+    // Once it wrote the whole log, the writers' connection starts the new
+    // log here: otherwise the commit of the next call (which waits for it
+    // to go out to the PMS), or of the next answer, would sync the new log's
+    // header. When a group is open, the group's commit does it.
     if (one_) {
-        db_lock guard(main_.drv);
-        if (main_.connect()) return sqlite_checkpoint(main_.drv);
+        std::optional<bool> whole;  // none: the other connection is closed
+        {
+            db_lock guard(main_.drv);
+            if (main_.connect()) whole = sqlite_checkpoint(main_.drv);
+        }
+        if (whole.value_or(false)) {
+            db_lock guard(own_.drv);
+            if (own_.open_group() == 0 && own_.connect()) sqlite_restart_log(own_.drv);
+        }
+        if (whole) return;
     }
     dbdriver_t& drv = table().drv;
     db_lock guard(drv);
