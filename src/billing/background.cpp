@@ -423,6 +423,10 @@ void queue_cached(pass_env& env, const config& cfg, const std::vector<std::strin
             continue;
         }
         std::vector<call_row> rows;
+        // While the pass has made nothing, a call that waits to be posted
+        // or an answer goes first; a pass that makes postings goes on, as
+        // the sender waits for them.
+        if (made.empty()) states.own_connection().give_way();
         states.calls().unposted(room, rows);
         if (rows.empty()) {
             sender.release({room});

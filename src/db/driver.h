@@ -20,6 +20,7 @@
 //    whole process.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -103,9 +104,20 @@ struct CAPABILITY("database record") dbdriver_t {
     void free_result() REQUIRES(this) { dbhandle->free_result(); }
     void close() REQUIRES(this) { dbhandle->close(); }
     int is_connected() REQUIRES(this) { return dbhandle->is_connected(); }
-    void lock() ACQUIRE() { mutex_.lock(); }
+    // A thread that finds the lock taken counts as waiting until it has it
+    // (waiting()), so that a long pass of small steps can give way to it
+    // between two steps: the lock goes to whichever thread asks first, and
+    // the pass would ask again before a waiting thread is awake.
+    void lock() ACQUIRE() {
+        if (mutex_.try_lock()) return;
+        waiting_.fetch_add(1, std::memory_order_relaxed);
+        mutex_.lock();
+        waiting_.fetch_sub(1, std::memory_order_relaxed);
+    }
     void unlock() RELEASE() { mutex_.unlock(); }
     bool try_lock() TRY_ACQUIRE(true) { return mutex_.try_lock(); }
+    // The threads waiting for the lock now.
+    int waiting() const { return waiting_.load(std::memory_order_relaxed); }
 
     // connect() with the record's own settings (the connection test's order to
     // reconnect). The port is handed over as a 16-bit number.
@@ -123,6 +135,7 @@ struct CAPABILITY("database record") dbdriver_t {
 
   private:
     annotated_mutex mutex_;
+    std::atomic<int> waiting_{0};
 };
 
 using dbdriver_ptr = std::shared_ptr<dbdriver_t>;

@@ -1,6 +1,7 @@
 #include "states/connection.h"
 
 #include <cstdlib>
+#include <thread>
 
 #include "db/sqlite.h"
 
@@ -43,6 +44,13 @@ int states_connection::flush_group(bool due_only) {
     if (due_only && std::chrono::steady_clock::now() - group_since_ < group_period) return 0;
     grouped_ = false;
     return sqlite_commit(drv);
+}
+
+void states_connection::give_way() const {
+    using clock = std::chrono::steady_clock;
+    const auto until = clock::now() + std::chrono::milliseconds(1);
+    while (drv.waiting() > 0 && clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
 }
 
 bool states_connection::make_tables(bool& made, std::initializer_list<const char*> statements) {

@@ -46,6 +46,11 @@ class states_connection {
     int flush_group_of(unsigned long group) REQUIRES(drv) {
         return group != 0 && open_group() == group ? flush_group(false) : 0;
     }
+    // Lets the threads that wait for the lock have it first, waiting for
+    // them at most 1 ms: a pass that takes the lock once per room calls it
+    // between two rooms, without the lock, so that a call that waits to be
+    // posted, or an answer, does not wait for the whole pass.
+    void give_way() const;
     // Runs `statements` (which make a store's tables when missing) unless
     // `made` says they ran; `made` is set only outside a transaction, as a
     // rollback takes away what a transaction made. False when one fails.
@@ -57,7 +62,7 @@ class states_connection {
   private:
     friend class states_transaction;
     bool tuned_ GUARDED_BY(drv) = false;
-    bool grouped_ GUARDED_BY(drv) = false;  // a group is open
+    bool grouped_ GUARDED_BY(drv) = false;      // a group is open
     unsigned long groups_ GUARDED_BY(drv) = 0;  // groups opened
     // A states_transaction runs as a savepoint inside the group: connect()
     // leaves the group open under it.
