@@ -89,5 +89,6 @@ bool sqlite_checkpoint(dbdriver_t& drv) REQUIRES(drv);
 // is), in a transaction of its own; nothing when one is open. After a
 // checkpoint that wrote the whole log, it starts the log anew, and the first
 // write into a new log syncs the log's header: a disk flush, made by this
-// write instead of the next one. -1 when it failed (logged).
+// write instead of the next one. -1 when it failed (a failed write is
+// logged).
 int sqlite_restart_log(dbdriver_t& drv) REQUIRES(drv);
