@@ -11,10 +11,19 @@
 //  - idle: once every answer is settled (the outbox empty), the CPU time of
 //    the daemon (utime + stime of /proc/<pid>/stat) per 10-second cycle;
 //  - latency: [posting] immediate, from a Cdr event written by the Manager
-//    simulator to its "PS" at the PMS simulator, for calls 20 ms apart.
-// Each figure is printed with its target. A plain program: no arguments.
+//    simulator to its "PS" at the PMS simulator, for calls 20 ms apart; and
+//    its floor in the same run: a plain relay process that does, for each
+//    call, the one commit a posting needs before it goes out (the call in the
+//    cache, its posting in the outbox, the call marked, the posting number)
+//    on another copy of the states file, then writes the "PS".
+// Each figure is printed with its target. A plain program: no arguments (the
+// relay is the program run again as "posting_bench relay IN OUT FILE").
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,6 +35,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -68,8 +78,10 @@ std::string field(const std::string& text, const char* name) {
 // The states file as the daemon makes it, filled like billing_bench's.
 bool make_states(const std::string& path) {
     {
+        // With the outbox's tables, which the latency floor's relay writes
+        // to (marking no posting makes them).
         states_file states;
-        if (states.open(path) != 0) return false;
+        if (states.open(path) != 0 || states.outbox().marked(0) < 0) return false;
     }
     sqlite3* db = nullptr;
     sqlite3_stmt* st = nullptr;
@@ -189,6 +201,132 @@ double floor_seconds(std::chrono::microseconds delay) {
     return took;
 }
 
+struct socket_fd {
+    int fd;
+    ~socket_fd() {
+        if (fd >= 0) close(fd);
+    }
+};
+
+// The latency floor's relay (its own process): reads calls as lines "room
+// destination start" from port `in`, and for each runs the statements of a
+// posting's one commit on `db`, with the daemon's settings for the states
+// file, then writes its "PS" to port `out`. Returns when `in` closes.
+int relay_main(int in, int out, const char* db_path) {
+    using db_ptr = std::unique_ptr<sqlite3, decltype(&sqlite3_close)>;
+    using statement_ptr = std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)>;
+    sqlite3* opened = nullptr;
+    const bool open = sqlite3_open(db_path, &opened) == SQLITE_OK;
+    const db_ptr db(opened, sqlite3_close);
+    if (!open || sqlite3_exec(db.get(),
+                              "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; "
+                              "PRAGMA cache_size=-16384; PRAGMA wal_autocheckpoint=100000",
+                              nullptr, nullptr, nullptr) != SQLITE_OK)
+        return 1;
+    const char* const statements[] = {
+        "insert into cdrcache (src, dst, start, billsec, c_from, uniqueid) values "
+        "(?1, ?2, ?3, 60, ?1, ?4)",
+        "insert into outbox (kind, seq, room, number, date, time, record) values "
+        "('PS', ?4, ?1, ?2, '240501', '100000', ?5)",
+        "update cdrcache set userfield = ?5 where rowid = ?6",
+        "replace into sequence values ('posting', ?4)"};
+    std::vector<statement_ptr> st;
+    for (const char* sql : statements) {
+        sqlite3_stmt* s = nullptr;
+        const bool ok = sqlite3_prepare_v2(db.get(), sql, -1, &s, nullptr) == SQLITE_OK;
+        st.emplace_back(s, sqlite3_finalize);
+        if (!ok) return 1;
+    }
+    const socket_fd to{connect_loopback(out)}, from{connect_loopback(in)};
+    if (to.fd < 0 || from.fd < 0) return 1;
+    const int one = 1;
+    setsockopt(to.fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    std::string pending;
+    char buf[4096];
+    for (int number = 1;;) {
+        const ssize_t n = read(from.fd, buf, sizeof buf);
+        if (n <= 0) return 0;
+        pending.append(buf, static_cast<size_t>(n));
+        for (size_t end; (end = pending.find('\n')) != std::string::npos;
+             pending.erase(0, end + 1), number = number % 9999 + 1) {
+            std::istringstream line(pending.substr(0, end));
+            std::string room, dst, date, time;
+            line >> room >> dst >> date >> time;
+            char seq[16];
+            snprintf(seq, sizeof seq, "%04d", number);
+            const std::string ps =
+                "PS|RN" + room + "|DD" + dst + "|P#" + seq + "|DU000060|DA240501|TI100000|PTT|";
+            const std::string start = date + " " + time;
+            sqlite3_exec(db.get(), "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+            sqlite3_int64 call = 0;  // the cache's row of the call
+            for (const statement_ptr& s : st) {
+                // Each statement takes the parameters it names.
+                sqlite3_bind_text(s.get(), 1, room.c_str(), -1, SQLITE_TRANSIENT);
+                sqlite3_bind_text(s.get(), 2, dst.c_str(), -1, SQLITE_TRANSIENT);
+                sqlite3_bind_text(s.get(), 3, start.c_str(), -1, SQLITE_TRANSIENT);
+                sqlite3_bind_text(s.get(), 4, seq, -1, SQLITE_TRANSIENT);
+                sqlite3_bind_text(s.get(), 5, ps.c_str(), -1, SQLITE_TRANSIENT);
+                sqlite3_bind_int64(s.get(), 6, call);
+                sqlite3_step(s.get());
+                sqlite3_reset(s.get());
+                if (call == 0) call = sqlite3_last_insert_rowid(db.get());
+            }
+            if (sqlite3_exec(db.get(), "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK ||
+                !write_all(to.fd, "\x02" + ps + "\x03"))
+                return 1;
+        }
+    }
+}
+
+// The latency floor: calls 20 ms apart through the relay, on a copy of
+// `states`; the Cdr event to "PS" times in ms, sorted (empty on failure).
+std::vector<double> relay_latencies(const std::string& states, const std::string& dir) {
+    const std::string db = dir + "/relay.db";
+    std::filesystem::copy_file(states, db);
+    pms_watch watch;
+    pms_sim::options opts;
+    opts.on_frame = [&watch](const pms_sim::frame& f) { watch.on_frame(f); };
+    pms_sim pms(opts);
+    int port = 0;
+    const int listener = pms.start() ? listen_loopback(0, &port) : -1;
+    if (listener < 0) return {};
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const std::string in = std::to_string(port), out = std::to_string(pms.port());
+        execl("/proc/self/exe", "posting_bench", "relay", in.c_str(), out.c_str(), db.c_str(),
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    pollfd ready{listener, POLLIN, 0};
+    const int fd = pid > 0 && poll(&ready, 1, 10000) == 1 ? accept(listener, nullptr, nullptr) : -1;
+    close(listener);
+    std::vector<std::pair<std::string, clock_type::time_point>> sent;
+    if (fd >= 0) {
+        const int one = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        const auto start = clock_type::now();
+        for (int i = 0; i < kLatencyCalls; ++i) {
+            std::this_thread::sleep_until(start + 20ms * i);
+            const std::string dst = kLatencyPrefix + std::to_string(10000 + i);
+            char when[32];
+            snprintf(when, sizeof when, "2024-05-01 10:%02d:%02d", i / 60 % 60, i % 60);
+            sent.emplace_back(dst, clock_type::now());
+            if (!write_all(fd, room_name(i * 7 % kRooms) + " " + dst + " " + when + "\n")) break;
+        }
+        wait_for([&] { return watch.ps >= static_cast<int>(sent.size()); }, 10s);
+        close(fd);
+    }
+    if (pid > 0) waitpid(pid, nullptr, 0);
+    std::vector<double> ms;
+    std::lock_guard<std::mutex> g(watch.mutex);
+    for (const auto& [dst, at] : sent)
+        if (auto it = watch.ps_by_dst.find(dst); it != watch.ps_by_dst.end())
+            ms.push_back(std::chrono::duration<double, std::milli>(it->second - at).count());
+    std::sort(ms.begin(), ms.end());
+    if (ms.size() < static_cast<size_t>(kLatencyCalls)) return {};
+    return ms;
+}
+
 // One daemon run on a copy of `states`: the burst, then (with `more`) the
 // idle cycle and the immediate posting latency. false when it failed.
 bool daemon_run(const std::string& states, std::chrono::microseconds delay, bool more,
@@ -249,9 +387,14 @@ bool daemon_run(const std::string& states, std::chrono::microseconds delay, bool
         print("idle: daemon CPU per 10 s billing cycle", (cpu_seconds(pid) - cpu0) / cycles, "s",
               "< 0.05 s");
 
+        const std::vector<double> relay = relay_latencies(states, dir);
+        if (relay.empty()) {
+            fprintf(stderr, "posting_bench: the latency floor's relay failed\n");
+            ok = false;
+        }
         std::vector<std::pair<std::string, clock_type::time_point>> sent;
         const auto start = clock_type::now();
-        for (int i = 0; i < kLatencyCalls; ++i) {
+        for (int i = 0; ok && i < kLatencyCalls; ++i) {
             std::this_thread::sleep_until(start + 20ms * i);
             const std::string dst = kLatencyPrefix + std::to_string(10000 + i);
             const std::string room = room_name(i * 7 % kRooms);
@@ -272,16 +415,23 @@ bool daemon_run(const std::string& states, std::chrono::microseconds delay, bool
                         std::chrono::duration<double, std::milli>(it->second - at).count());
         }
         std::sort(ms.begin(), ms.end());
-        if (ms.size() < sent.size()) {
+        if (ok && ms.size() < sent.size()) {
             fprintf(stderr, "posting_bench: %zu of %d calls posted\n", ms.size(), kLatencyCalls);
             ok = false;
-        } else {
+        } else if (ok) {
             print("[posting] immediate: Cdr event to its PS, p50", ms[ms.size() / 2], "ms", "-");
             print("[posting] immediate: Cdr event to its PS, p99", ms[ms.size() * 99 / 100], "ms",
                   "< 1 ms");
             print("[posting] immediate: Cdr event to its PS, max", ms.back(), "ms", "-");
-            const auto slow = ms.end() - std::upper_bound(ms.begin(), ms.end(), 1.0);
-            print("[posting] immediate: calls over 1 ms", static_cast<double>(slow), "", "-");
+            const auto over = [](const std::vector<double>& v) {
+                return static_cast<double>(v.end() - std::upper_bound(v.begin(), v.end(), 1.0));
+            };
+            print("[posting] immediate: calls over 1 ms", over(ms), "", "-");
+            print("latency floor: plain relay, one commit, p50", relay[relay.size() / 2], "ms",
+                  "-");
+            print("latency floor: plain relay, one commit, p99", relay[relay.size() * 99 / 100],
+                  "ms", "-");
+            print("latency floor: plain relay, one commit, calls over 1 ms", over(relay), "", "-");
         }
     }
     kill(pid, SIGTERM);
@@ -291,7 +441,9 @@ bool daemon_run(const std::string& states, std::chrono::microseconds delay, bool
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    if (argc == 5 && std::string(argv[1]) == "relay")
+        return relay_main(atoi(argv[2]), atoi(argv[3]), argv[4]);
     set_level(4);
     const std::string states = work_dir() + "/template.db";
     bool ok = make_states(states);
