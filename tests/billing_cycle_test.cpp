@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "billing/background.h"
+#include "billing/outbox.h"
 #include "db/sqlite.h"
 #include "logger.h"
 #include "metrics.h"
@@ -222,6 +223,42 @@ TEST_F(BillingCycle, TheOutboxCarriesPostingsAndMarksAcrossARestart) {
     std::vector<states_file::outbox_entry> due;
     EXPECT_EQ(0, restarted.outbox().marks_due(due));
     EXPECT_TRUE(due.empty());
+}
+
+// Posting numbers coming round skip those still waiting. A pass reads which
+// wait for many numbers at once; what it read holds only while the sequence
+// has handed out fewer numbers than that since (a number can come to wait
+// only after a whole round).
+TEST(PostingNumbers, ComingRoundSkipThoseStillWaitingAsTheyAreNow) {
+    temp_dir dir;
+    states_file states;
+    ASSERT_EQ(0, states.open(dir.file("states.db")));
+    auto wait_under = [&states](const char* seq) {
+        states_file::outbox_entry e;
+        e.kind = "PS";
+        e.seq = seq;
+        e.room = "101";
+        e.record = std::string("PS|P#") + seq + "|RN101|";
+        return states.outbox().put(e) > 0;
+    };
+    ASSERT_TRUE(wait_under("0005") && wait_under("0006") && wait_under("9999"));
+    posting_sequence sequence;
+    sequence.last = 3;
+    waiting_numbers known;
+    std::vector<std::string> got;
+    for (int i = 0; i < 3; ++i) got.push_back(next_free_number(sequence, states, {"0007"}, &known));
+    EXPECT_EQ((std::vector<std::string>{"0004", "0008", "0009"}), got);
+
+    // Other threads hand out numbers; meanwhile one under 0010 came to wait
+    // (as after a whole round).
+    for (int i = 0; i < waiting_numbers::span; ++i) sequence.next();
+    ASSERT_TRUE(wait_under("0011"));
+    sequence.last = 9;
+    EXPECT_EQ("0010", next_free_number(sequence, states, {}, &known));
+    EXPECT_EQ("0012", next_free_number(sequence, states, {}, &known));
+    sequence.last = 9997;
+    EXPECT_EQ("9998", next_free_number(sequence, states, {}, &known));
+    EXPECT_EQ("0000", next_free_number(sequence, states, {}, &known));
 }
 
 TEST_F(BillingCycle, FilteredRowsAreMarkedFreeAndNeverPosted) {

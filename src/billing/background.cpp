@@ -415,6 +415,7 @@ void queue_cached(pass_env& env, const config& cfg, const std::vector<std::strin
         sender.wake();
     };
     static std::atomic<bool> complained{false};
+    waiting_numbers known;
     for (const std::string& room : rooms) {
         if (!sender.claim(room)) {
             // Another pass is storing this room's calls: immediate posting
@@ -438,7 +439,7 @@ void queue_cached(pass_env& env, const config& cfg, const std::vector<std::strin
                 if (row.cache_row > 0) drops.push_back(row.cache_row);
                 continue;
             }
-            std::string sequence = next_free_number(env.sequence, states, taken);
+            std::string sequence = next_free_number(env.sequence, states, taken, &known);
             while (sequence.empty()) {
                 store(true);
                 const unsigned long seen = sender.progress();
@@ -462,7 +463,8 @@ void queue_cached(pass_env& env, const config& cfg, const std::vector<std::strin
                         break;
                 }
                 env.parts.notify.beat(notify_part::billing);
-                sequence = next_free_number(env.sequence, states, taken);
+                known.forget();  // answers came
+                sequence = next_free_number(env.sequence, states, taken, &known);
             }
             complained = false;
             states_file::outbox_entry entry;  // its call is marked along with it

@@ -1,5 +1,9 @@
 #include "billing/outbox.h"
 
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
 #include "billing/sender.h"
 #include "logger.h"
 #include "metrics.h"
@@ -26,11 +30,35 @@ annotated_mutex sending;
 
 }  // namespace
 
+bool waiting_numbers::waiting(const std::string& number, const posting_sequence& sequence,
+                              states_file& states) {
+    const int n = std::atoi(number.c_str());
+    const unsigned long issued = sequence.issued.load();
+    if (n < low_ || n > high_ || issued - issued_ >= span) {
+        low_ = high_ = -1;
+        waiting_.clear();
+        const int high = std::min(n + span - 1, 9999);
+        char low_text[16], high_text[16];
+        snprintf(low_text, sizeof low_text, "%04d", n);
+        snprintf(high_text, sizeof high_text, "%04d", high);
+        // Unreadable: this number is looked at alone.
+        if (states.outbox().numbers_waiting(low_text, high_text, waiting_) != 0)
+            return states.outbox().number_waiting(number);
+        low_ = n;
+        high_ = high;
+        issued_ = issued;
+    }
+    return waiting_.count(number) > 0;
+}
+
 std::string next_free_number(posting_sequence& sequence, states_file& states,
-                             const std::set<std::string>& taken) {
+                             const std::set<std::string>& taken, waiting_numbers* known) {
     for (int tries = 0; tries < 10000; ++tries) {
         std::string number = sequence.next();
-        if (!taken.count(number) && !states.outbox().number_waiting(number)) return number;
+        if (taken.count(number)) continue;
+        if (known ? !known->waiting(number, sequence, states)
+                  : !states.outbox().number_waiting(number))
+            return number;
     }
     return "";
 }

@@ -36,11 +36,32 @@ struct outbox_parts {
 long deliver(const outbox_parts& parts, states_file::outbox_entry& entry,
              const char* error = nullptr);
 
+// Which posting numbers wait, read from the outbox for the next numbers at a
+// time: one look for up to `span` numbers instead of one for each. What it
+// read holds while the sequence hands out fewer than `span` numbers: a
+// number comes to wait only once handed out, and is handed out again only
+// after the sequence's whole round. A number answered since is skipped for
+// this round. One pass uses it; forget() after waiting for answers.
+class waiting_numbers {
+  public:
+    static constexpr int span = 256;
+    // Whether `number` (just handed out by `sequence`) waits.
+    bool waiting(const std::string& number, const posting_sequence& sequence, states_file& states);
+    void forget() { low_ = high_ = -1; }
+
+  private:
+    int low_ = -1, high_ = -1;  // the numbers read
+    unsigned long issued_ = 0;  // the sequence's count when read
+    std::set<std::string> waiting_;
+};
+
 // The next posting number ("P#") under which no posting of the outbox waits
 // (for its answer or to be sent), nor one of `taken`: numbers coming round
-// after 9999 skip those. Empty when every number waits.
+// after 9999 skip those. Empty when every number waits. With `known` the
+// outbox is looked at through it.
 std::string next_free_number(posting_sequence& sequence, states_file& states,
-                             const std::set<std::string>& taken = {});
+                             const std::set<std::string>& taken = {},
+                             waiting_numbers* known = nullptr);
 
 // Writes `entry`, stored in the outbox already (its id set), on the link
 // when it may go out now, as deliver() does after storing it.

@@ -7,6 +7,7 @@ std::string posting_sequence::next() {
     unsigned now;
     do now = before + 1 > 9999 ? 0 : before + 1;
     while (!last.compare_exchange_weak(before, now));
+    ++issued;
     char text[16];
     snprintf(text, sizeof text, "%04u", now);
     return text;

@@ -56,6 +56,8 @@ class posting_policy {
 // PMS link and, with the outbox, restarts. Any thread may call next().
 struct posting_sequence {
     std::atomic<unsigned> last{0};
+    // How many numbers next() has handed out.
+    std::atomic<unsigned long> issued{0};
     std::string next();
 };
 

@@ -152,6 +152,25 @@ bool outbox_store::number_waiting(const std::string& seq) {
                               {seq}) > 0;
 }
 
+int outbox_store::numbers_waiting(const std::string& low, const std::string& high,
+                                  std::set<std::string>& out) {
+    db_lock guard(own_.drv);
+    if (!open_keeping_group() ||
+        sqlite_query_bound(
+            own_.drv,
+            "select seq from outbox where kind='PS' and waiting=1 and seq between ? and ?",
+            {low, high}) != 0) {
+        own_.drv.free_result();
+        return -1;
+    }
+    while (own_.drv.fetch_row() == 0) {
+        std::string seq;
+        if (own_.drv.fetch_text_field(0, seq) >= 0) out.insert(std::move(seq));
+    }
+    own_.drv.free_result();
+    return 0;
+}
+
 std::optional<outbox_entry> outbox_store::settle_answer(const std::string& seq,
                                                         const std::string& billok,
                                                         const std::string& answer, bool grouped) {

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -57,6 +58,11 @@ class outbox_store {
     // Whether a posting numbered `seq` waits (for its answer, or to be sent):
     // its number is not to be used again until then.
     bool number_waiting(const std::string& seq);
+    // The same for the numbers from `low` to `high` (four digits each):
+    // those under which a posting waits go to `out`. -1 when they cannot be
+    // read.
+    int numbers_waiting(const std::string& low, const std::string& high,
+                        std::set<std::string>& out);
     // Settles the oldest posting `seq` that waits for its answer, in one
     // step, and returns it; nothing when none waits (answered already, or
     // never sent). With `billok` (a database name) its services:billok is
