@@ -342,6 +342,11 @@ class sqlite_handler_t final : public db_handle {
     int initialized_ = 0;
 };
 
+// The SQLite handler of `drv`; null when `drv` is of another kind.
+sqlite_handler_t* handler_of(dbdriver_t& drv) {
+    return dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
+}
+
 }  // namespace
 
 void sqlite_init_record(dbdriver_t& drv, const char* name) {
@@ -350,33 +355,33 @@ void sqlite_init_record(dbdriver_t& drv, const char* name) {
 }
 
 int sqlite_begin(dbdriver_t& drv, bool immediate) {
-    auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
+    auto* h = handler_of(drv);
     return h ? h->begin(immediate) : -1;
 }
 
 bool sqlite_in_transaction(dbdriver_t& drv) {
-    auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
+    auto* h = handler_of(drv);
     return h && h->in_transaction();
 }
 
 int sqlite_commit(dbdriver_t& drv) {
-    auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
+    auto* h = handler_of(drv);
     return h ? h->commit() : -1;
 }
 
 bool sqlite_checkpoint(dbdriver_t& drv) {
-    auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
+    auto* h = handler_of(drv);
     return h && h->checkpoint();
 }
 
 int sqlite_restart_log(dbdriver_t& drv) {
-    auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
+    auto* h = handler_of(drv);
     return h ? h->restart_log() : -1;
 }
 
 int sqlite_query_bound(dbdriver_t& drv, const char* sql,
                        std::initializer_list<sqlite_value> params) {
-    auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
+    auto* h = handler_of(drv);
     if (!h) return -1;
     if (!drv.stats) drv.stats = metrics::statements_of(drv.name);
     const auto started = std::chrono::steady_clock::now();
@@ -389,17 +394,17 @@ int sqlite_query_bound(dbdriver_t& drv, const char* sql,
 
 long long sqlite_count_bound(dbdriver_t& drv, const char* sql,
                              std::initializer_list<sqlite_value> params) {
-    auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
+    auto* h = handler_of(drv);
     return h ? h->count_bound(sql, params) : -1;
 }
 
 bool sqlite_has_table(dbdriver_t& drv, std::string_view name) {
-    auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get());
+    auto* h = handler_of(drv);
     return h && h->has_table(name);
 }
 
 void sqlite_set_sync_normal(dbdriver_t& drv, bool normal) {
-    if (auto* h = dynamic_cast<sqlite_handler_t*>(drv.dbhandle.get())) h->sync_normal_ = normal;
+    if (auto* h = handler_of(drv)) h->sync_normal_ = normal;
 }
 
 dbdriver_ptr sqlite_create_drv(const char* name) {
