@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <thread>
 
 #include "logger.h"
 #include "support.h"
@@ -202,17 +201,6 @@ TEST_F(SqliteDriver, AWholeCheckpointAndTheNewLogStartedByAWriteThatChangesNothi
     ASSERT_EQ(plain->connect(nullptr, 0, nullptr, nullptr, dir_.file("plain.db").c_str()), 0);
     plain->query("create table t (a)");
     EXPECT_FALSE(sqlite_checkpoint(*plain));
-}
-
-TEST_F(SqliteDriver, AThreadThatFindsTheLockTakenCountsAsWaitingUntilItHasIt) {
-    drv_->lock();
-    EXPECT_EQ(drv_->waiting(), 0);
-    std::thread waiter([this] { db_lock guard(*drv_); });
-    for (int i = 0; i < 5000 && drv_->waiting() == 0; ++i) usleep(1000);
-    EXPECT_EQ(drv_->waiting(), 1);
-    drv_->unlock();
-    waiter.join();
-    EXPECT_EQ(drv_->waiting(), 0);
 }
 
 }  // namespace
