@@ -5,7 +5,8 @@
 // file keeps its tables, the PMS parses no field the daemon did not put
 // there, room 102 (the bystander) is untouched, no ordinary call is lost,
 // the service manager, the log and /metrics hear only the daemon's own
-// words, and the daemon still runs. Then the attacks of the report, by name.
+// words, and the daemon still runs. Then a guest name that the exchange
+// carries back.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -542,7 +543,9 @@ INSTANTIATE_TEST_SUITE_P(Payloads, HostileValues,
                                     payloads[std::get<1>(param.param)].name;
                          });
 
-// The attacks of the report, black-box, under the shipped configuration.
+// The attack of the report that the table cannot play: a guest's name that
+// the check-in hands to the exchange and its calls carry back, black-box,
+// under the shipped configuration.
 void shipped(daemon_run& run) {
     run.use_manager();
     run.set("fixes", "all", "yes")
@@ -583,58 +586,6 @@ TEST(HostileAttacks, ACallerNamedResponseFollowsLosesNoCall) {
                   run.mgr.send_cdr(room_call("102", n).set("CallerID", "\"" + name + "\" <102>")));
     EXPECT_TRUE(wait_until([&] { return posted_for(run.pms, "102") == 5; }))
         << posted_for(run.pms, "102") << " of 5 calls posted";
-}
-
-TEST(HostileAttacks, DialledDigitsStayInTheirFieldAndRecord) {
-    daemon_run run;
-    shipped(run);
-    ASSERT_TRUE(run.start()) << run.log();
-    ASSERT_EQ(1, run.mgr.send_cdr(room_call("101", 1).set("Destination", "555|RN102|TA1")));
-    ASSERT_EQ(1, run.mgr.send_cdr(room_call("101", 2).set(
-                     "Destination", "555\x03\x02PS|P#9999|RN102|TA100000|\x03\x02")));
-    ASSERT_TRUE(run.pms.wait_for_count("PS|", 2, 10s)) << run.log();
-    std::this_thread::sleep_for(500ms);
-    for (const std::string& f : run.pms.frames()) {
-        EXPECT_EQ("", record_fault(f)) << shown(f);
-        EXPECT_EQ(std::string::npos, f.find("|RN102|")) << shown(f);
-        EXPECT_EQ(std::string::npos, f.find("|TA1|")) << shown(f);
-    }
-    EXPECT_EQ(2u, posted_for(run.pms, "101"));
-}
-
-TEST(HostileAttacks, ARoomNumberOfSqlLeavesTheStatesFileAlone) {
-    daemon_run run;
-    shipped(run);
-    run.set("pms", "room_max_length", "64");
-    ASSERT_TRUE(run.start()) << run.log();
-    const std::string schema = "select type, name from sqlite_master order by name";
-    const sql_rows tables = run.states(schema);
-    ASSERT_TRUE(run.play({"GI|RN1','x','y',0);DROP TABLE cdrcache;--|GNSmith|"}, "Guest checkin"))
-        << run.log();
-    EXPECT_EQ(tables, run.states(schema));
-    // Nothing attached: no file but the daemon's own is made.
-    for (const auto& e : std::filesystem::directory_iterator(run.dir().path())) {
-        const std::string name = e.path().filename();
-        EXPECT_TRUE(name.starts_with("states.db") || name.starts_with("pbx.db") ||
-                    name.starts_with("orlanbeck."))
-            << name;
-    }
-    ASSERT_EQ(1, run.mgr.send_cdr(room_call("101", 1)));
-    EXPECT_TRUE(run.pms.wait_for_frame("PS|", 10s)) << run.log();
-}
-
-TEST(HostileAttacks, ARoomNumberWithLineBreaksReachesTheServiceManagerAsText) {
-    daemon_run run;
-    notify_sim systemd(run.dir().file("notify.sock"));
-    run.env = {"NOTIFY_SOCKET=" + run.dir().file("notify.sock"), "WATCHDOG_USEC=2000000"};
-    shipped(run);
-    run.set("pms", "room_max_length", "64");
-    ASSERT_TRUE(run.start()) << run.log();
-    ASSERT_TRUE(run.pms.send_record("GI|RN101\nMAINPID=1\nWATCHDOG=trigger|GNSmith|"));
-    ASSERT_TRUE(systemd.wait("last record GI", 10s)) << systemd.all();
-    std::this_thread::sleep_for(500ms);
-    EXPECT_EQ("", notify_faults(systemd, run.process().pid())) << systemd.all();
-    EXPECT_TRUE(run.process().running());
 }
 
 }  // namespace
